@@ -1,0 +1,34 @@
+// The configuration store: this daemon's share of the camera's keys, mirrored to the configuration service.
+// Loop thread only; no locks.
+#pragma once
+
+#include <stddef.h>
+
+// Told about a notification of a registered key: value is not NUL-terminated and valid only during the call, or null
+// with length 0 when the notification carries none. Loop thread, once for every notification, never from kv_register.
+using kv_callback = void (*)(void* context, const char* value, size_t length);
+
+// Prepares the watchers and opens the link; while the service is away it is tried every second. Always 0.
+int kv_init();
+
+// Pushes what is left, closes the link and forgets everything.
+void kv_exit();
+
+// Has callback called for every notification of the key. 0, or -1 when memory runs out (nothing is kept).
+int kv_register(const char* name_space, const char* group, const char* key, kv_callback callback, void* context);
+
+// Sets a key to the first `length` bytes of value and pushes it at once if that is a change. A push that fails is
+// repeated when the link is open again.
+void kv_set_str(const char* name_space, const char* key, const char* value, size_t length);
+
+// The value last set or fetched, owned by the store; null when there is none. Never asks the service.
+const char* kv_get_str(const char* key);
+
+// Has the pending changes pushed on the loop.
+void kv_request_commit();
+
+// kv_set_str for a key of namespace "mem".
+void kvmem_set(const char* key, const char* value);
+
+// Fetches a key of namespace "mem" from the service, running the loop until the answer is there; see kv.cpp.
+void kvmem_sync(const char* key);

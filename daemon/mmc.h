@@ -1,0 +1,65 @@
+// The block device monitor: the kernel's uevents of the card slot and the table of the card's disk and partitions.
+// Loop thread only.
+#pragma once
+
+#include <ev.h>
+#include <stdint.h>
+
+constexpr unsigned MMC_BLOCK_MAJOR = 179;  // every block device of this major is taken for the card
+constexpr uint32_t MMC_MINOR_NONE = UINT32_MAX;
+constexpr int MMC_MAX_PARTITIONS = 7;
+
+enum mmc_state : uint32_t {
+    MMC_STATE_NONE = 0,     // no disk known, or it could not be opened
+    MMC_STATE_RDWR = 1,     // disk open and writable
+    MMC_STATE_RDONLY = 2,   // disk open, the kernel's read-only flag is set or unknown
+    MMC_STATE_EJECTED = 3,  // taken out of service on request
+};
+
+// What DEVTYPE says.
+enum mmc_block_type { MMC_BLOCK_NONE = 0, MMC_BLOCK_DISK = 1, MMC_BLOCK_PARTITION = 2 };
+
+// One block device.
+struct mmc_block {
+    uint32_t minor;    // MMC_MINOR_NONE when the slot is empty
+    char path[38];     // "/dev/mmcblk0p1", cut to fit; "" when the slot is empty
+    const char* name;  // into path, behind "/dev/"; null when the slot is empty
+};
+
+// The table. There is one, owned by this module; other modules read it.
+struct mmc_manager {
+    int32_t uevent_fd;  // -1 when closed
+    ev_io uevent_watcher;
+    mmc_state state;  // recomputed after every accepted batch of uevents and every rescan
+    int32_t disk_fd;  // the whole disk, opened read-write; -1 when closed
+    mmc_block disk;
+    mmc_block partitions[MMC_MAX_PARTITIONS];  // dense, in the order they were added; [count..] may be stale
+    int32_t partition_count;                   // 0 to MMC_MAX_PARTITIONS
+};
+
+mmc_manager* mmc_get_manager();
+mmc_state mmc_get_state();
+
+// The disk if it has this minor, else the first partition that has it, else null.
+mmc_block* mmc_get_block(uint32_t minor);
+
+// Opens the uevent socket and starts its watcher. Does not look for devices that are there already: mmc_rescan does.
+// 0, or -1 after an error line.
+int mmc_dev_init();
+void mmc_dev_exit();
+
+// Rebuilds the table from "/proc/partitions". 0; -1 when that cannot be read (the table is left empty and the state as
+// it was) or when the disk found cannot be opened.
+int mmc_rescan();
+
+// --- used inside the module and by its tests ---------------------------------------------------------------------
+
+// Applies one datagram. 0: it was about the card. -1: ignored.
+int uevent_parse(const char* buffer, int length);
+
+void mmc_new_block(const char* name, uint32_t minor, mmc_block_type type);
+void mmc_remove_block(const char* name, uint32_t minor, mmc_block_type type);
+void mmc_change_block(const char* name);
+
+// Recomputes the state from the kernel's read-only flag and asks for another look at the mount in two seconds.
+void mmc_refresh_rdonly();
