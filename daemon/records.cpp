@@ -1,0 +1,536 @@
+// The recordings. The clip index belongs to the record list library; this module keeps beside it a table of the period
+// directories with their sizes, so that the space the clips take can be told without reading every directory again.
+//
+// A scan of the folder costs one stat for each period and one more for each file of a period that has changed; an entry
+// takes some 70 bytes. Deleting the oldest clip costs the walk over the protected clips in front of it, nothing for
+// those behind it, so that the price of a clip does not grow with their number.
+//
+// After a bus fault the list is closed, but the folder's descriptor, the table and the timers stay as they are: the
+// recovery does no more than it must while the card is vanishing. record_dir_open and record_dir_close tidy them up.
+#include "records.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <ev.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <setjmp.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+#include <uthash.h>
+
+#include "kv.h"
+#include "kyt.h"
+#include "main.h"
+#include "sdcard.h"
+#include "vesk_util.h"
+
+namespace {
+
+constexpr mode_t RECORD_DIR_MODE = 0755;
+constexpr double RESCAN_PERIOD_S = 43200.0;
+constexpr double OPTIMISE_PERIOD_S = 1800.0;
+
+constexpr size_t CLIP_PATH_SIZE = 4096;
+constexpr size_t CLIP_BASE_SIZE = 4092;         // what of it the path without extension may take
+constexpr size_t RELATIVE = sizeof RECORD_DIR;  // where a clip's path below the folder begins, behind the slash
+static_assert(RELATIVE == 31);
+
+constexpr char MOTION_DIR[] = "/mnt/sdcard/ZOLTA_RECORD_MOTION";
+constexpr char MOTION_MESSAGE[] = "/motion_record_msg";
+
+constexpr char OP_LOG[] = "/mnt/sdcard/ZOLTA_RECORD_VIDEO/op.log";
+constexpr char OP_LOG_OLD[] = "/mnt/sdcard/ZOLTA_RECORD_VIDEO/op.log.0";
+constexpr off_t OP_LOG_ROTATE_BYTES = 2097153;
+
+// A period's directory.
+struct record_dir_entry {
+    uint32_t ts;    // of the period, from the directory's name; the key
+    int32_t mtime;  // of the directory, when it was last looked at
+    uint32_t size;  // bytes of the files directly inside; wraps at 32 bits
+    uint32_t seen;  // 1 when the current scan found the directory, else 0
+    UT_hash_handle hh;
+};
+
+int32_t record_dir_fd = -1;          // -1 when closed
+kyt_handle* record_list_handle;      // null: the list is unusable
+record_dir_entry* record_dir_table;  // in order of insertion; null when empty
+ev_timer rescan_timer;               // every 12 h while the folder is open
+ev_timer optimise_timer;             // every 30 min while the folder is open
+bool list_faulted;                   // a bus fault was met in the list and it is not closed yet
+
+// --- the table of period directories ---------------------------------------------------------------------------------
+
+record_dir_entry* find_entry(uint32_t ts) {
+    record_dir_entry* entry;
+    HASH_FIND(hh, record_dir_table, &ts, sizeof ts, entry);
+    return entry;
+}
+
+// The last entry takes the table with it.
+void free_entry(record_dir_entry* entry) {
+    HASH_DEL(record_dir_table, entry);
+    free(entry);
+}
+
+void clear_table() {
+    record_dir_entry* entry;
+    record_dir_entry* next;
+    HASH_ITER(hh, record_dir_table, entry, next) {
+        free_entry(entry);
+    }
+}
+
+int record_dir_sum_files(const char* name, uint32_t* size) {
+    int fd = openat(record_dir_fd, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) {
+        return -1;
+    }
+    DIR* dir = fdopendir(fd);
+    if (dir == nullptr) {
+        close(fd);
+        return -1;
+    }
+    uint32_t sum = 0;
+    while (const dirent* file = readdir(dir)) {
+        struct stat status;
+        if (file->d_type == DT_REG && fstatat(fd, file->d_name, &status, 0) == 0) {
+            sum += static_cast<uint32_t>(status.st_size);
+        }
+    }
+    closedir(dir);
+    *size = sum;
+    return 0;
+}
+
+int record_dir_scan_one(const char* name) {
+    uint32_t ts = kyt_path2ts(name, 0);
+    if (ts == 0) {
+        return -1;
+    }
+    record_dir_entry* entry = find_entry(ts);
+    struct stat status;
+    if (fstatat(record_dir_fd, name, &status, 0) < 0) {
+        if (entry != nullptr) {
+            free_entry(entry);
+        }
+        return -1;
+    }
+    auto mtime = static_cast<int32_t>(status.st_mtime);
+    if (entry != nullptr) {
+        // An unchanged directory is not read again: files inside it that grow in place go unnoticed.
+        if (entry->mtime != mtime && record_dir_sum_files(name, &entry->size) < 0) {
+            entry->size = 0;
+        }
+    } else {
+        uint32_t size;
+        if (record_dir_sum_files(name, &size) < 0) {
+            return -1;
+        }
+        entry = static_cast<record_dir_entry*>(malloc(sizeof *entry));
+        if (entry == nullptr) {
+            return -1;
+        }
+        entry->ts = ts;
+        entry->size = size;
+        HASH_ADD(hh, record_dir_table, ts, sizeof entry->ts, entry);  // ends the process when memory runs out
+    }
+    entry->mtime = mtime;
+    entry->seen = 1;
+    return 0;
+}
+
+int record_dir_scan() {
+    if (record_dir_fd < 0) {
+        return -1;
+    }
+    record_dir_entry* entry;
+    record_dir_entry* next;
+    HASH_ITER(hh, record_dir_table, entry, next) {
+        entry->seen = 0;
+    }
+    // The stream takes its descriptor with it when it is closed, so it gets one of its own; the position is shared.
+    int fd = fcntl(record_dir_fd, F_DUPFD_CLOEXEC, 0);
+    if (fd < 0) {
+        return -1;
+    }
+    (void)lseek(fd, 0, SEEK_SET);  // cannot fail on a directory that is open
+    DIR* dir = fdopendir(fd);
+    if (dir == nullptr) {
+        close(fd);
+        return -1;
+    }
+    while (const dirent* child = readdir(dir)) {
+        if (child->d_type == DT_DIR) {
+            (void)record_dir_scan_one(child->d_name);  // one directory's failure is not the scan's
+        }
+    }
+    closedir(dir);
+    HASH_ITER(hh, record_dir_table, entry, next) {
+        if (entry->seen == 0) {
+            free_entry(entry);
+        }
+    }
+    return 0;
+}
+
+// Everything but the list.
+void release_folder() {
+    ev_timer_stop(EV_DEFAULT, &rescan_timer);
+    ev_timer_stop(EV_DEFAULT, &optimise_timer);
+    clear_table();
+    if (record_dir_fd >= 0) {
+        close(record_dir_fd);
+        record_dir_fd = -1;
+    }
+}
+
+// --- callbacks -------------------------------------------------------------------------------------------------------
+
+void on_timer_rescan(struct ev_loop*, ev_timer*, int) {
+    (void)record_dir_scan();  // a failure leaves the table as it was; the next scan is in 12 hours
+}
+
+void on_timer_optimise(struct ev_loop*, ev_timer*, int) {
+    if (record_list_handle != nullptr) {
+        (void)kyt_optimise(record_list_handle);  // the list stays usable either way
+    }
+}
+
+// The recorder has announced a clip.
+void on_new_record(void*, const char* value, size_t length) {
+    if (value == nullptr) {
+        return;
+    }
+    kyt_record record = {};
+    if (kyt_record_parse(&record, value, length) < 0) {
+        log_debug("kyt_record_parse fail on %.*s", static_cast<int>(length), value);
+        return;
+    }
+    if (record_list_handle == nullptr) {
+        log_warning("The kyt is currently unusable, %u lost!", record.ts);
+        return;
+    }
+    if (kyt_record* stored = kyt_get(record_list_handle, record.ts)) {
+        log_warning("Overwrite %u", record.ts);
+        log_record("%u: overwrite\n", record.ts);
+        // The whole record, flags included: a mark is lost unless the announcement carries it, and that is intended.
+        *stored = record;
+    } else {
+        (void)kyt_write(record_list_handle, &record);  // a clip that found no room is found again by maintenance
+        log_record("%u: saved\n", record.ts);
+        log_debug("New record saved (ts = %u)", record.ts);
+    }
+    sdcard_refresh("New Record");
+}
+
+// --- deletion --------------------------------------------------------------------------------------------------------
+
+// strerror for any thread: the C library's own may keep the text in one buffer for all. strerror_r comes in two kinds,
+// one that fills the buffer and one that returns the text.
+[[maybe_unused]] const char* error_text(int, const char* buffer) {
+    return buffer;
+}
+[[maybe_unused]] const char* error_text(const char* text, const char*) {
+    return text;
+}
+struct error_string {
+    explicit error_string(int errnum) : text(error_text(strerror_r(errnum, buffer, sizeof buffer), buffer)) {}
+    char buffer[128] = "";
+    const char* text;
+};
+
+// The part of a path below the recordings folder; "" of a path that ends above it.
+const char* relative_path(const char* path) {
+    return strnlen(path, RELATIVE) == RELATIVE ? path + RELATIVE : "";
+}
+
+// Removes what the motion detector kept of a period whose clips are all gone. component: the period's directory with a
+// "/" before it. 0: it is gone. Positive: the errno of its message file's unlink. -1: the directory stays.
+int motion_event_record_delete(const char* component) {
+    char path[64];  // a component too long to be a period's is cut
+    int result;
+    // The second attempt looks for a message file that the first one has removed, so it ends with ENOENT unless the
+    // detector has written a new one in between. Kept as it stands.
+    for (int attempts = 0;; attempts = 1) {
+        snprintf(path, sizeof path, "%s%s%s", MOTION_DIR, component, MOTION_MESSAGE);
+        if (unlink(path) < 0) {
+            result = errno;
+            log_warning("%s: can not unlink %s: %s", __func__, path, error_string(result).text);
+            break;
+        }
+        snprintf(path, sizeof path, "%s%s", MOTION_DIR, component);
+        result = rmdir(path);
+        if (result == 0 || errno == ENOTEMPTY || attempts == 1) {
+            break;
+        }
+    }
+    if (result < 0) {
+        log_err("[%s-%d] empty dir fail\n", __func__, 168);
+    }
+    return result;
+}
+
+// Unlinks one file of a clip. 0, or -1 with unlink's errno, which the logs in between have disturbed.
+int unlink_clip_file(const char* path) {
+    const char* relative = relative_path(path);
+    if (unlink(path) < 0) {
+        const int errnum = errno;
+        const error_string error(errnum);
+        log_warning("%s: can not unlink %s: %s", "record_delete", relative, error.text);
+        log_record("%s: %s\n", relative, error.text);
+        errno = errnum;
+        return -1;
+    }
+    log_info("%s: unlink %s", "record_delete", relative);
+    log_record("%s: deleted\n", relative);
+    return 0;
+}
+
+// Deletes the oldest clip that carries no mark: the guarded region. 0, or -1 with errno.
+//
+// A bus fault jumps out of any of the kyt_ calls or of the look at a record's flags. So nothing here may own anything
+// at those places; what record_delete owns, it has released when it returns.
+int delete_oldest_unmarked() {
+    int result = -1;
+    kyt_record* cursor = nullptr;
+    while ((cursor = kyt_next(record_list_handle, cursor)) != nullptr) {
+        if (cursor->flags != 0) {
+            continue;  // any flag spares the clip, not the persistent mark alone
+        }
+        char path[CLIP_PATH_SIZE];
+        const int length = kyt_ts2path(cursor->ts, path, CLIP_BASE_SIZE, 0);
+        if (length < 0) {
+            break;
+        }
+        result = record_delete(path, sizeof path, length);
+        // A clip that is gone or cannot exist leaves a stale record behind, which goes on the way to the next clip.
+        const bool is_stale =
+            result != 0 && (errno == ENOENT || errno == ENOTDIR || errno == EISDIR || errno == ENAMETOOLONG);
+        if (result == 0 || is_stale) {
+            const int errnum = errno;
+            (void)kyt_mark_deleted(record_list_handle, cursor);
+            errno = errnum;
+        }
+        if (!is_stale) {
+            break;
+        }
+    }
+    return result;
+}
+
+// The bus fault's aftermath: the card was pulled under the list.
+//
+// The state is refreshed before the list is closed. While nobody has told the daemon yet that the card is gone, that
+// refresh may find it full as before and ask for the oldest clip again. SIGBUS stays blocked after the jump, because
+// the guard saves no signal mask, and a fault while it is blocked is the end of the process. Therefore the inner call
+// keeps its hands off the list: it fails like the outer one, the refresh settles for "full", and there is no second
+// recovery inside the first.
+void recover_from_bus_fault() {
+    log_err("%s: Received SIGBUS", "records_delete_oldest");
+    list_faulted = true;
+    sdcard_refresh("records_delete_oldest");
+    list_faulted = false;
+    if (record_list_handle != nullptr) {
+        kyt_close_dirty(record_list_handle);
+        record_list_handle = nullptr;
+    }
+    errno = EFAULT;
+}
+
+// --- the operation log -----------------------------------------------------------------------------------------------
+
+// The operation log never makes anything fail: a line that cannot be written is lost.
+void write_or_lose(int fd, const char* text, int length) {
+    if (length > 0) {
+        [[maybe_unused]] ssize_t written = write(fd, text, static_cast<size_t>(length));
+    }
+}
+
+}  // namespace
+
+int records_init() {
+    // Without SA_SIGINFO, although the handler looks at the information when it dumps. Kept exactly so: where the
+    // architecture passes none, the dump says so.
+    struct sigaction action = {};
+    action.sa_sigaction = on_sigbus;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGBUS, &action, nullptr);
+
+    ev_timer_init(&optimise_timer, on_timer_optimise, -1.0, -1.0);
+    if (kv_register("mem", "default", "sdcard_kyt", on_new_record, nullptr) < 0) {
+        log_crit("kv_register: %s", strerror(errno));
+    }
+    return 0;
+}
+
+void records_exit() {
+    record_dir_close(0);
+}
+
+void record_dir_open() {
+    if (record_list_handle != nullptr) {
+        return;
+    }
+    // What a bus fault has left: the old descriptor would hold the vanished card's mount for ever, a timer must not be
+    // initialised while it runs, and the table speaks of another card.
+    release_folder();
+
+    int fd;
+    while ((fd = open(RECORD_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC)) < 0) {
+        if (errno != ENOENT) {
+            log_err("Fail to open the record folder:%s", strerror(errno));
+            return;
+        }
+        if (mkdir(RECORD_DIR, RECORD_DIR_MODE) < 0) {
+            log_err("The record folder is not exists and it can not be created! %s", strerror(errno));
+            return;
+        }
+    }
+    log_info("Open record msg...");
+    kyt_handle* handle = kyt_open_rdwr();
+    if (handle == nullptr) {
+        log_err("Fail to open record list file: %s", strerror(errno));
+        close(fd);
+        return;
+    }
+    (void)kyt_optimise(handle);  // the list stays usable either way
+    log_info("The record msg load successfully\n");
+
+    record_dir_fd = fd;
+    if (record_dir_scan() < 0) {
+        log_err("Fail to scan record dir.");
+        record_dir_fd = -1;
+        kyt_close(handle);
+        close(fd);
+        return;
+    }
+    ev_timer_init(&rescan_timer, on_timer_rescan, RESCAN_PERIOD_S, RESCAN_PERIOD_S);
+    ev_timer_start(EV_DEFAULT, &rescan_timer);
+    optimise_timer.repeat = OPTIMISE_PERIOD_S;
+    ev_timer_again(EV_DEFAULT, &optimise_timer);
+    record_list_handle = handle;  // the sign for everybody that all of it is open
+}
+
+void record_dir_close(int dirty) {
+    if (record_list_handle != nullptr) {
+        if (dirty != 0) {
+            kyt_close_dirty(record_list_handle);
+        } else {
+            kyt_close(record_list_handle);
+        }
+        record_list_handle = nullptr;
+    }
+    release_folder();
+}
+
+uint64_t record_dir_size() {
+    (void)record_dir_scan();  // after a failure the old table counts
+    uint64_t size = 0;
+    for (const record_dir_entry* entry = record_dir_table; entry != nullptr;
+         entry = static_cast<const record_dir_entry*>(entry->hh.next)) {
+        size += entry->size;
+    }
+    return size;
+}
+
+void record_dir_dump() {
+    for (const record_dir_entry* entry = record_dir_table; entry != nullptr;
+         entry = static_cast<const record_dir_entry*>(entry->hh.next)) {
+        char path[1024] = "";
+        (void)kyt_ts2path(entry->ts, path, sizeof path, 0);  // leaves the path empty when it fails
+        const time_t mtime = entry->mtime;
+        log_debug("%s: %u@%s", path, entry->size, ctime(&mtime));
+    }
+}
+
+int records_delete_oldest() {
+    // volatile: it lives through the jump. What the walk itself keeps, the recovery has no use for.
+    volatile int result = -1;
+    if (list_faulted) {
+        errno = EFAULT;
+        return -1;  // called from inside the recovery, see there
+    }
+    if (record_list_handle != nullptr) {
+        bus_guard_thread = pthread_self();
+        if (sigsetjmp(bus_guard_jmp, 0) == 0) {
+            result = delete_oldest_unmarked();
+        } else {
+            recover_from_bus_fault();
+        }
+    }
+    bus_guard_thread = 0;
+    return result;
+}
+
+int record_delete(char* path, size_t size, int base_length) {
+    // A path that could not be formed comes with a negative length, and there is nothing before the buffer to write to.
+    if (base_length < 0 || static_cast<size_t>(base_length) >= size) {
+        errno = EINVAL;
+        return -1;
+    }
+    char* extension = path + base_length;
+    const size_t extension_size = size - static_cast<size_t>(base_length);
+
+    snprintf(extension, extension_size, "%s", ".jpeg");
+    (void)unlink_clip_file(path);  // a clip is its video: a missing image changes nothing
+    snprintf(extension, extension_size, "%s", ".mp4");
+    if (unlink_clip_file(path) < 0) {
+        return -1;
+    }
+
+    char* slash = strrchr(path, '/');
+    if (slash == nullptr) {
+        return 0;
+    }
+    *slash = '\0';
+    if (rmdir(path) == 0) {
+        if (const char* component = strrchr(path, '/')) {
+            (void)motion_event_record_delete(component);  // it has said what went wrong
+        }
+    } else if (errno != ENOTEMPTY) {
+        const error_string error(errno);
+        const char* relative = relative_path(path);
+        log_warning("%s: can note remove %s: %s\n", "record_delete", relative, error.text);  // letter for letter
+        log_record("%s: %s\n", relative, error.text);
+    }
+    return 0;
+}
+
+void log_record(const char* format, ...) {
+    int fd = open(OP_LOG, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        return;
+    }
+    struct stat status = {};
+    (void)fstat(fd, &status);  // without a size the line goes where it would have gone
+    if (status.st_size >= OP_LOG_ROTATE_BYTES) {
+        close(fd);
+        (void)rename(OP_LOG, OP_LOG_OLD);  // where that fails, the truncation keeps the log within its bounds
+        // Without close-on-exec: a child that starts at this very moment keeps the log open. It has always been so.
+        fd = open(OP_LOG, O_WRONLY | O_APPEND | O_CREAT | O_TRUNC, 0600);
+        if (fd < 0) {
+            return;
+        }
+    }
+    // Two writes and no lock: lines of two threads may interleave, which is accepted.
+    char text[CLIP_PATH_SIZE + sizeof(error_string)];  // holds every line that this daemon writes
+    write_or_lose(fd, text,
+                  snprintf(text, sizeof text, "%d-%lld: ", static_cast<int>(getpid()),
+                           static_cast<long long>(static_cast<int32_t>(time(nullptr)))));
+    va_list args;
+    va_start(args, format);
+    int length = vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    if (length >= static_cast<int>(sizeof text)) {
+        length = sizeof text - 1;
+    }
+    write_or_lose(fd, text, length);
+    close(fd);
+}
