@@ -21,20 +21,20 @@ enum mmc_block_type { MMC_BLOCK_NONE = 0, MMC_BLOCK_DISK = 1, MMC_BLOCK_PARTITIO
 
 // One block device.
 struct mmc_block {
-    uint32_t minor;    // MMC_MINOR_NONE when the slot is empty
-    char path[38];     // "/dev/mmcblk0p1", cut to fit; "" when the slot is empty
-    const char* name;  // into path, behind "/dev/"; null when the slot is empty
+    uint32_t minor = MMC_MINOR_NONE;  // MMC_MINOR_NONE when the slot is empty
+    char path[38] = "";               // "/dev/mmcblk0p1", cut to fit; "" when the slot is empty
+    const char* name = nullptr;       // into path, behind "/dev/"; null when the slot is empty
 };
 
 // The table. There is one, owned by this module; other modules read it.
 struct mmc_manager {
-    int32_t uevent_fd;  // -1 when closed
-    ev_io uevent_watcher;
-    mmc_state state;  // recomputed after every accepted batch of uevents and every rescan
-    int32_t disk_fd;  // the whole disk, opened read-write; -1 when closed
+    int32_t uevent_fd = -1;  // -1 when closed
+    ev_io uevent_watcher{};
+    mmc_state state = MMC_STATE_NONE;  // recomputed after every accepted batch of uevents and every rescan
+    int32_t disk_fd = -1;              // the whole disk, opened read-write; -1 when closed
     mmc_block disk;
     mmc_block partitions[MMC_MAX_PARTITIONS];  // dense, in the order they were added; [count..] may be stale
-    int32_t partition_count;                   // 0 to MMC_MAX_PARTITIONS
+    int32_t partition_count = 0;               // 0 to MMC_MAX_PARTITIONS
 };
 
 mmc_manager* mmc_get_manager();
@@ -44,7 +44,7 @@ mmc_state mmc_get_state();
 mmc_block* mmc_get_block(uint32_t minor);
 
 // Opens the uevent socket and starts its watcher. Does not look for devices that are there already: mmc_rescan does.
-// 0, or -1 after an error line.
+// 0, or -1 after an error line. From then on a socket that cannot be read ends the process.
 int mmc_dev_init();
 void mmc_dev_exit();
 
@@ -54,9 +54,11 @@ int mmc_rescan();
 
 // --- used inside the module and by its tests ---------------------------------------------------------------------
 
-// Applies one datagram. 0: it was about the card. -1: ignored.
+// Applies one datagram of `length` bytes; buffer[length] must be there and NUL. 0: it was about the card. -1: ignored.
 int uevent_parse(const char* buffer, int length);
 
+// name: as the kernel has it, without "/dev/". A new disk takes one second and empties the partitions: their own "add"
+// comes after it.
 void mmc_new_block(const char* name, uint32_t minor, mmc_block_type type);
 void mmc_remove_block(const char* name, uint32_t minor, mmc_block_type type);
 void mmc_change_block(const char* name);
