@@ -1,0 +1,387 @@
+// The public calls on an open list. All of them run on the loop thread and none waits for the card.
+#include "kyt.h"
+
+#include "export.h"
+#include "handle.h"
+#include "kyt_rdonly.h"
+#include "names.h"
+#include "repair.h"
+#include "vesk_util.h"
+
+#include <cerrno>
+#include <ctime>
+#include <fcntl.h>
+#include <new>
+#include <unistd.h>
+
+using namespace kyt;
+
+namespace {
+
+constexpr uint32_t PERIOD_END_S = 300;  // a clip is announced at its end: give the last one of an hour that long
+
+void free_handle(kyt_handle* h) {
+    h->~kyt_handle();
+    std::free(h);
+}
+
+kept_file& current(kyt_handle* h) {
+    return h->keeper->files[h->file];
+}
+
+// The fields that outlive the file in use.
+void changed(kyt_handle* h) {
+    h->keeper->changes.fetch_add(1, std::memory_order_release);
+}
+
+// Tells the keeper how many slots are used, and wakes it when the file should grow.
+void tell_used(kyt_handle* h) {
+    kept_file& file = current(h);
+    file.used.store(h->order.count, std::memory_order_release);
+    const uint32_t capacity = file.capacity.load(std::memory_order_acquire);
+    if (h->order.count + SPARE_RECORDS > slots_in(capacity) && h->asked_bytes != capacity) {
+        h->asked_bytes = capacity;
+        keeper_wake(h->keeper);
+    }
+}
+
+void take_growth(kyt_handle* h) {
+    const uint32_t capacity = current(h).capacity.load(std::memory_order_acquire);
+    if (capacity > h->map.in_file && region_grow(&h->map, current(h).fd, capacity) == 0) {
+        h->keeper->mapped.store(capacity, std::memory_order_release);
+        changed(h);  // records may have moved from memory into the file
+    }
+}
+
+int add(kyt_handle* h, const kyt_record& record) {
+    const uint32_t known = list_find(h->order, record.ts);
+    if (known != list::NONE) {
+        if (is_live(h->order.at[known])) {
+            errno = EEXIST;
+            return -1;
+        }
+        if (!list_revive(&h->order, known, record)) {
+            errno = ENOMEM;
+            return -1;
+        }
+        changed(h);
+        return 0;
+    }
+    take_growth(h);
+    if (h->order.count >= slots_in(h->map.usable) && region_overflow(&h->map) < 0) {
+        if (!h->said_full) {
+            h->said_full = true;
+            log_err("kyt: no room in the list for %u and later ones", record.ts);
+        }
+        keeper_wake(h->keeper);
+        errno = ENOSPC;
+        return -1;
+    }
+    if (!list_append(&h->order, record)) {
+        errno = ENOMEM;
+        return -1;
+    }
+    h->said_full = false;
+    changed(h);
+    tell_used(h);
+    return 0;
+}
+
+// Takes over what a comparison has found. Adds only, so pointers stay good.
+void take_found(kyt_handle* h) {
+    if (h->taken || h->keeper->at.load(std::memory_order_acquire) != phase::DONE) {
+        return;
+    }
+    h->taken = true;
+    const job& work = h->keeper->work;
+    uint32_t added = 0;
+    uint32_t first = 0;
+    for (const uint32_t ts : work.missing) {
+        // Deleted since the thread looked, or announced: then it is no news.
+        if (list_find(h->order, ts) == list::NONE && add(h, live_record(ts, 0, 0)) == 0) {
+            first = added++ == 0 ? ts : first;
+        }
+    }
+    if (added > 0) {
+        log_info("kyt: %u clips were on the card but not in the list, the first is %u: added", added, first);
+    }
+    // The files of these are still being removed, or cannot be: their tombstones stay for another round.
+    for (const uint32_t ts : work.undead) {
+        const uint32_t slot_number = list_find(h->order, ts);
+        if (slot_number != list::NONE && slot_kind(h->order.at[slot_number]) == slot::DELETED) {
+            h->order.at[slot_number] = deleted_record(h->order.at[slot_number], h->round);
+        }
+    }
+    if (work.complete) {
+        h->compared = true;
+        h->compared_round = h->round;
+        h->compared_horizon = work.horizon;
+    }
+}
+
+// Carries what has happened since the rewriting began into the new list. Both are walked in order, once.
+bool carry_changes(const list& from, uint32_t old_records, list* to, region* map) {
+    const uint32_t copied = to->count;
+    uint32_t at = 0;
+    for (uint32_t slot_number = list_next_any(from, list::NONE); slot_number != list::NONE;
+         slot_number = list_next_any(from, slot_number)) {
+        const kyt_record& record = from.at[slot_number];
+        while (at < copied && to->at[at].ts < record.ts) {
+            ++at;
+        }
+        if (at < copied && to->at[at].ts == record.ts) {
+            if (std::memcmp(&to->at[at], &record, sizeof record) != 0) {
+                to->at[at] = record;
+            }
+            continue;
+        }
+        // A tombstone that the rewriting has left out stays out.
+        if (slot_kind(record) == slot::LIVE || slot_number >= old_records) {
+            if (to->count >= slots_in(map->usable) && region_overflow(map) < 0) {
+                return false;
+            }
+            if (!list_append(to, record)) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+// Goes over to the rewritten file. False: it is not to be used.
+bool switch_file(kyt_handle* h) {
+    const int other = 1 - h->file;
+    kept_file& file = h->keeper->files[other];
+    const uint32_t bytes = file.capacity.load(std::memory_order_acquire);
+    region map;
+    list order;
+    if (region_map(&map, file.fd, bytes) < 0) {
+        return false;
+    }
+    order.at = region_slots(map);
+    order.count = h->keeper->work.new_records;
+    order.last_main = order.count > 0 ? order.count - 1 : list::NONE;
+    if (!carry_changes(h->order, h->keeper->work.records, &order, &map) || !list_load(&order, region_slots(map), order.count)) {
+        region_unmap(&map);
+        return false;
+    }
+    region_unmap(&h->map);
+    h->map = map;
+    h->order.swap(order);
+    h->file = other;
+    h->asked_bytes = 0;
+    h->keeper->mapped.store(bytes, std::memory_order_release);
+    file.used.store(h->order.count, std::memory_order_release);
+    changed(h);
+    return true;
+}
+
+bool may_drop(const kyt_handle& h, const kyt_record& record) {
+    return h.compared && record.ts < h.compared_horizon &&
+           static_cast<int8_t>(round_of(record) - h.compared_round) < 0 && slot_kind(record) == slot::DELETED;
+}
+
+// Rewriting costs 8 bytes a record, so it waits until there is something to gain: order, or one dead slot in 64. That
+// is less than a sector written for each clip deleted, and keeps a file of 100,000 clips below 8.7 bytes a clip.
+bool worth_rewriting(const kyt_handle& h) {
+    uint32_t dead = 0;
+    for (uint32_t i = 0; i < h.order.count; ++i) {
+        dead += may_drop(h, h.order.at[i]) ? 1 : 0;
+    }
+    return h.order.strays.size > 0 || dead >= SPARE_RECORDS + h.order.live / 64;
+}
+
+bool set_up_rewriting(kyt_handle* h) {
+    job& work = h->keeper->work;
+    const list& order = h->order;
+    if (!worth_rewriting(*h) || !work.strays.reserve(order.strays.size) || !work.runs.reserve(order.strays.size)) {
+        return false;
+    }
+    work.records = order.count;
+    work.strays.size = work.runs.size = 0;
+    for (const uint32_t slot_number : order.strays) {
+        (void)work.strays.push(slot_number);
+        (void)work.runs.push(slot_number);
+    }
+    std::sort(work.runs.begin(), work.runs.end());
+    work.may_drop = h->compared;
+    work.drop_round = h->compared_round;
+    work.drop_before = h->compared_horizon;
+    return true;
+}
+
+void start_work(kyt_handle* h) {
+    job& work = h->keeper->work;
+    const auto now = static_cast<uint32_t>(time(nullptr));
+    work.horizon = now < PERIOD_END_S ? 0 : (now - PERIOD_END_S) / PERIOD_S * PERIOD_S;
+    work.rewrite = set_up_rewriting(h);
+    ++h->round;
+    h->taken = false;
+    h->keeper->at.store(phase::WORK, std::memory_order_release);
+    keeper_wake(h->keeper);
+}
+
+// A failed write leaves pages that the kernel takes for clean: made dirty again, they are written again.
+void write_again(kyt_handle* h) {
+    if (h->keeper->redirty.exchange(false, std::memory_order_acq_rel)) {
+        const uint32_t end = RECORDS_AT + h->order.count * static_cast<uint32_t>(sizeof(kyt_record));
+        for (uint32_t offset = RECORDS_AT; offset < std::min(end, h->map.in_file); offset += 4096) {
+            volatile uint8_t* const byte = h->map.base + offset;
+            *byte = *byte;
+        }
+        changed(h);
+    }
+}
+
+bool read_only(const kyt_handle* h) {
+    if (!h->keeper) {
+        errno = EROFS;
+    }
+    return !h->keeper;
+}
+
+}  // namespace
+
+kyt_handle* kyt::open_folder(const char* path) {
+    const int folder = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folder < 0) {
+        return nullptr;
+    }
+    ready_file ready;
+    auto* const memory = std::malloc(sizeof(kyt_handle));
+    kyt_handle* const h = memory ? new (memory) kyt_handle : nullptr;
+    bool ok = h && prepare_list(folder, &ready) == 0 && region_map(&h->map, ready.fd, ready.bytes) == 0;
+    if (ok && !list_load(&h->order, region_slots(h->map), ready.records)) {
+        errno = ENOMEM;
+        ok = false;
+    }
+    if (ok) {
+        h->file = ready.name;
+        h->keeper = keeper_start(folder, ready.name, ready.fd, ready.generation, ready.bytes, ready.records);
+        ok = h->keeper;
+    }
+    if (!ok) {
+        const int failure = errno;
+        if (h) {
+            region_unmap(&h->map);
+            free_handle(h);
+        }
+        if (ready.fd >= 0) {
+            close(ready.fd);
+        }
+        close(folder);
+        errno = failure;
+        return nullptr;
+    }
+    return h;
+}
+
+KYT_API kyt_handle* kyt_open_rdwr(void) {
+    return open_folder(RECORD_FOLDER);
+}
+
+KYT_API void kyt_close(kyt_handle* h) {
+    if (!h) {
+        return;
+    }
+    if (h->keeper) {
+        write_again(h);
+        take_growth(h);
+        const uint32_t end = RECORDS_AT + h->order.count * static_cast<uint32_t>(sizeof(kyt_record));
+        if (end > h->map.in_file) {
+            // Records for which the file had no room yet. Here the card may be waited for.
+            const uint32_t bytes = file_bytes(h->order.count);
+            if (write_at(current(h).fd, h->map.base + h->map.in_file, end - h->map.in_file, h->map.in_file) < 0 ||
+                ftruncate(current(h).fd, bytes) < 0) {
+                log_err("kyt: the card has no room for the newest records");
+            }
+        }
+        keeper_close(h->keeper);
+        region_unmap(&h->map);
+    }
+    free_handle(h);
+}
+
+KYT_API void kyt_close_dirty(kyt_handle* h) {
+    if (!h) {
+        return;
+    }
+    if (h->keeper) {
+        keeper_abandon(h->keeper);
+        region_unmap(&h->map);
+    }
+    free_handle(h);
+}
+
+KYT_API int kyt_optimise(kyt_handle* h) {
+    if (!h || read_only(h)) {
+        errno = h ? EROFS : EINVAL;
+        return -1;
+    }
+    keeper* const k = h->keeper;
+    write_again(h);
+    take_growth(h);
+    take_found(h);
+    if (k->at.load(std::memory_order_acquire) == phase::DONE) {
+        if (k->work.rewritten) {
+            k->at.store(switch_file(h) ? phase::COMMIT : phase::DISCARD, std::memory_order_release);
+            keeper_wake(k);
+        } else {
+            k->at.store(phase::IDLE, std::memory_order_relaxed);
+        }
+    }
+    if (k->at.load(std::memory_order_acquire) == phase::IDLE) {
+        start_work(h);
+    }
+    return 0;
+}
+
+KYT_API kyt_record* kyt_get(kyt_handle* h, uint32_t ts) {
+    const uint32_t slot_number = h ? list_find(h->order, ts) : list::NONE;
+    if (slot_number == list::NONE || !is_live(h->order.at[slot_number])) {
+        return nullptr;
+    }
+    if (h->keeper) {
+        changed(h);  // it is about to be
+    }
+    return h->order.at + slot_number;
+}
+
+KYT_API kyt_record* kyt_next(kyt_handle* h, const kyt_record* prev) {
+    if (!h || (prev && (prev < h->order.at || prev >= h->order.at + h->order.count))) {
+        return nullptr;
+    }
+    const uint32_t from = prev ? static_cast<uint32_t>(prev - h->order.at) : list::NONE;
+    const uint32_t slot_number = list_next(h->order, from);
+    return slot_number == list::NONE ? nullptr : h->order.at + slot_number;
+}
+
+KYT_API int kyt_write(kyt_handle* h, const kyt_record* record) {
+    if (!h || !record || !is_live(*record)) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (read_only(h)) {
+        return -1;
+    }
+    write_again(h);
+    take_found(h);
+    return add(h, *record);
+}
+
+KYT_API int kyt_mark_deleted(kyt_handle* h, kyt_record* record) {
+    if (!h || !record || record < h->order.at || record >= h->order.at + h->order.count || !is_live(*record)) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (read_only(h)) {
+        return -1;
+    }
+    list_delete(&h->order, static_cast<uint32_t>(record - h->order.at), h->round);
+    changed(h);
+    return 0;
+}
+
+KYT_API uint32_t kyt_count(const kyt_handle* h) {
+    return h ? h->order.live : 0;
+}

@@ -1,0 +1,74 @@
+// The order of the records: which slot comes after which, where a ts is, what is deleted.
+//
+// A slot once used is not moved while the file is in use, so pointers stay good. Records mostly arrive in ascending
+// order of ts: those slots are the main row, which a binary search can use as it lies. A record that comes with a ts
+// below the main row's last one is a stray: it lies between the others, and an array in memory says in which order the
+// strays are read (4 bytes each) and which slots they fill (8 bytes for each unbroken run). Deleted records keep their
+// slot and their ts, as tombstones; unbroken runs of them are remembered as well (8 bytes each, at most MAX_DEAD_RUNS)
+// so that a walk jumps over a run in one step however long it is. A rewritten file has neither strays nor, mostly,
+// tombstones.
+//
+// Invariants: a ts is in one slot at most; slots [0, count) are used, none behind; slot 0 belongs to the main row.
+// Nothing here waits, and only slots are read or written in the mapping: a bus fault may jump out anywhere, after which
+// the list may still be walked and freed. Memory comes from malloc only while no slot is being touched.
+#pragma once
+
+#include "array.h"
+#include "record.h"
+
+namespace kyt {
+
+struct slots {
+    uint32_t first;
+    uint32_t end;  // one past the last
+};
+
+struct list {
+    static constexpr uint32_t NONE = UINT32_MAX;
+    static constexpr uint32_t MAX_DEAD_RUNS = 1024;
+
+    kyt_record* at = nullptr;  // slot 0, in the mapping or on the heap
+    uint32_t count = 0;        // used slots
+    uint32_t live = 0;         // of them: live records
+    uint32_t last_main = NONE;
+
+    array<uint32_t> strays;      // slots, ascending by ts
+    uint32_t first_stray = 0;    // in strays: all before it are deleted
+    array<slots> stray_runs;     // ascending; touching runs are one
+    array<slots> dead_runs;      // of the main row, ascending; touching runs are one
+
+    void swap(list& other) {
+        std::swap(at, other.at);
+        std::swap(count, other.count);
+        std::swap(live, other.live);
+        std::swap(last_main, other.last_main);
+        std::swap(first_stray, other.first_stray);
+        strays.swap(other.strays);
+        stray_runs.swap(other.stray_runs);
+        dead_runs.swap(other.dead_runs);
+    }
+};
+
+// Takes over `count` slots as they lie. False: out of memory.
+bool list_load(list* l, kyt_record* at, uint32_t count);
+void list_clear(list* l);
+
+// The slot of ts, live or deleted, or NONE.
+uint32_t list_find(const list& l, uint32_t ts);
+
+// The live slot with the lowest ts above that of `slot` (NONE: the lowest of all), or NONE.
+uint32_t list_next(const list& l, uint32_t slot);
+
+// The same with tombstones, for copying a whole list in order.
+uint32_t list_next_any(const list& l, uint32_t slot);
+
+// Appends in slot `count`, which must exist; the record's ts must be in no slot. False: out of memory, nothing changed.
+bool list_append(list* l, const kyt_record& record);
+
+// Writes a record over the tombstone of the same ts. False: out of memory, nothing changed.
+bool list_revive(list* l, uint32_t slot, const kyt_record& record);
+
+// Makes a live slot a tombstone.
+void list_delete(list* l, uint32_t slot, uint8_t round);
+
+}  // namespace kyt

@@ -1,0 +1,91 @@
+#include "region.h"
+
+#include "vesk_util.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <sys/mman.h>
+
+namespace kyt {
+namespace {
+
+// Shared pages must lie at addresses that suit the data cache; 256 KiB is the widest distance that MIPS asks for.
+constexpr uintptr_t ALIGNMENT = 256 * 1024;
+constexpr size_t RESERVED_BYTES = MAX_BYTES + ALIGNMENT;
+
+void lock(const region& r) {
+    // No room under the limit for locked memory: the list works, but a pulled card may fault. Said once, not 48 times a
+    // day; the first open is on the loop thread like every other.
+    static bool said = false;
+    if (mlock(r.base, std::min(r.in_file, LOCK_BYTES)) < 0 && !said) {
+        said = true;
+        log_warning("kyt: the list cannot be locked in memory: %s", std::strerror(errno));
+    }
+}
+
+}  // namespace
+
+int region_map(region* r, int fd, uint32_t bytes) {
+    *r = {};
+    void* const reserved =
+        mmap(nullptr, RESERVED_BYTES, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (reserved == MAP_FAILED) {
+        return -1;
+    }
+    r->reserved = reserved;
+    const auto address = reinterpret_cast<uintptr_t>(reserved);
+    r->base = static_cast<uint8_t*>(reserved) + ((ALIGNMENT - address % ALIGNMENT) % ALIGNMENT);
+    if (region_grow(r, fd, bytes) < 0) {
+        const int failure = errno;
+        region_unmap(r);
+        errno = failure;
+        return -1;
+    }
+    return 0;
+}
+
+int region_grow(region* r, int fd, uint32_t bytes) {
+    const uint32_t first = r->in_file;
+    const uint32_t waiting = std::min(r->usable, bytes) - first;  // bytes of plain memory that move into the file
+    void* moved = nullptr;
+    if (waiting > 0) {
+        moved = std::malloc(waiting);
+        if (!moved) {
+            return -1;
+        }
+        std::memcpy(moved, r->base + first, waiting);
+    }
+    if (mmap(r->base + first, bytes - first, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, fd, first) == MAP_FAILED) {
+        std::free(moved);
+        return -1;
+    }
+    r->in_file = bytes;
+    r->usable = std::max(r->usable, bytes);
+    lock(*r);
+    if (waiting > 0) {
+        std::memcpy(r->base + first, moved, waiting);
+        std::free(moved);
+    }
+    return 0;
+}
+
+int region_overflow(region* r) {
+    if (r->usable == MAX_BYTES || r->usable - r->in_file >= OVERFLOW_BYTES ||
+        mprotect(r->base + r->usable, STEP_BYTES, PROT_READ | PROT_WRITE) < 0) {
+        errno = ENOSPC;
+        return -1;
+    }
+    r->usable += STEP_BYTES;
+    return 0;
+}
+
+void region_unmap(region* r) {
+    if (r->reserved) {
+        munmap(r->reserved, RESERVED_BYTES);
+    }
+    *r = {};
+}
+
+}  // namespace kyt
