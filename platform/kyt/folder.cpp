@@ -1,11 +1,11 @@
 #include "folder.h"
 
-#include "names.h"
-
 #include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
+
+#include "names.h"
 
 namespace kyt {
 namespace {

@@ -125,7 +125,8 @@ int write_at(int fd, const void* data, size_t size, uint32_t offset) {
 long read_at(int fd, void* data, size_t size, uint32_t offset) {
     size_t done = 0;
     while (done < size) {
-        const ssize_t got = pread(fd, static_cast<uint8_t*>(data) + done, size - done, offset + static_cast<off_t>(done));
+        const ssize_t got =
+            pread(fd, static_cast<uint8_t*>(data) + done, size - done, offset + static_cast<off_t>(done));
         if (got < 0 && errno == EINTR) {
             continue;
         }

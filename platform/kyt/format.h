@@ -9,10 +9,10 @@
 // promise that a rename survives a power cut in one piece.
 #pragma once
 
-#include "kyt.h"
-
 #include <cstddef>
 #include <cstdint>
+
+#include "kyt.h"
 
 namespace kyt {
 

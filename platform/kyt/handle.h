@@ -7,16 +7,15 @@
 
 struct kyt_handle {
     kyt::list order;
-    kyt::region map;                    // not for a read-only handle
-    kyt::keeper* keeper = nullptr;      // null: a read-only handle
-    kyt::array<kyt_record> copy;        // a read-only handle's records
-    int file = 0;                       // index into the keeper's files
-    uint32_t asked_bytes = 0;           // the capacity at which the keeper was last woken to grow the file
-    uint8_t round = 0;                  // counts comparisons of folder and list, modulo 256
-    bool taken = true;                  // the last comparison's results are in the list
-    bool compared = false;              // a complete comparison has been: the next two fields count
-    uint8_t compared_round = 0;         // what was deleted in earlier rounds ...
-    uint32_t compared_horizon = 0;      // ... in periods before this, and was not found, is gone for good
+    kyt::region map;                // not for a read-only handle
+    kyt::keeper* keeper = nullptr;  // null: a read-only handle
+    kyt::array<kyt_record> copy;    // a read-only handle's records
+    int file = 0;                   // index into the keeper's files
+    uint32_t asked_bytes = 0;       // the capacity at which the keeper was last woken to grow the file
+    uint8_t round = 0;              // counts comparisons of folder and list, modulo 256
+    bool taken = true;              // the last comparison's results are in the list
+    bool compared = false;          // a complete comparison has been: the next field counts
+    uint8_t compared_round = 0;     // what was deleted in earlier rounds and was not found is gone for good
     bool said_full = false;
 };
 

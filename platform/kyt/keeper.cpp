@@ -1,18 +1,18 @@
 #include "keeper.h"
 
-#include "vesk_util.h"
-
 #include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <new>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
-#include <ctime>
 #include <unistd.h>
+
+#include "vesk_util.h"
 
 namespace kyt {
 namespace {

@@ -9,11 +9,11 @@
 // kernel for as long as the card's driver likes, and closes its descriptors and frees what it holds when it comes back.
 #pragma once
 
-#include "array.h"
-#include "format.h"
-
 #include <atomic>
 #include <pthread.h>
+
+#include "array.h"
+#include "format.h"
 
 namespace kyt {
 
@@ -33,17 +33,16 @@ struct job {
     static constexpr uint32_t MAX_FOUND = 4096;
 
     // What to do.
-    uint32_t horizon = 0;     // compare the periods that begin before
+    uint32_t horizon = 0;  // clips of the periods that begin before this should all be in the list
     bool rewrite = false;
-    uint32_t records = 0;     // slots to copy
-    array<uint32_t> strays;   // of them: the strays, ascending by ts (list.h)
-    array<uint32_t> runs;     // and the slots that they fill, ascending
-    bool may_drop = false;    // tombstones of rounds before drop_round and periods before drop_before are left out
+    uint32_t records = 0;    // slots to copy
+    array<uint32_t> strays;  // of them: the strays, ascending by ts (list.h)
+    array<uint32_t> runs;    // and the slots that they fill, ascending
+    bool may_drop = false;   // tombstones of rounds before drop_round are left out
     uint8_t drop_round = 0;
-    uint32_t drop_before = 0;
 
     // What came of it.
-    bool complete = false;    // every period was read and everything found is in here
+    bool complete = false;    // every period was read, and undead holds all there are
     array<uint32_t> missing;  // clips without a record, at most MAX_FOUND
     array<uint32_t> undead;   // clips of deleted records, at most MAX_FOUND
     bool rewritten = false;
@@ -74,11 +73,11 @@ struct keeper {
     int folder = -1;
     int list = 0;  // which file is the list
     uint32_t flushed_changes = 0;
-    uint32_t flush_due = 0;     // flushes that are still owed to the last change
+    uint32_t flush_due = 0;  // flushes that are still owed to the last change
     uint64_t last_flush_ms = 0;
-    bool failing = false;       // the last write to the card failed and the log has it
-    bool cannot_grow = false;   // the same of growing
-    void* window = nullptr;     // grown pages, kept in memory until the loop has locked them
+    bool failing = false;      // the last write to the card failed and the log has it
+    bool cannot_grow = false;  // the same of growing
+    void* window = nullptr;    // grown pages, kept in memory until the loop has locked them
 };
 
 // Takes over both descriptors. Null: errno says why, the descriptors are still the caller's.
@@ -94,9 +93,9 @@ inline bool is_ending(const keeper& k) {
 inline bool is_abandoned(const keeper& k) {
     return k.end.load(std::memory_order_acquire) == ending::ABANDON;
 }
-void keeper_tick(keeper* k);     // grows and flushes when it is time
-void work_do(keeper* k);         // WORK
-bool work_commit(keeper* k);     // COMMIT; false: the card refused, try again later
-void work_discard(keeper* k);    // DISCARD
+void keeper_tick(keeper* k);   // grows and flushes when it is time
+void work_do(keeper* k);       // WORK
+bool work_commit(keeper* k);   // COMMIT; false: the card refused, try again later
+void work_discard(keeper* k);  // DISCARD
 
 }  // namespace kyt

@@ -1,18 +1,18 @@
 // The public calls on an open list. All of them run on the loop thread and none waits for the card.
 #include "kyt.h"
 
+#include <cerrno>
+#include <ctime>
+#include <fcntl.h>
+#include <new>
+#include <unistd.h>
+
 #include "export.h"
 #include "handle.h"
 #include "kyt_rdonly.h"
 #include "names.h"
 #include "repair.h"
 #include "vesk_util.h"
-
-#include <cerrno>
-#include <ctime>
-#include <fcntl.h>
-#include <new>
-#include <unistd.h>
 
 using namespace kyt;
 
@@ -115,7 +115,6 @@ void take_found(kyt_handle* h) {
     if (work.complete) {
         h->compared = true;
         h->compared_round = h->round;
-        h->compared_horizon = work.horizon;
     }
 }
 
@@ -161,7 +160,8 @@ bool switch_file(kyt_handle* h) {
     order.at = region_slots(map);
     order.count = h->keeper->work.new_records;
     order.last_main = order.count > 0 ? order.count - 1 : list::NONE;
-    if (!carry_changes(h->order, h->keeper->work.records, &order, &map) || !list_load(&order, region_slots(map), order.count)) {
+    if (!carry_changes(h->order, h->keeper->work.records, &order, &map) ||
+        !list_load(&order, region_slots(map), order.count)) {
         region_unmap(&map);
         return false;
     }
@@ -177,8 +177,8 @@ bool switch_file(kyt_handle* h) {
 }
 
 bool may_drop(const kyt_handle& h, const kyt_record& record) {
-    return h.compared && record.ts < h.compared_horizon &&
-           static_cast<int8_t>(round_of(record) - h.compared_round) < 0 && slot_kind(record) == slot::DELETED;
+    return h.compared && static_cast<int8_t>(round_of(record) - h.compared_round) < 0 &&
+           slot_kind(record) == slot::DELETED;
 }
 
 // Rewriting costs 8 bytes a record, so it waits until there is something to gain: order, or one dead slot in 64. That
@@ -206,7 +206,6 @@ bool set_up_rewriting(kyt_handle* h) {
     std::sort(work.runs.begin(), work.runs.end());
     work.may_drop = h->compared;
     work.drop_round = h->compared_round;
-    work.drop_before = h->compared_horizon;
     return true;
 }
 

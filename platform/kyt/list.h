@@ -32,10 +32,10 @@ struct list {
     uint32_t live = 0;         // of them: live records
     uint32_t last_main = NONE;
 
-    array<uint32_t> strays;      // slots, ascending by ts
-    uint32_t first_stray = 0;    // in strays: all before it are deleted
-    array<slots> stray_runs;     // ascending; touching runs are one
-    array<slots> dead_runs;      // of the main row, ascending; touching runs are one
+    array<uint32_t> strays;    // slots, ascending by ts
+    uint32_t first_stray = 0;  // in strays: all before it are deleted
+    array<slots> stray_runs;   // ascending; touching runs are one
+    array<slots> dead_runs;    // of the main row, ascending; touching runs are one
 
     void swap(list& other) {
         std::swap(at, other.at);

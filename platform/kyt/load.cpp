@@ -1,11 +1,11 @@
 #include "load.h"
 
-#include "record.h"
-
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "record.h"
 
 namespace kyt {
 namespace {

@@ -10,13 +10,13 @@ struct loaded {
     // 0: a file was read. ENOENT: there is none. Else why nothing could be read at all.
     int failure = 0;
     header_kind header = header_kind::DAMAGED;
-    list_header head = {};      // unless DAMAGED
-    bool other_order = false;   // the records were turned into this machine's byte order
-    bool empty = false;         // a file of no bytes
-    bool odd_size = false;      // not a size that the library leaves behind: cut short, or grown by somebody else
-    bool ascending = true;      // strictly, tombstones included
-    uint32_t used = 0;          // slots up to the last one that is not free
-    uint32_t destroyed = 0;     // of them: not whole, or free although used ones follow
+    list_header head = {};     // unless DAMAGED
+    bool other_order = false;  // the records were turned into this machine's byte order
+    bool empty = false;        // a file of no bytes
+    bool odd_size = false;     // not a size that the library leaves behind: cut short, or grown by somebody else
+    bool ascending = true;     // strictly, tombstones included
+    uint32_t used = 0;         // slots up to the last one that is not free
+    uint32_t destroyed = 0;    // of them: not whole, or free although used ones follow
     uint32_t deleted = 0;
     uint32_t unreadable = 0;    // pages that the card did not give
     array<kyt_record> records;  // all whole ones, live and deleted, as they lie
@@ -26,7 +26,8 @@ struct loaded {
 void load_file(int folder, const char* name, loaded* l);
 
 inline bool is_list(const loaded& l) {
-    return l.failure == 0 && l.header == header_kind::INTACT && l.head.state != static_cast<uint32_t>(file_state::WRITING);
+    return l.failure == 0 && l.header == header_kind::INTACT &&
+           l.head.state != static_cast<uint32_t>(file_state::WRITING);
 }
 
 // Which of the two files is the list: 0 or 1, or -1 for none.

@@ -1,14 +1,13 @@
-#include "kyt_rdonly.h"
-
-#include "export.h"
-#include "handle.h"
-#include "load.h"
-#include "record.h"
-
 #include <cerrno>
 #include <fcntl.h>
 #include <new>
 #include <unistd.h>
+
+#include "export.h"
+#include "handle.h"
+#include "kyt_rdonly.h"
+#include "load.h"
+#include "record.h"
 
 using namespace kyt;
 
@@ -21,8 +20,8 @@ bool take_copy(kyt_handle* h, const loaded& l) {
         }
     }
     std::sort(h->copy.begin(), h->copy.end(), [](const kyt_record& a, const kyt_record& b) { return a.ts < b.ts; });
-    const kyt_record* const end =
-        std::unique(h->copy.begin(), h->copy.end(), [](const kyt_record& a, const kyt_record& b) { return a.ts == b.ts; });
+    const kyt_record* const end = std::unique(h->copy.begin(), h->copy.end(),
+                                              [](const kyt_record& a, const kyt_record& b) { return a.ts == b.ts; });
     h->copy.size = static_cast<uint32_t>(end - h->copy.begin());
     return list_load(&h->order, h->copy.data, h->copy.size);
 }

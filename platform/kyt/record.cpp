@@ -1,10 +1,10 @@
 #include "record.h"
 
-#include "export.h"
-#include "kyt_rdonly.h"
-
 #include <cerrno>
 #include <charconv>
+
+#include "export.h"
+#include "kyt_rdonly.h"
 
 namespace kyt {
 namespace {

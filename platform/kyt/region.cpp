@@ -1,12 +1,12 @@
 #include "region.h"
 
-#include "vesk_util.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <sys/mman.h>
+
+#include "vesk_util.h"
 
 namespace kyt {
 namespace {
@@ -29,8 +29,7 @@ void lock(const region& r) {
 
 int region_map(region* r, int fd, uint32_t bytes) {
     *r = {};
-    void* const reserved =
-        mmap(nullptr, RESERVED_BYTES, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    void* const reserved = mmap(nullptr, RESERVED_BYTES, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (reserved == MAP_FAILED) {
         return -1;
     }

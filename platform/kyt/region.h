@@ -6,7 +6,8 @@
 //   [usable, MAX_BYTES) reserved, not accessible
 //
 // Locked pages do not fault when the card is pulled, neither for reading nor for writing in place. LOCK_BYTES bounds
-// what is locked; a list beyond it (more than 261,000 clips) is mapped, not locked, behind that point. Loop thread only.
+// what is locked; a list beyond it (more than 261,000 clips) is mapped, not locked, behind that point. Loop thread
+// only.
 #pragma once
 
 #include "format.h"

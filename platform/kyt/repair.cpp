@@ -1,17 +1,17 @@
 #include "repair.h"
 
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "folder.h"
 #include "load.h"
 #include "names.h"
 #include "record.h"
 #include "vesk_util.h"
-
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace kyt {
 namespace {
@@ -19,8 +19,8 @@ namespace {
 constexpr int MAX_ASIDE = 4;
 
 struct aside_name {
-    char text[16];
-    explicit aside_name(int number) { std::snprintf(text, sizeof text, "KYT_BAD%d.LST", number); }
+    char text[13] = "KYT_BAD0.LST";
+    explicit aside_name(int number) { text[7] = static_cast<char>('0' + number); }
 };
 
 // A record on its way into the new list. Of several with one ts the first in order stays: live before deleted, the
@@ -42,9 +42,9 @@ bool comes_first(const candidate& a, const candidate& b) {
 struct repair {
     int folder;
     loaded files[2];
-    int list = -1;         // which of the files is the list
-    bool damaged = false;  // something in it was destroyed, or there was something but no list
-    bool complete = false; // the folder was read whole, without an error
+    int list = -1;          // which of the files is the list
+    bool damaged = false;   // something in it was destroyed, or there was something but no list
+    bool complete = false;  // the folder was read whole, without an error
     array<candidate> candidates;
     array<uint32_t> clips;  // on the card, ascending
     array<kyt_record> result;
@@ -159,10 +159,10 @@ void set_aside(repair* r, int file) {
     }
     const aside_name aside(number);
     (void)unlinkat(r->folder, aside.text, 0);
-    const char* const why = l.failure != 0                            ? std::strerror(l.failure)
+    const char* const why = l.failure != 0                           ? std::strerror(l.failure)
                             : l.header == header_kind::OTHER_VERSION ? "written by another version"
-                            : l.unreadable > 0                        ? "parts of it cannot be read"
-                                                                      : "not a list";
+                            : l.unreadable > 0                       ? "parts of it cannot be read"
+                                                                     : "not a list";
     if (renameat(r->folder, name, r->folder, aside.text) < 0) {
         log_err("kyt: cannot set the list %s aside: %s", name, std::strerror(errno));
     } else {
@@ -201,10 +201,11 @@ void report(const repair& r) {
         log_warning("kyt: the list comes from a machine of the other byte order: converted");
     }
     if (r.damaged) {
-        log_warning("kyt: the list was damaged (%u records destroyed%s): %u records now, of them %u from the folder, "
-                    "%u dropped for want of a clip; marks may be lost",
-                    l ? l->destroyed + l->unreadable * (4096U / 8U) : 0, l ? "" : ", no header", r.result.size, r.added,
-                    r.dropped);
+        log_warning(
+            "kyt: the list was damaged (%u records destroyed%s): %u records now, of them %u from the folder, "
+            "%u dropped for want of a clip; marks may be lost",
+            l ? l->destroyed + l->unreadable * (4096U / 8U) : 0, l ? "" : ", no header", r.result.size, r.added,
+            r.dropped);
     } else if (l->head.state == static_cast<uint32_t>(file_state::OPEN)) {
         log_info("kyt: the list was not closed: %u records now, of them %u from the folder", r.result.size, r.added);
     }

@@ -2,20 +2,20 @@
 // in the mapping; what they find is only a proposal that the loop checks when it takes it over, so a record that is
 // changing while it is read does no harm. Both stop for a flush each second, and for the end of the session.
 //
-// Comparing takes the ended periods in batches of 64, with a bit for each second of a period: the folder's names set
+// Comparing takes the periods in batches of 64, with a bit for each second of a period: the folder's names set
 // bits, one pass over the list clears those that have a record. 29 KiB of memory however many clips there are, and for
 // 100,000 clips 27 passes over a file that lies in memory.
 //
 // Rewriting merges the main row with the strays, front to back, in 4 KiB of memory.
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
 #include "folder.h"
 #include "keeper.h"
 #include "names.h"
 #include "record.h"
 #include "vesk_util.h"
-
-#include <cerrno>
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace kyt {
 namespace {
@@ -77,7 +77,8 @@ bool compare_batch(keeper* k, batch* b) {
                           [&](const kyt_record& record) {
                               const slot kind = slot_kind(record);
                               const uint32_t second = record.ts % PERIOD_S;
-                              const uint32_t* const period = std::lower_bound(b->periods, end, record.ts - second);
+                              const uint32_t* const period =
+                                  std::lower_bound<const uint32_t*>(b->periods, end, record.ts - second);
                               if (period == end || *period != record.ts - second) {
                                   return;
                               }
@@ -100,7 +101,11 @@ bool compare_batch(keeper* k, batch* b) {
             const uint32_t ts = b->periods[i] + second;
             if (ts != 0 && (b->clip[i][second / 8] & bit) != 0) {
                 const bool deleted = (b->deleted[i][second / 8] & bit) != 0;
-                complete = add_found(deleted ? &k->work.undead : &k->work.missing, ts) && complete;
+                if (deleted) {
+                    complete = add_found(&k->work.undead, ts) && complete;
+                } else if (b->periods[i] < k->work.horizon) {
+                    (void)add_found(&k->work.missing, ts);  // what does not fit in is found again the next time
+                }
             }
         }
     }
@@ -108,12 +113,8 @@ bool compare_batch(keeper* k, batch* b) {
 }
 
 bool compare(keeper* k) {
-    job& work = k->work;
     array<uint32_t> periods;
     bool complete = folder_periods(k->folder, &periods) == 0;
-    const uint32_t* const kept =
-        std::remove_if(periods.begin(), periods.end(), [&](uint32_t ts) { return ts >= work.horizon; });
-    periods.size = static_cast<uint32_t>(kept - periods.begin());
     std::sort(periods.begin(), periods.end());
     auto* const b = static_cast<batch*>(std::malloc(sizeof(batch)));
     if (!b) {
@@ -141,8 +142,8 @@ struct copier {
 void copy_record(copier* c, const kyt_record& record) {
     const job& work = c->k->work;
     const slot kind = slot_kind(record);
-    const bool drop = kind == slot::DELETED && work.may_drop && record.ts < work.drop_before &&
-                      static_cast<int8_t>(round_of(record) - work.drop_round) < 0;
+    const bool drop =
+        kind == slot::DELETED && work.may_drop && static_cast<int8_t>(round_of(record) - work.drop_round) < 0;
     if (c->failed || drop || (kind != slot::LIVE && kind != slot::DELETED)) {
         return;  // one that is changing right now is brought over by the loop
     }
