@@ -2,6 +2,7 @@
 // Loop thread only; no locks.
 #pragma once
 
+#include <ev.h>
 #include <stddef.h>
 
 // Told about a notification of a registered key: value is not NUL-terminated and valid only during the call, or null
@@ -9,19 +10,22 @@
 using kv_callback = void (*)(void* context, const char* value, size_t length);
 
 // Prepares the watchers and opens the link; while the service is away it is tried every second. Always 0.
+// Once, after app_init and before anything else here.
 int kv_init();
 
-// Pushes what is left, closes the link and forgets everything.
+// Pushes what is left, without waiting for the answers, closes the link and forgets everything.
 void kv_exit();
 
-// Has callback called for every notification of the key. 0, or -1 when memory runs out (nothing is kept).
+// Has callback called for every notification of the key, from the next loop iteration with an open link on. 0, or -1
+// with errno when memory runs out (nothing is kept, nothing is logged).
 int kv_register(const char* name_space, const char* group, const char* key, kv_callback callback, void* context);
 
 // Sets a key to the first `length` bytes of value and pushes it at once if that is a change. A push that fails is
-// repeated when the link is open again.
+// repeated when the link is open again. name_space is cut to 7 characters, key to 31 (see kv.cpp).
 void kv_set_str(const char* name_space, const char* key, const char* value, size_t length);
 
-// The value last set or fetched, owned by the store; null when there is none. Never asks the service.
+// The value last set or fetched, owned by the store and valid until the key is set again; null when there is none.
+// Never asks the service.
 const char* kv_get_str(const char* key);
 
 // Has the pending changes pushed on the loop.
@@ -30,5 +34,13 @@ void kv_request_commit();
 // kv_set_str for a key of namespace "mem".
 void kvmem_set(const char* key, const char* value);
 
-// Fetches a key of namespace "mem" from the service, running the loop until the answer is there; see kv.cpp.
+// Fetches a key of namespace "mem" into the store. Runs the loop until the answer is there, so any other callback may
+// run meanwhile; a key that is stored and pushed already does not wait, its new value lands later. Aborts when the read
+// cannot be started.
 void kvmem_sync(const char* key);
+
+// --- used inside the module and by its tests -----------------------------------------------------------------------
+
+// The watcher of a link whose descriptor the daemon has to watch itself. The library watches its own, so nothing ever
+// starts this one.
+extern ev_io link_io;
