@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr uint32_t BASE = 1'795'212'000;  // 2026-11-21 00:00:00
+constexpr uint32_t BASE = 1'790'000'000;
 
 int entries_of(const char* path) {
     int count = 0;
@@ -184,7 +184,7 @@ TEST_F(KytList, AFullCardInUseDoesNotGrowTheFile) {
     }
     EXPECT_EQ(kyt_count(list), 20'000U);
     EXPECT_LE(std::filesystem::file_size(card.file(card.list_name())), before + 65536);
-    EXPECT_EQ(card.files().size(), 1U);
+    EXPECT_EQ(list->order.strays.size, 0U);
 }
 
 // Walking over deleted ones must not cost: counted in slots looked at would be best, here in time that differs by

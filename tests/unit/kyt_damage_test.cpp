@@ -1,0 +1,534 @@
+// What every kind of damage leads to; the table in docs/clip-index.md has a row for each of these.
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <map>
+#include <mutex>
+#include <random>
+
+#include "handle.h"
+#include "kyt_rdonly.h"
+#include "support/card_calls.h"
+#include "support/log.h"
+#include "support/recordings.h"
+
+namespace {
+
+constexpr uint32_t BASE = 1'790'000'000;
+constexpr uint32_t CLIPS = 700;  // two pages of records and a piece of a third
+constexpr uint32_t APART = 61;
+
+uint32_t ts_of(uint32_t clip) {
+    return BASE + clip * APART;
+}
+
+bool logged_part(const std::string& part) {
+    return std::any_of(logged::lines().begin(), logged::lines().end(),
+                       [&](const std::string& line) { return line.find(part) != std::string::npos; });
+}
+
+struct KytDamage : testing::Test {
+    void SetUp() override {
+        logged::reset();
+        card_calls::reset();
+        kyt_handle* const list = kyt::open_folder(card.path().c_str());
+        ASSERT_NE(list, nullptr);
+        for (uint32_t i = 0; i < CLIPS; ++i) {
+            card.add_clip(ts_of(i));
+            kyt_record record = record_of(std::to_string(ts_of(i)) + ",60," + (i % 3 == 0 ? "1" : "0"));
+            ASSERT_EQ(kyt_write(list, &record), 0);
+        }
+        kyt_close(list);
+        whole = card.bytes("KYT_A.LST");
+        logged::reset();
+    }
+    void TearDown() override { card_calls::reset(); }
+
+    // Opens twice. All clips of the card must be listed both times and none be gone. Returns how many marks are left.
+    uint32_t open_and_check(uint32_t clips = CLIPS) {
+        uint32_t marks = 0;
+        for (int round = 0; round < 2; ++round) {
+            kyt_handle* const list = kyt::open_folder(card.path().c_str());
+            EXPECT_NE(list, nullptr) << std::strerror(errno);
+            if (!list) {
+                return 0;
+            }
+            EXPECT_EQ(kyt_count(list), clips);
+            uint32_t found = 0;
+            for (const kyt_record* r = kyt_next(list, nullptr); r; r = kyt_next(list, r)) {
+                found += r->flags == KYT_PERSISTENT ? 1 : 0;
+            }
+            EXPECT_TRUE(round == 0 || found == marks);
+            marks = found;
+            if (round == 1) {
+                EXPECT_EQ(logged::lines().size(), lines_of_first) << logged::lines().back();
+            }
+            lines_of_first = logged::lines().size();
+            kyt_close(list);
+        }
+        for (uint32_t i = 0; i < clips; ++i) {
+            EXPECT_TRUE(std::filesystem::exists(card.clip(ts_of(i)) + ".mp4"));
+            EXPECT_TRUE(std::filesystem::exists(card.clip(ts_of(i)) + ".jpeg"));
+        }
+        return marks;
+    }
+
+    recordings card;
+    std::string whole;
+    size_t lines_of_first = 0;
+    static constexpr uint32_t ALL_MARKS = (CLIPS + 2) / 3;
+};
+
+TEST_F(KytDamage, AnOrderlyEndNeedsNoRepairAndNoWord) {
+    EXPECT_EQ(open_and_check(), ALL_MARKS);
+    EXPECT_TRUE(logged::lines().empty());
+    EXPECT_EQ(card.files(), std::set<std::string>{"KYT_A.LST"});
+}
+
+TEST_F(KytDamage, AnOpenFileIsComparedWithTheFolder) {
+    kyt_handle* const list = kyt::open_folder(card.path().c_str());
+    kyt_close_dirty(list);
+    card.add_clip(ts_of(CLIPS));  // its announcement fell to the power cut
+    EXPECT_EQ(open_and_check(CLIPS + 1), ALL_MARKS);
+    EXPECT_TRUE(logged::has("info kyt: the list was not closed: 701 records now, of them 1 from the folder"));
+}
+
+TEST_F(KytDamage, AllZeros) {
+    card.set_bytes("KYT_A.LST", std::string(whole.size(), '\0'));
+    EXPECT_EQ(open_and_check(), 0U);
+    EXPECT_TRUE(card.has("KYT_BAD0.LST"));
+    EXPECT_EQ(card.bytes("KYT_BAD0.LST"), std::string(whole.size(), '\0'));
+    EXPECT_TRUE(logged_part("marks may be lost"));
+}
+
+TEST_F(KytDamage, AllNoise) {
+    std::mt19937 random(1);
+    for (int round = 0; round < 8; ++round) {
+        logged::reset();
+        std::string noise = card.bytes(card.list_name());
+        for (char& c : noise) {
+            c = static_cast<char>(random());
+        }
+        card.set_bytes(card.list_name(), noise);
+        EXPECT_EQ(open_and_check(), 0U);
+        EXPECT_TRUE(logged_part("is set aside as KYT_BAD"));
+        EXPECT_TRUE(logged_part("marks may be lost"));
+    }
+    // However often it happens, four files at most are kept.
+    EXPECT_EQ(card.files().size(), 5U);
+}
+
+TEST_F(KytDamage, EachSectorOfZerosOrNoiseCostsItsOwnRecordsOnly) {
+    std::mt19937 random(2);
+    for (size_t sector = 4096 / 512; sector < (4096 + CLIPS * 8 + 511) / 512; ++sector) {
+        for (const bool noise : {false, true}) {
+            for (const std::string& name : card.files()) {
+                std::filesystem::remove(card.file(name));
+            }
+            logged::reset();
+            std::string bytes = whole;
+            for (size_t i = 0; i < 512; ++i) {
+                bytes[sector * 512 + i] = noise ? static_cast<char>(random()) : '\0';
+            }
+            card.set_bytes("KYT_A.LST", bytes);
+            EXPECT_GE(open_and_check(), ALL_MARKS - 22) << sector;
+            EXPECT_TRUE(logged_part("marks may be lost")) << sector;
+        }
+    }
+}
+
+TEST_F(KytDamage, AHeaderOfZerosOrNoiseLosesNoMarks) {
+    for (const char fill : {'\0', 'x'}) {
+        for (const std::string& name : card.files()) {
+            std::filesystem::remove(card.file(name));
+        }
+        logged::reset();
+        card.set_bytes("KYT_A.LST", std::string(512, fill) + whole.substr(512));
+        EXPECT_EQ(open_and_check(), ALL_MARKS);
+        EXPECT_TRUE(card.has("KYT_BAD0.LST"));
+        EXPECT_TRUE(logged_part("is set aside as KYT_BAD0.LST: not a list"));
+    }
+}
+
+TEST_F(KytDamage, CutShortAtEveryInterestingLength) {
+    for (const size_t length :
+         {size_t{0}, size_t{1}, size_t{63}, size_t{64}, size_t{511}, size_t{512}, size_t{4095}, size_t{4096},
+          size_t{4097}, size_t{4103}, size_t{4104}, size_t{4105}, size_t{4096 + 8 * 350 + 3}, size_t{8191},
+          size_t{8192}, size_t{4096 + 8 * CLIPS - 1}, size_t{4096 + 8 * CLIPS}, size_t{32768}, size_t{65535}}) {
+        for (const std::string& name : card.files()) {
+            std::filesystem::remove(card.file(name));
+        }
+        logged::reset();
+        card.set_bytes("KYT_A.LST", whole.substr(0, length));
+        const uint32_t kept = length < 4096 || length < 64 ? 0 : std::min<uint32_t>(CLIPS, (length - 4096) / 8);
+        EXPECT_EQ(open_and_check(), (kept + 2) / 3) << length;
+        EXPECT_TRUE(logged_part("marks may be lost")) << length;
+    }
+}
+
+TEST_F(KytDamage, TooLongIsSeenToo) {
+    card.set_bytes("KYT_A.LST", whole + std::string(777, 'x'));
+    EXPECT_EQ(open_and_check(), ALL_MARKS);
+    EXPECT_TRUE(logged_part("marks may be lost"));
+}
+
+TEST_F(KytDamage, AnotherVersionIsSetAsideUntouched) {
+    std::string other = whole;
+    kyt::list_header header;
+    std::memcpy(&header, other.data(), sizeof header);
+    header.version = 2;
+    uint32_t crc = ~0U;
+    for (size_t i = 0; i < offsetof(kyt::list_header, check); ++i) {
+        crc ^= reinterpret_cast<uint8_t*>(&header)[i];
+        for (int bit = 0; bit < 8; ++bit) {
+            crc = (crc >> 1) ^ (0xEDB88320U & (0U - (crc & 1)));
+        }
+    }
+    header.check = ~crc;
+    std::memcpy(other.data(), &header, sizeof header);
+    card.set_bytes("KYT_A.LST", other);
+    EXPECT_EQ(open_and_check(), 0U);
+    EXPECT_EQ(card.bytes("KYT_BAD0.LST"), other);
+    EXPECT_TRUE(
+        logged::has("warning kyt: the list KYT_A.LST is set aside as KYT_BAD0.LST: written by another version"));
+}
+
+TEST_F(KytDamage, TheOtherByteOrderIsConverted) {
+    std::string other = whole;
+    const auto swap_at = [&](size_t at) {
+        std::reverse(other.begin() + static_cast<long>(at), other.begin() + static_cast<long>(at) + 4);
+    };
+    for (const size_t field : {8, 12, 16, 20, 24}) {
+        swap_at(field);
+    }
+    uint32_t crc = ~0U;
+    for (size_t i = 0; i < 60; ++i) {
+        crc ^= static_cast<uint8_t>(other[i]);
+        for (int bit = 0; bit < 8; ++bit) {
+            crc = (crc >> 1) ^ (0xEDB88320U & (0U - (crc & 1)));
+        }
+    }
+    crc = __builtin_bswap32(~crc);
+    std::memcpy(other.data() + 60, &crc, 4);
+    for (uint32_t i = 0; i < CLIPS; ++i) {
+        swap_at(4096 + 8 * i);
+    }
+    card.set_bytes("KYT_A.LST", other);
+    kyt_handle* const look = kyt_open_rdonly(card.path().c_str());
+    ASSERT_NE(look, nullptr);
+    EXPECT_EQ(kyt_count(look), CLIPS);
+    kyt_close(look);
+    EXPECT_EQ(open_and_check(), ALL_MARKS);
+    EXPECT_TRUE(logged::has("warning kyt: the list comes from a machine of the other byte order: converted"));
+    EXPECT_EQ(card.files(), std::set<std::string>{"KYT_B.LST"});
+    // And without its header.
+    std::filesystem::remove(card.file("KYT_B.LST"));
+    card.set_bytes("KYT_A.LST", std::string(4096, '\0') + other.substr(4096));
+    EXPECT_EQ(open_and_check(), ALL_MARKS);
+}
+
+TEST_F(KytDamage, AVanishedFileIsMadeAnew) {
+    std::filesystem::remove(card.file("KYT_A.LST"));
+    EXPECT_EQ(open_and_check(), 0U);
+    EXPECT_TRUE(logged::has("info kyt: a new list, with 700 clips that are on the card"));
+    EXPECT_EQ(card_calls::count("stat"), 0);  // no look at any clip but by name
+}
+
+TEST_F(KytDamage, ADirectoryInTheFilesPlaceIsSetAside) {
+    std::filesystem::remove(card.file("KYT_A.LST"));
+    std::filesystem::create_directory(card.file("KYT_A.LST"));
+    EXPECT_EQ(open_and_check(), 0U);
+    EXPECT_TRUE(std::filesystem::is_directory(card.file("KYT_BAD0.LST")));
+}
+
+TEST_F(KytDamage, APageThatTheCardDoesNotGive) {
+    card_calls::fail("pread", 4, EIO);  // the header, then the second page of records
+    kyt_handle* const list = kyt::open_folder(card.path().c_str());
+    ASSERT_NE(list, nullptr);
+    EXPECT_TRUE(card_calls::failed());
+    EXPECT_EQ(kyt_count(list), CLIPS);
+    kyt_close(list);
+    EXPECT_TRUE(logged_part("is set aside as KYT_BAD0.LST: parts of it cannot be read"));
+    EXPECT_TRUE(logged_part("marks may be lost"));
+}
+
+TEST_F(KytDamage, ATsFoundTwiceIsKeptOnceTheLiveOne) {
+    kyt_record records[3];
+    std::memcpy(records, whole.data() + 4096, sizeof records);
+    std::string twice = whole;
+    const kyt_record deleted = kyt::deleted_record(records[0], 1);
+    std::memcpy(twice.data() + 4096 + 8 * 1, &deleted, 8);     // clip 0 again, deleted
+    std::memcpy(twice.data() + 4096 + 8 * 2, &records[0], 8);  // and again, live
+    card.set_bytes("KYT_A.LST", twice);
+    EXPECT_EQ(open_and_check(), ALL_MARKS);  // clips 1 and 2, which carried no marks, come from the folder
+}
+
+TEST_F(KytDamage, AFolderThatIsNotThere) {
+    std::filesystem::remove_all(card.path());
+    EXPECT_EQ(kyt::open_folder(card.path().c_str()), nullptr);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(KytDamage, AFolderThatVanishesUnderAnOpenList) {
+    kyt_handle* const list = kyt::open_folder(card.path().c_str());
+    std::filesystem::remove_all(card.path());
+    const kyt_record record = record_of(ts_of(CLIPS));
+    EXPECT_EQ(kyt_write(list, &record), 0);
+    EXPECT_EQ(kyt_optimise(list), 0);
+    EXPECT_EQ(kyt_count(list), CLIPS + 1);
+    EXPECT_EQ(all_ts(list).size(), CLIPS + 1);
+    kyt_close(list);
+}
+
+TEST_F(KytDamage, AWriteProtectedCardIsRefusedAndLeftAlone) {
+    for (const bool closed : {true, false}) {
+        if (!closed) {
+            kyt_close_dirty(kyt::open_folder(card.path().c_str()));
+        }
+        const std::string before = card.bytes("KYT_A.LST");
+        card_calls::fail("open for writing", 1, EROFS, 1000);
+        EXPECT_EQ(kyt::open_folder(card.path().c_str()), nullptr);
+        EXPECT_EQ(errno, EROFS);
+        EXPECT_EQ(card.bytes("KYT_A.LST"), before);
+        card_calls::reset();
+    }
+    EXPECT_EQ(open_and_check(), ALL_MARKS);
+}
+
+TEST_F(KytDamage, AFullCardStillHasItsList) {
+    // Deleted records and a lost announcement would have the file written anew; there is no room for that.
+    kyt_handle* list = kyt::open_folder(card.path().c_str());
+    kyt_mark_deleted(list, kyt_get(list, ts_of(5)));
+    kyt_close_dirty(list);
+    card.remove_clip(ts_of(5));
+    card_calls::fail("pwrite", 1, ENOSPC, 1000);
+    list = kyt::open_folder(card.path().c_str());
+    ASSERT_NE(list, nullptr);
+    EXPECT_EQ(kyt_count(list), CLIPS - 1);
+    EXPECT_TRUE(logged::has("warning kyt: no room to put the list in order: used as it is"));
+    kyt_close_dirty(list);
+}
+
+TEST_F(KytDamage, NoRoomForARepairMakesRoomFirst) {
+    card.set_bytes("KYT_BAD2.LST", "from an earlier time");
+    card.set_bytes("KYT_A.LST", std::string(whole.size(), '\0'));
+    card_calls::fail("ftruncate", 1, ENOSPC);
+    EXPECT_EQ(open_and_check(), 0U);
+    EXPECT_FALSE(card.has("KYT_BAD2.LST"));
+    EXPECT_TRUE(logged::has("warning kyt: no room for the list: KYT_BAD2.LST is removed"));
+}
+
+TEST_F(KytDamage, ACopyInTheMakingAndAPredecessorAreRemoved) {
+    // Both files sealed: the higher generation is the list.
+    kyt_handle* list = kyt::open_folder(card.path().c_str());
+    kyt_get(list, ts_of(1))->flags = KYT_PERSISTENT;
+    kyt_close(list);
+    std::string newer = card.bytes("KYT_A.LST");
+    card.set_bytes("KYT_B.LST", whole);
+    const int fd = ::open(card.file("KYT_A.LST").c_str(), O_RDWR);
+    ASSERT_EQ(kyt::header_seal(fd, 9, kyt::file_state::CLOSED, CLIPS), 0);
+    EXPECT_EQ(open_and_check(), ALL_MARKS + 1);
+    EXPECT_EQ(card.files(), std::set<std::string>{"KYT_A.LST"});
+    // A copy in the making does not count, whatever its generation.
+    card.set_bytes("KYT_B.LST", whole);
+    const int copy = ::open(card.file("KYT_B.LST").c_str(), O_RDWR);
+    ASSERT_EQ(kyt::header_seal(copy, 99, kyt::file_state::WRITING, 0), 0);
+    EXPECT_EQ(open_and_check(), ALL_MARKS + 1);
+    EXPECT_EQ(card.files(), std::set<std::string>{"KYT_A.LST"});
+    EXPECT_TRUE(logged::lines().empty());
+    close(fd);
+    close(copy);
+}
+
+TEST_F(KytDamage, EveryCallThatCanFailMayFailDuringTheOpen) {
+    for (const int errnum : {EIO, ENOSPC}) {
+        for (const char* state : {"closed", "open", "zeros", "missing"}) {
+            for (int nth = 1;; ++nth) {
+                for (const std::string& name : card.files()) {
+                    std::filesystem::remove_all(card.file(name));
+                }
+                if (state != std::string("missing")) {
+                    card.set_bytes("KYT_A.LST",
+                                   state == std::string("zeros") ? std::string(whole.size(), '\0') : whole);
+                }
+                if (state == std::string("open")) {
+                    kyt_close_dirty(kyt::open_folder(card.path().c_str()));
+                }
+                logged::reset();
+                card_calls::fail("", nth, errnum);
+                kyt_handle* const list = kyt::open_folder(card.path().c_str());
+                const bool happened = card_calls::failed();
+                card_calls::fail("", 0, 0, 0);
+                if (list) {
+                    // A period that could not be read, or the whole folder: the log says so.
+                    EXPECT_TRUE(kyt_count(list) == CLIPS || logged_part("kyt: cannot read the")) << state << nth;
+                    kyt_close_dirty(list);
+                }
+                kyt_handle* const again = kyt::open_folder(card.path().c_str());
+                ASSERT_NE(again, nullptr) << state << nth << std::strerror(errno);
+                EXPECT_EQ(kyt_count(again), CLIPS) << state << nth;
+                kyt_close_dirty(again);
+                if (!happened) {
+                    break;
+                }
+            }
+        }
+    }
+}
+
+// A power cut: of what was written since the last synchronisation, each sector may or may not have reached the card,
+// and so may a directory's change.
+struct KytPowerCut : testing::Test {
+    struct clip_state {
+        uint8_t flags;
+        bool operator==(const clip_state&) const = default;
+    };
+    using model = std::map<uint32_t, clip_state>;
+
+    recordings card;
+    kyt_handle* list = nullptr;
+    std::mutex guard;
+    std::map<std::string, std::string> on_card;  // what certainly is
+    model now;
+    model kept;  // what the list on the card certainly says
+    std::mt19937 random{5};
+    int cuts = 0;
+
+    void synced(const std::string& name) {
+        const std::lock_guard lock(guard);
+        if (name.starts_with("KYT_")) {
+            on_card[name] = card.bytes(name);
+        } else {
+            // The folder itself: what is gone is gone.
+            std::erase_if(on_card, [&](const auto& file) { return !card.has(file.first); });
+        }
+        if (list && name == kyt::LIST_NAMES[list->keeper->list]) {
+            kept = now;
+        }
+    }
+
+    std::map<std::string, std::string> image() {
+        std::map<std::string, std::string> files = on_card;
+        for (const std::string& name : card.files()) {
+            const std::string bytes = card.bytes(name);
+            const bool is_new = !files.contains(name);
+            if (is_new && random() % 2 == 0) {
+                continue;
+            }
+            std::string& out = files[name];
+            if (out.size() < bytes.size() && random() % 2 == 0) {
+                out.resize(bytes.size());
+            }
+            for (size_t at = 0; at < std::min(out.size(), bytes.size()); at += 512) {
+                if (random() % 2 == 0) {
+                    out.replace(at, 512, bytes, at, 512);
+                }
+            }
+        }
+        for (auto file = files.begin(); file != files.end();) {
+            file = !card.has(file->first) && random() % 2 == 0 ? files.erase(file) : std::next(file);
+        }
+        return files;
+    }
+
+    void cut() {
+        const std::lock_guard lock(guard);
+        ++cuts;
+        recordings after;
+        for (const auto& [name, bytes] : image()) {
+            after.set_bytes(name, bytes);
+        }
+        for (const auto& [ts, state] : now) {
+            after.add_clip(ts);
+        }
+        kyt_handle* const found = kyt::open_folder(after.path().c_str());
+        ASSERT_NE(found, nullptr);
+        for (const auto& [ts, state] : now) {
+            const kyt_record* const record = kyt_get(found, ts);
+            ASSERT_NE(record, nullptr) << ts;
+            const auto certain = kept.find(ts);
+            if (certain != kept.end() && certain->second == state) {
+                ASSERT_EQ(record->flags, state.flags) << ts << " cut " << cuts;
+            }
+        }
+        for (const uint32_t ts : all_ts(found)) {
+            ASSERT_TRUE(now.contains(ts) || kept.contains(ts)) << ts;
+        }
+        kyt_close_dirty(found);
+    }
+    void TearDown() override { card_calls::reset(); }
+};
+
+TEST_F(KytPowerCut, NothingIsLostThatWasOnTheCard) {
+    card_calls::reset();
+    logged::reset();
+    list = kyt::open_folder(card.path().c_str());
+    ASSERT_NE(list, nullptr);
+    const auto self = pthread_self();
+    bool checking = false;  // the lists that are opened for checking are none of ours
+    card_calls::on().before_sync = [&](const std::string&) {
+        // The keeper is about to wait for the card in the middle of a job, and the loop stands still.
+        if (!checking && !pthread_equal(self, pthread_self()) && list->keeper->at == kyt::phase::COMMIT) {
+            checking = true;
+            cut();
+            checking = false;
+        }
+    };
+    card_calls::on().after_sync = [&](const std::string& name) {
+        if (!checking) {
+            synced(name);
+        }
+    };
+    uint32_t clock = BASE;
+    for (int step = 0; step < 1000; ++step) {
+        const uint32_t what = static_cast<uint32_t>(random() % 100);
+        {
+            const std::lock_guard lock(guard);
+            if (now.size() < 3 || (what < 40 && now.size() < 120)) {
+                clock += 20 + static_cast<uint32_t>(random() % 90);
+                const uint32_t ts = random() % 10 == 0 ? clock - 3000 : clock;
+                const kyt_record record = record_of(ts);
+                if (!now.contains(ts) && kyt_write(list, &record) == 0) {
+                    now[ts] = {0};
+                    card.add_clip(ts);
+                }
+            } else if (what < 70) {
+                auto at = now.lower_bound(clock - static_cast<uint32_t>(random() % 20'000));
+                at = at == now.end() ? now.begin() : at;
+                at->second.flags ^= 1;
+                kyt_get(list, at->first)->flags ^= 1;
+            } else if (what < 88) {
+                const uint32_t ts = now.begin()->first;
+                kyt_mark_deleted(list, kyt_next(list, nullptr));
+                now.erase(ts);
+                card.remove_clip(ts);
+            }
+        }
+        if (what >= 88 && what < 93) {
+            fdatasync(list->keeper->files[list->file].fd);
+        } else if (what >= 93 && what < 96) {
+            for (int i = 0; i < 2; ++i) {
+                ASSERT_EQ(kyt_optimise(list), 0);
+                for (int wait = 0;
+                     wait < 2000 && list->keeper->at != kyt::phase::DONE && list->keeper->at != kyt::phase::IDLE;
+                     ++wait) {
+                    usleep(1000);
+                }
+            }
+        } else if (what >= 96) {
+            checking = true;
+            cut();
+            checking = false;
+        }
+        if (HasFatalFailure()) {
+            break;
+        }
+    }
+    EXPECT_GT(cuts, 50);
+    card_calls::on() = {};
+    kyt_close(list);
+}
+
+}  // namespace

@@ -1,0 +1,326 @@
+// The thread beside the loop: flushing, growing, comparing, and every way to end.
+#include <cerrno>
+#include <chrono>
+#include <csetjmp>
+#include <csignal>
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include "handle.h"
+#include "kyt_rdonly.h"
+#include "support/card_calls.h"
+#include "support/log.h"
+#include "support/recordings.h"
+
+namespace {
+
+constexpr uint32_t BASE = 1'790'000'000;  // long ago: these periods have ended
+
+template <typename Condition>
+bool await(Condition condition, int deadline_ms = 10'000) {
+    for (int waited = 0; waited < deadline_ms; waited += 2) {
+        if (condition()) {
+            return true;
+        }
+        poll(nullptr, 0, 2);
+    }
+    return condition();
+}
+
+int open_descriptors() {
+    int count = 0;
+    DIR* const stream = opendir("/proc/self/fd");
+    while (readdir(stream)) {
+        ++count;
+    }
+    closedir(stream);
+    return count;
+}
+
+struct KytKeeper : testing::Test {
+    void SetUp() override {
+        logged::reset();
+        card_calls::reset();
+    }
+    void TearDown() override {
+        card_calls::reset();
+        kyt_close(list);
+    }
+    void open() {
+        list = kyt::open_folder(card.path().c_str());
+        ASSERT_NE(list, nullptr);
+    }
+    void write(uint32_t ts, const char* rest = "") {
+        const kyt_record record = record_of(std::to_string(ts) + rest);
+        ASSERT_EQ(kyt_write(list, &record), 0);
+    }
+    void optimise() {
+        for (int i = 0; i < 2; ++i) {
+            ASSERT_EQ(kyt_optimise(list), 0);
+            ASSERT_TRUE(await([&] {
+                const kyt::phase at = list->keeper->at;
+                return at == kyt::phase::DONE || at == kyt::phase::IDLE;
+            }));
+        }
+    }
+    recordings card;
+    kyt_handle* list = nullptr;
+};
+
+TEST_F(KytKeeper, AChangeIsSynchronisedWithinTwoSeconds) {
+    open();
+    ASSERT_TRUE(await([] { return card_calls::count("sync_file_range") > 0; }));
+    const int before = card_calls::count("fdatasync");
+    write(BASE);
+    EXPECT_TRUE(await([&] { return card_calls::count("fdatasync") > before; }, 2000));
+    // A change in place comes without notice: the call that led to it, and the tick after it, cover it.
+    ASSERT_TRUE(await([&] { return card_calls::count("fdatasync") >= before + 2; }, 3000));
+    kyt_get(list, BASE)->flags = KYT_PERSISTENT;
+    EXPECT_TRUE(await([&] { return card_calls::count("fdatasync") >= before + 3; }, 2000));
+}
+
+TEST_F(KytKeeper, NoCallOfTheLoopWaitsForAStalledCard) {
+    open();
+    card_calls::stop();
+    write(BASE);
+    ASSERT_TRUE(await([] { return card_calls::hanging() > 0; }));
+    const auto start = std::chrono::steady_clock::now();
+    for (uint32_t i = 1; i < 30'000; ++i) {  // 3.6 times what the file has room for
+        write(BASE + i);
+    }
+    EXPECT_EQ(kyt_get(list, BASE + 29'999)->ts, BASE + 29'999);
+    EXPECT_EQ(kyt_mark_deleted(list, kyt_next(list, nullptr)), 0);
+    EXPECT_EQ(kyt_optimise(list), 0);
+    EXPECT_EQ(all_ts(list).size(), 29'999U);
+    EXPECT_EQ(card_calls::hanging(), 1);  // the keeper, still
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+    card_calls::go_on();
+    kyt_close(list);
+    open();
+    EXPECT_EQ(kyt_count(list), 29'999U);
+}
+
+TEST_F(KytKeeper, RecordsWithoutRoomInTheFileMoveIntoItWhenItGrows) {
+    open();
+    card_calls::fail("ftruncate", 1, ENOSPC, 1000);
+    for (uint32_t i = 0; i < 10'000; ++i) {
+        write(BASE + i);
+    }
+    kyt_record* const record = kyt_get(list, BASE + 9'999);
+    EXPECT_GT(list->map.usable, list->map.in_file);
+    ASSERT_TRUE(await([] { return logged::has("warning kyt: the list cannot grow: No space left on device"); }));
+    card_calls::fail("", 0, 0, 0);
+    ASSERT_TRUE(await([&] { return list->keeper->files[0].capacity > 65536U; }));
+    write(BASE + 10'000);
+    EXPECT_EQ(kyt_get(list, BASE + 9'999), record);
+    EXPECT_EQ(list->map.usable, list->map.in_file);
+    kyt_handle* const look = kyt_open_rdonly(card.path().c_str());
+    EXPECT_EQ(kyt_count(look), 10'001U);
+    kyt_close(look);
+    EXPECT_EQ(logged::count("warning kyt: the list cannot grow: No space left on device"), 1);
+}
+
+TEST_F(KytKeeper, WhatIsMappedIsLockedAlsoAfterGrowth) {
+    open();
+    const int before = card_calls::count("mlock");
+    EXPECT_EQ(before, 1);
+    for (uint32_t i = 0; i < 8'000; ++i) {
+        write(BASE + i);
+    }
+    ASSERT_TRUE(await([&] { return list->keeper->files[0].capacity > 65536U; }));
+    write(BASE + 8'000);
+    EXPECT_EQ(card_calls::count("mlock"), before + 2);  // the keeper's own look at the new pages, and the loop's
+}
+
+TEST_F(KytKeeper, ACardThatRefusesOnceGetsThePagesAgain) {
+    open();
+    write(BASE);
+    card_calls::fail("fdatasync", 1, EIO);
+    ASSERT_TRUE(await([] { return logged::has("err kyt: the card does not take the list: Input/output error"); }));
+    EXPECT_TRUE(list->keeper->redirty);
+    write(BASE + 1);
+    EXPECT_FALSE(list->keeper->redirty);
+    EXPECT_TRUE(await([] { return logged::has("info kyt: the card takes the list again"); }));
+}
+
+TEST_F(KytKeeper, ADirtyCloseWaitsForNothingAndTheDescriptorsGoWhenTheCardAnswers) {
+    const int before = open_descriptors();
+    open();
+    write(BASE);
+    card_calls::stop();
+    ASSERT_TRUE(await([] { return card_calls::hanging() > 0; }));
+    kyt_close_dirty(list);
+    list = nullptr;
+    EXPECT_EQ(card_calls::hanging(), 1);
+    EXPECT_GT(open_descriptors(), before);
+    card_calls::go_on();
+    EXPECT_TRUE(await([&] { return open_descriptors() == before; }));
+}
+
+TEST_F(KytKeeper, ADirtyCloseInTheMiddleOfEveryJob) {
+    const int before = open_descriptors();
+    for (int nth = 1; nth < 30; ++nth) {
+        open();
+        for (const uint32_t ts : {5U, 3U, 9U, 7U}) {
+            write(BASE + ts + 10 * static_cast<uint32_t>(nth));
+        }
+        ASSERT_EQ(kyt_optimise(list), 0);
+        if (nth % 2 == 0) {
+            ASSERT_TRUE(await([&] { return list->keeper->at == kyt::phase::DONE; }));
+            ASSERT_EQ(kyt_optimise(list), 0);
+        }
+        for (int spin = 0; spin < nth * 200; ++spin) {
+            sched_yield();
+        }
+        kyt_close_dirty(list);
+        list = nullptr;
+        ASSERT_TRUE(await([&] { return open_descriptors() == before; }));
+    }
+}
+
+TEST_F(KytKeeper, ALostAnnouncementIsFoundWhenItsPeriodHasEnded) {
+    open();
+    write(BASE);
+    card.add_clip(BASE);
+    card.add_clip(BASE + 60);
+    card.add_clip(BASE + 7200);
+    const auto current = static_cast<uint32_t>(time(nullptr));
+    card.add_clip(current);  // may still be announced
+    optimise();
+    EXPECT_EQ(all_ts(list), (std::vector<uint32_t>{BASE, BASE + 60, BASE + 7200}));
+    EXPECT_TRUE(logged::has("info kyt: 2 clips were on the card but not in the list, the first is " +
+                            std::to_string(BASE + 60) + ": added"));
+}
+
+TEST_F(KytKeeper, AnAnnouncementTakesOverWhatWasFound) {
+    open();
+    card.add_clip(BASE + 60);
+    ASSERT_EQ(kyt_optimise(list), 0);
+    ASSERT_TRUE(await([&] { return list->keeper->at == kyt::phase::DONE; }));
+    write(BASE + 120);
+    EXPECT_EQ(all_ts(list), (std::vector<uint32_t>{BASE + 60, BASE + 120}));
+}
+
+TEST_F(KytKeeper, OddThingsInTheFolderAreNoClips) {
+    open();
+    for (const char* name : {"2026092213/20260922_130000.mp4.part", "2026092213/20260922_140000.mp4",
+                             "2026092213/x.mp4", "2026092213/20260922_130001.jpeg", "2026092299/20260922_130000.mp4"}) {
+        std::filesystem::create_directories(std::filesystem::path(card.file(name)).parent_path());
+        std::ofstream(card.file(name)) << "x";
+    }
+    std::filesystem::create_directories(card.file("2026092213/20260922_130002.mp4"));
+    card.set_bytes("2026092214", "a file with a period's name");
+    optimise();
+    EXPECT_EQ(kyt_count(list), 0U);
+    kyt_close_dirty(list);
+    open();
+    EXPECT_EQ(kyt_count(list), 0U);
+}
+
+TEST_F(KytKeeper, ADeletedClipWhoseFilesStayComesBackAtTheNextOpenOnly) {
+    open();
+    for (uint32_t i = 0; i < 1'200; ++i) {
+        write(BASE + i);
+    }
+    card.add_clip(BASE + 3);
+    card.add_clip(BASE + 1'100);
+    for (uint32_t i = 0; i < 1'000; ++i) {
+        kyt_mark_deleted(list, kyt_get(list, BASE + i));
+    }
+    for (int round = 0; round < 4; ++round) {
+        optimise();
+        ASSERT_EQ(kyt_count(list), 200U);
+        ASSERT_EQ(kyt_get(list, BASE + 3), nullptr);
+    }
+    // The list has been rewritten meanwhile, and of the tombstones only the one with files is left.
+    EXPECT_EQ(list->order.count, 201U);
+    kyt_close(list);
+    open();
+    ASSERT_NE(kyt_get(list, BASE + 3), nullptr);
+    EXPECT_TRUE(logged::has("warning kyt: 1 deleted clips are still on the card and back in the list, the first is " +
+                            std::to_string(BASE + 3)));
+    EXPECT_EQ(kyt_count(list), 201U);
+}
+
+TEST_F(KytKeeper, ATombstoneIsNotDroppedBeforeTheFolderWasReadInFull) {
+    open();
+    for (uint32_t i = 0; i < 1'000; ++i) {
+        write(BASE + i);
+    }
+    card.add_clip(BASE);
+    for (uint32_t i = 0; i < 1'000; ++i) {
+        kyt_mark_deleted(list, kyt_get(list, BASE + i));
+    }
+    card_calls::fail("open", 1, EIO, 1000);
+    optimise();
+    optimise();
+    EXPECT_EQ(list->order.count, 1'000U);
+    card_calls::fail("", 0, 0, 0);
+    optimise();
+    optimise();
+    EXPECT_EQ(list->order.count, 1U);
+    EXPECT_EQ(kyt_count(list), 0U);
+}
+
+TEST_F(KytKeeper, ARewritingThatFailsLeavesTheListAsItIs) {
+    open();
+    for (const uint32_t ts : {5U, 3U, 9U, 7U}) {
+        write(BASE + ts);
+    }
+    card_calls::fail("pwrite", 1, ENOSPC, 1000);
+    optimise();
+    EXPECT_TRUE(logged::has("warning kyt: the list could not be rewritten: No space left on device"));
+    EXPECT_EQ(card.files(), std::set<std::string>{"KYT_A.LST"});
+    EXPECT_EQ(kyt_count(list), 4U);
+    card_calls::fail("", 0, 0, 0);
+    optimise();
+    EXPECT_EQ(card.files(), std::set<std::string>{"KYT_B.LST"});
+    EXPECT_EQ(kyt_count(list), 4U);
+}
+
+TEST_F(KytKeeper, MemoryThatCannotBeLockedIsSaidOnce) {
+    card_calls::fail("mlock", 1, ENOMEM, 1000);
+    open();
+    kyt_close(list);
+    open();
+    write(BASE);
+    EXPECT_LE(logged::count("warning kyt: the list cannot be locked in memory: Cannot allocate memory"), 1);
+    EXPECT_EQ(kyt_count(list), 1U);
+}
+
+sigjmp_buf fault_exit;
+
+TEST_F(KytKeeper, ABusFaultMayJumpOutOfAWalk) {
+    const int before = open_descriptors();
+    open();
+    for (uint32_t i = 0; i < 20'000; ++i) {
+        write(BASE + i);
+    }
+    kyt_close(list);
+    open();
+    ASSERT_EQ(truncate(card.file("KYT_A.LST").c_str(), 8192), 0);  // the pages behind fault from now on
+    struct sigaction action = {};
+    struct sigaction previous = {};
+    action.sa_handler = [](int) { siglongjmp(fault_exit, 1); };
+    action.sa_flags = SA_NODEFER;
+    sigaction(SIGBUS, &action, &previous);
+    volatile int faults = 0;
+    if (sigsetjmp(fault_exit, 0) != 0) {
+        faults = faults + 1;
+    }
+    if (faults < 2) {  // the walk is entered once more before the list is closed
+        volatile uint32_t seen = 0;
+        for (const kyt_record* r = kyt_next(list, nullptr); r; r = kyt_next(list, r)) {
+            seen = seen + 1;
+        }
+        ADD_FAILURE() << "no fault after " << seen;
+    }
+    EXPECT_EQ(faults, 2);
+    kyt_close_dirty(list);
+    list = nullptr;
+    sigaction(SIGBUS, &previous, nullptr);
+    EXPECT_TRUE(await([&] { return open_descriptors() == before; }));
+}
+
+}  // namespace
