@@ -19,7 +19,8 @@ struct ev_loop;
 // would have to be looked up, which can take seconds. What bus_address_set kept, else the environment's VESK_BUS, else
 // "unix:/run/karveld/karveld.sock". The environment's VESK_BUS_USER and VESK_BUS_PASSWORD are the credentials.
 
-// Keeps a copy of the address for sessions opened from now on. 0, or -1 with errno EINVAL (nothing has changed).
+// Keeps a copy of the address for sessions opened from now on. 0, or -1 with errno (EINVAL, ENOMEM): nothing has
+// changed.
 int bus_address_set(const char* text);
 
 // The address that the next session will use, as text, well-formed or not. Valid until the next bus_address_set.
