@@ -25,8 +25,9 @@ class Message:
 class Bus:
     """One connection. It is not revived when the broker goes away: `alive` is false then, make another one."""
 
-    def __init__(self, client: paho.Client) -> None:
+    def __init__(self, client: paho.Client, user: str | None) -> None:
         self._client = client
+        self._user = user
         self._lock = threading.Condition()
         self._handlers: list[tuple[str, Callable[[Message], None]]] = []
         self._confirmed: set[int] = set()
@@ -56,7 +57,7 @@ class Bus:
         client = paho.Client(protocol=paho.MQTTv5, reconnect_on_failure=False)
         if user is not None:
             client.username_pw_set(user, password)
-        bus = cls(client)
+        bus = cls(client, user)
         client.connect(host, port, keepalive=60)
         client.loop_start()
         with bus._lock:
@@ -127,7 +128,7 @@ class Bus:
             with self._lock:
                 answers.append(message.payload)
                 self._lock.notify_all()
-        reply_topic = f"{topic}/reply/{id(answers)}"
+        reply_topic = f"reply/{self._user}/{id(answers)}"  # where each account may read answers of its own
         self.subscribe(reply_topic, handler)
         properties = Properties(PacketTypes.PUBLISH)
         properties.ResponseTopic = reply_topic
