@@ -11,6 +11,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#pragma GCC visibility push(default)
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -96,3 +97,4 @@ int xcontrol_get_response(karvel_response* response, const struct karvel_xvalue*
 #ifdef __cplusplus
 }
 #endif
+#pragma GCC visibility pop

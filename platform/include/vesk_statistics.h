@@ -1,6 +1,7 @@
 // libvesk_statistics: takes a daemon's reports to whoever collects them.
 #pragma once
 
+#pragma GCC visibility push(default)
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -15,3 +16,4 @@ int report_stat_object(const char* event_name, struct json_object* object);
 #ifdef __cplusplus
 }
 #endif
+#pragma GCC visibility pop

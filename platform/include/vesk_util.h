@@ -5,6 +5,7 @@
 #include <stdarg.h>
 #include <stdint.h>
 
+#pragma GCC visibility push(default)
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -66,3 +67,4 @@ void log_vpdebug(const char* prefix, const char* format, va_list args) __attribu
 #ifdef __cplusplus
 }
 #endif
+#pragma GCC visibility pop
