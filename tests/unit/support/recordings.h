@@ -8,6 +8,7 @@
 #include <iterator>
 #include <set>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include "kyt.h"
@@ -15,8 +16,9 @@
 class recordings {
   public:
     recordings() {
-        char pattern[] = "/tmp/vesk-kyt-XXXXXX";
-        top_ = mkdtemp(pattern);
+        // In memory where that can be had: thousands of clips are made and synchronised.
+        std::string pattern = std::string(access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp") + "/vesk-kyt-XXXXXX";
+        top_ = mkdtemp(pattern.data());
         path_ = top_ + "/ZOLTA_RECORD_VIDEO";
         std::filesystem::create_directory(path_);
     }
