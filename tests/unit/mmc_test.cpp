@@ -1,0 +1,808 @@
+#include "mmc.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <deque>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/fs.h>
+#include <linux/netlink.h>
+#include <string>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vector>
+
+#include "mountpoint.h"
+#include "support/kernel.h"
+#include "support/log.h"
+
+using namespace std::string_literals;
+
+namespace {
+int refresh_delays;
+}  // namespace
+
+// --- stand-in for the mount point manager --------------------------------------------------------------------------
+void mountpoint_refresh_delay() {
+    ++refresh_delays;
+}
+
+namespace {
+
+bool is_open(int fd) {
+    return fcntl(fd, F_GETFD) != -1;
+}
+
+struct pair_event {
+    std::string action = "add";
+    std::string major = "179";
+    std::string minor = "0";
+    std::string name = "mmcblk0";
+    std::string type = "disk";
+};
+
+// A datagram as the kernel composes it.
+std::string datagram(const pair_event& e) {
+    std::string text = e.action + "@/devices/platform/mmc0/block/" + e.name + '\0';
+    text += "ACTION=" + e.action + '\0' + "DEVPATH=/devices/platform/mmc0/block/" + e.name + '\0' + "SUBSYSTEM=block" +
+            '\0' + "MAJOR=" + e.major + '\0' + "MINOR=" + e.minor + '\0' + "DEVNAME=" + e.name + '\0' +
+            "DEVTYPE=" + e.type + '\0' + "SEQNUM=1234" + '\0';
+    return text;
+}
+
+std::string disk_event(const std::string& action) {
+    return datagram({.action = action});
+}
+
+std::string part_event(const std::string& action, int number) {
+    return datagram({.action = action,
+                     .minor = std::to_string(number),
+                     .name = "mmcblk0p" + std::to_string(number),
+                     .type = "partition"});
+}
+
+int parse(const std::string& text) {
+    return uevent_parse(text.c_str(), static_cast<int>(text.size()));
+}
+
+std::vector<std::string> names() {
+    std::vector<std::string> all;
+    for (int i = 0; i < mmc_get_manager()->partition_count; ++i) {
+        const mmc_block& p = mmc_get_manager()->partitions[i];
+        EXPECT_EQ(p.name, p.path + 5) << i;
+        EXPECT_EQ("/dev/"s + p.name, p.path);
+        all.emplace_back(p.name);
+    }
+    return all;
+}
+using list = std::vector<std::string>;
+
+class mmc : public testing::Test {
+  protected:
+    mmc_manager* m = mmc_get_manager();
+    int readonly = 0;
+
+    void SetUp() override {
+        kernel::reset();
+        logged::reset();
+        refresh_delays = 0;
+        *m = mmc_manager{};
+        kernel::write("/dev/mmcblk0", "");
+        kernel::write("/dev/mmcblk1", "");
+        kernel::on().ioctl = [this](int fd, unsigned long request, void* argument) {
+            EXPECT_EQ(fd, m->disk_fd);
+            EXPECT_EQ(request, static_cast<unsigned long>(BLKROGET));
+            *static_cast<int*>(argument) = readonly;
+            return 0;
+        };
+    }
+    void TearDown() override { mmc_dev_exit(); }
+};
+
+// --- one datagram --------------------------------------------------------------------------------------------------
+
+TEST_F(mmc, inserted_card_gives_disk_and_partitions_in_order) {
+    EXPECT_EQ(parse(disk_event("add")), 0);
+    EXPECT_EQ(parse(part_event("add", 1)), 0);
+    EXPECT_EQ(parse(part_event("add", 2)), 0);
+    EXPECT_STREQ(m->disk.path, "/dev/mmcblk0");
+    EXPECT_EQ(m->disk.name, m->disk.path + 5);
+    EXPECT_EQ(m->disk.minor, 0U);
+    EXPECT_EQ(names(), (list{"mmcblk0p1", "mmcblk0p2"}));
+    EXPECT_EQ(m->partitions[1].minor, 2U);
+    EXPECT_EQ(logged::lines(), (list{"info device: New block mmcblk0", "info device: New block mmcblk0p1",
+                                     "info device: New block mmcblk0p2"}));
+    EXPECT_EQ(m->state, MMC_STATE_NONE) << "the state is the batch's business";
+    EXPECT_EQ(refresh_delays, 0);
+}
+
+TEST_F(mmc, what_a_datagram_amounts_to) {
+    const std::string with_action_last = "x\0MAJOR=179\0MINOR=3\0DEVNAME=mmcblk0p3\0DEVTYPE=partition\0ACTION=add\0"s;
+    const struct {
+        const char* what;
+        std::string text;
+        int result;
+        list log;
+        list partitions;
+    } rows[] = {
+        {"another major", datagram({.major = "8", .name = "sda"}), -1, {}, {}},
+        {"stops at another major before the type", datagram({.major = "8", .name = "sda", .type = "foo"}), -1, {}, {}},
+        {"no number", datagram({.major = "x"}), -1, {}, {}},
+        {"overlong number", datagram({.major = "99999999999999999999"}), -1, {}, {}},
+        {"a number with something behind",
+         datagram({.action = "change", .major = "179x"}),
+         0,
+         {"warning device: Change block mmcblk0"},
+         {}},
+        {"no major", "add@/x\0ACTION=add\0DEVNAME=mmcblk0\0DEVTYPE=disk\0"s, -1, {}, {}},
+        {"no major, odd type",
+         "add@/x\0ACTION=add\0DEVNAME=q\0DEVTYPE=foo\0"s,
+         -1,
+         {"warning device: Unknow mmc block type: foo"},
+         {}},
+        {"no action", "add@/x\0MAJOR=179\0MINOR=1\0DEVNAME=mmcblk0p1\0DEVTYPE=partition\0"s, -1, {}, {}},
+        {"unknown type",
+         datagram({.name = "mmcblk0", .type = "foo"}),
+         0,
+         {"warning device: Unknow mmc block type: foo", "info device: New block mmcblk0"},
+         {}},
+        {"remove of unknown type",
+         datagram({.action = "remove", .type = "foo"}),
+         0,
+         {"warning device: Unknow mmc block type: foo", "info device: Remove block mmcblk0"},
+         {}},
+        {"type by the whole value",
+         datagram({.type = "disks"}),
+         0,
+         {"warning device: Unknow mmc block type: disks", "info device: New block mmcblk0"},
+         {}},
+        {"no type",
+         "add@/x\0ACTION=add\0MAJOR=179\0MINOR=1\0DEVNAME=mmcblk0p1\0"s,
+         0,
+         {"info device: New block mmcblk0p1"},
+         {}},
+        {"change", disk_event("change"), 0, {"warning device: Change block mmcblk0"}, {}},
+        {"online", disk_event("online"), -1, {"warning device: Unexpected sdcard action: online"}, {}},
+        {"offline", disk_event("offline"), -1, {"warning device: Unexpected sdcard action: offline"}, {}},
+        {"action by the whole value", disk_event("added"), -1, {"warning device: Unexpected sdcard action: added"}, {}},
+        {"any order of keys", with_action_last, 0, {"info device: New block mmcblk0p3"}, {"mmcblk0p3"}},
+        {"keys by the whole name",
+         "x\0ACTION=add\0MAJOR=179\0XMAJOR=8\0MAJORS=8\0MINOR=1\0DEVNAME=a\0DEVTYPE=partition\0"s,
+         0,
+         {"info device: New block a"},
+         {"a"}},
+        {"text without an equals sign",
+         "x\0ACTION=add\0MAJOR\0\0MAJOR=179\0MINOR=1\0DEVNAME=a\0DEVTYPE=partition\0"s,
+         0,
+         {"info device: New block a"},
+         {"a"}},
+        {"the first equals sign splits",
+         "x\0ACTION=add\0MAJOR=179\0MINOR=1\0DEVNAME=a=b\0DEVTYPE=partition\0"s,
+         0,
+         {"info device: New block a=b"},
+         {"a=b"}},
+        {"key cut at the end",
+         "x\0ACTION=change\0DEVNAME=a\0MAJOR=179\0DEVNA"s,
+         0,
+         {"warning device: Change block a"},
+         {}},
+        {"value cut at the end",
+         "x\0ACTION=change\0MAJOR=179\0DEVNAME=mmcb"s,
+         0,
+         {"warning device: Change block mmcb"},
+         {}},
+        {"no name, add",
+         "x\0ACTION=add\0MAJOR=179\0MINOR=1\0DEVTYPE=partition\0"s,
+         0,
+         {"info device: New block (null)"},
+         {"(null)"}},
+        {"no name, change", "x\0ACTION=change\0MAJOR=179\0"s, 0, {"warning device: Change block (null)"}, {}},
+        {"header only", "add@/devices/x\0"s, -1, {}, {}},
+        {"header without its end", "add@/devices/x", -1, {}, {}},
+        {"pairs in the header are none", "MAJOR=179\0ACTION=change\0DEVNAME=a\0"s, -1, {}, {}},
+        {"nothing", "", -1, {}, {}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        SetUp();
+        EXPECT_EQ(parse(row.text), row.result);
+        EXPECT_EQ(logged::lines(), row.log);
+        EXPECT_EQ(names(), row.partitions);
+        EXPECT_EQ(m->disk.name, nullptr);
+        EXPECT_EQ(kernel::count("open"), 0);
+        EXPECT_EQ(refresh_delays, 0);
+    }
+}
+
+TEST_F(mmc, pairs_behind_the_length_are_not_looked_at) {
+    const std::string text = "x\0ACTION=change\0MAJOR=179\0DEVNAME=a\0"s;
+    EXPECT_EQ(uevent_parse(text.c_str(), 2), -1);
+    EXPECT_EQ(uevent_parse(text.c_str(), 16), -1) << "the major is outside";
+    EXPECT_TRUE(logged::lines().empty());
+}
+
+TEST_F(mmc, event_without_minor_carries_none) {
+    EXPECT_EQ(parse("x\0ACTION=add\0MAJOR=179\0DEVNAME=a\0DEVTYPE=partition\0"s), 0);
+    EXPECT_EQ(m->partitions[0].minor, MMC_MINOR_NONE);
+}
+
+// --- the table -----------------------------------------------------------------------------------------------------
+
+TEST_F(mmc, new_disk_waits_a_second_before_it_is_opened) {
+    testing::internal::CaptureStdout();
+    mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "bdev.disk.path is /dev/mmcblk0\n");
+    EXPECT_EQ(kernel::calls(), (list{"sleep 1", "open /dev/mmcblk0"}));
+    ASSERT_GE(m->disk_fd, 0);
+    EXPECT_EQ(fcntl(m->disk_fd, F_GETFL) & O_ACCMODE, O_RDWR);
+    EXPECT_EQ(fcntl(m->disk_fd, F_GETFD), FD_CLOEXEC);
+}
+
+// The line must not lie in a buffer: the process may abort, and a child would write it again.
+TEST_F(mmc, new_disk_is_told_on_standard_output_at_once) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    fflush(stdout);
+    const int kept = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
+    ASSERT_EQ(dup2(ends[1], STDOUT_FILENO), STDOUT_FILENO);
+    setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);
+    mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
+    fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    char text[64] = "";
+    const ssize_t length = read(ends[0], text, sizeof text - 1);
+    fflush(stdout);
+    dup2(kept, STDOUT_FILENO);
+    for (int fd : {ends[0], ends[1], kept}) {
+        close(fd);
+    }
+    ASSERT_GT(length, 0) << "nothing in the pipe";
+    EXPECT_STREQ(text, "bdev.disk.path is /dev/mmcblk0\n");
+}
+
+TEST_F(mmc, second_add_of_the_disk_empties_the_partitions_and_reopens) {
+    mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
+    for (unsigned i = 1; i <= 3; ++i) {
+        mmc_new_block(("mmcblk0p" + std::to_string(i)).c_str(), i, MMC_BLOCK_PARTITION);
+    }
+    const int before = m->disk_fd;
+    bool closed = false;
+    kernel::on().before = [&](const char* call, const char*) {
+        if (strcmp(call, "open") == 0) {
+            closed = !is_open(before);
+        }
+    };
+    mmc_new_block("mmcblk1", 8, MMC_BLOCK_DISK);
+    EXPECT_TRUE(closed);
+    EXPECT_GE(m->disk_fd, 0);
+    EXPECT_STREQ(m->disk.path, "/dev/mmcblk1");
+    EXPECT_EQ(m->disk.minor, 8U);
+    EXPECT_EQ(m->partition_count, 0);
+    EXPECT_EQ(m->partitions[0].minor, MMC_MINOR_NONE);
+    EXPECT_EQ(m->partitions[2].name, nullptr);
+}
+
+TEST_F(mmc, disk_that_does_not_open_keeps_the_partitions_and_has_no_state) {
+    mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
+    mmc_new_block("mmcblk0p1", 1, MMC_BLOCK_PARTITION);
+    const int before = m->disk_fd;
+    kernel::fail("open", ENOMEDIUM);
+    logged::reset();
+    testing::internal::CaptureStdout();
+    mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "bdev.disk.path is /dev/mmcblk0\n");
+    EXPECT_EQ(logged::lines(),
+              (list{"info device: New block mmcblk0", "err device: open disk: "s + strerror(ENOMEDIUM)}));
+    EXPECT_EQ(m->disk_fd, -1);
+    EXPECT_FALSE(is_open(before));
+    EXPECT_STREQ(m->disk.path, "/dev/mmcblk0");
+    EXPECT_EQ(names(), list{"mmcblk0p1"});
+    mmc_refresh_rdonly();
+    EXPECT_EQ(mmc_get_state(), MMC_STATE_NONE);
+}
+
+TEST_F(mmc, removed_disk_takes_everything_along) {
+    mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
+    mmc_new_block("mmcblk0p1", 1, MMC_BLOCK_PARTITION);
+    const int before = m->disk_fd;
+    logged::reset();
+    mmc_remove_block("mmcblk0", 0, MMC_BLOCK_DISK);
+    EXPECT_EQ(logged::lines(), list{"info device: Remove block mmcblk0"});
+    EXPECT_EQ(m->disk_fd, -1);
+    EXPECT_FALSE(is_open(before));
+    EXPECT_EQ(m->disk.minor, MMC_MINOR_NONE);
+    EXPECT_EQ(m->disk.name, nullptr);
+    EXPECT_STREQ(m->disk.path, "");
+    EXPECT_EQ(m->partition_count, 0);
+    mmc_remove_block("mmcblk0", 0, MMC_BLOCK_DISK);  // once more changes nothing
+    EXPECT_EQ(m->disk_fd, -1);
+}
+
+TEST_F(mmc, removed_partition_is_found_by_minor_and_the_others_close_ranks) {
+    const struct {
+        const char* name;
+        uint32_t minor;
+        list left;
+    } rows[] = {
+        {"mmcblk0p1", 1, {"mmcblk0p2", "mmcblk0p3"}},
+        {"mmcblk0p2", 2, {"mmcblk0p1", "mmcblk0p3"}},
+        {"mmcblk0p3", 3, {"mmcblk0p1", "mmcblk0p2"}},
+        {"other", 2, {"mmcblk0p1", "mmcblk0p3"}},
+        {"mmcblk0p1", 9, {"mmcblk0p1", "mmcblk0p2", "mmcblk0p3"}},
+    };
+    for (const auto& row : rows) {
+        SetUp();
+        for (unsigned i = 1; i <= 3; ++i) {
+            mmc_new_block(("mmcblk0p" + std::to_string(i)).c_str(), i, MMC_BLOCK_PARTITION);
+        }
+        mmc_remove_block(row.name, row.minor, MMC_BLOCK_PARTITION);
+        EXPECT_EQ(names(), row.left) << row.name << row.minor;
+        EXPECT_EQ(logged::lines().back(), "info device: Remove block "s + row.name);
+    }
+    EXPECT_EQ(parse(part_event("remove", 7)), 0) << "accepted, though not in the table";
+}
+
+TEST_F(mmc, removal_touches_only_the_first_of_its_minor) {
+    mmc_new_block("a", 1, MMC_BLOCK_PARTITION);
+    mmc_new_block("b", 1, MMC_BLOCK_PARTITION);
+    mmc_remove_block("b", 1, MMC_BLOCK_PARTITION);
+    EXPECT_EQ(names(), list{"b"});
+}
+
+TEST_F(mmc, removing_or_adding_nothing_known_changes_nothing) {
+    mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
+    mmc_new_block("mmcblk0p1", 1, MMC_BLOCK_PARTITION);
+    mmc_new_block("x", 0, MMC_BLOCK_NONE);
+    mmc_remove_block("x", 1, MMC_BLOCK_NONE);
+    mmc_change_block("mmcblk0");
+    EXPECT_GE(m->disk_fd, 0);
+    EXPECT_STREQ(m->disk.name, "mmcblk0");
+    EXPECT_EQ(names(), list{"mmcblk0p1"});
+}
+
+TEST_F(mmc, eighth_partition_is_dropped) {
+    for (unsigned i = 1; i <= 9; ++i) {
+        mmc_new_block(("mmcblk0p" + std::to_string(i)).c_str(), i, MMC_BLOCK_PARTITION);
+        EXPECT_EQ(m->partition_count, static_cast<int>(std::min(i, 7U)));
+        EXPECT_EQ(logged::count("warning device: Too many partitions"), static_cast<int>(i > 7 ? i - 7 : 0));
+    }
+    EXPECT_EQ(names().back(), "mmcblk0p7");
+    EXPECT_EQ(mmc_get_block(8), nullptr);
+}
+
+TEST_F(mmc, long_name_is_cut_to_the_path) {
+    const std::string name(60, 'n');
+    mmc_new_block(name.c_str(), 1, MMC_BLOCK_PARTITION);
+    EXPECT_EQ("/dev/" + std::string(32, 'n'), m->partitions[0].path);
+    EXPECT_EQ(names(), list{std::string(32, 'n')});
+    EXPECT_TRUE(logged::has("info device: New block " + name));
+}
+
+TEST_F(mmc, block_by_minor) {
+    EXPECT_EQ(mmc_get_block(0), nullptr);
+    mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
+    mmc_new_block("mmcblk0p1", 1, MMC_BLOCK_PARTITION);
+    mmc_new_block("mmcblk0p2", 2, MMC_BLOCK_PARTITION);
+    EXPECT_EQ(mmc_get_block(0), &m->disk);
+    EXPECT_EQ(mmc_get_block(1), &m->partitions[0]);
+    EXPECT_EQ(mmc_get_block(2), &m->partitions[1]);
+    EXPECT_EQ(mmc_get_block(3), nullptr);
+    mmc_remove_block("mmcblk0p1", 1, MMC_BLOCK_PARTITION);
+    EXPECT_EQ(mmc_get_block(1), nullptr);
+    EXPECT_EQ(mmc_get_block(2), &m->partitions[0]) << "not the stale copy behind the count";
+}
+
+TEST_F(mmc, state_follows_the_kernels_read_only_flag) {
+    mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
+    const struct {
+        mmc_state before;
+        int flag;
+        mmc_state after;
+    } rows[] = {
+        {MMC_STATE_NONE, 0, MMC_STATE_RDWR},    {MMC_STATE_NONE, 1, MMC_STATE_RDONLY},
+        {MMC_STATE_RDONLY, 0, MMC_STATE_RDWR},  {MMC_STATE_RDWR, 2, MMC_STATE_RDONLY},
+        {MMC_STATE_EJECTED, 0, MMC_STATE_RDWR}, {MMC_STATE_EJECTED, 1, MMC_STATE_RDONLY},
+    };
+    int rounds = 0;
+    for (const auto& row : rows) {
+        m->state = row.before;
+        readonly = row.flag;
+        mmc_refresh_rdonly();
+        EXPECT_EQ(mmc_get_state(), row.after) << row.before << row.flag;
+        EXPECT_EQ(refresh_delays, ++rounds);
+    }
+    m->state = MMC_STATE_EJECTED;
+    mmc_remove_block("mmcblk0", 0, MMC_BLOCK_DISK);
+    kernel::forget_calls();
+    mmc_refresh_rdonly();
+    EXPECT_EQ(mmc_get_state(), MMC_STATE_NONE);
+    EXPECT_EQ(refresh_delays, ++rounds);
+    EXPECT_TRUE(kernel::calls().empty()) << "no descriptor, no question";
+}
+
+TEST_F(mmc, unknown_read_only_flag_counts_as_set) {
+    mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
+    kernel::on().ioctl = [](int, unsigned long, void* argument) {
+        *static_cast<int*>(argument) = 0;
+        errno = ENOTTY;
+        return -1;
+    };
+    mmc_refresh_rdonly();
+    EXPECT_EQ(mmc_get_state(), MMC_STATE_RDONLY);
+    EXPECT_TRUE(logged::has("warning device: Fail to get the readonly status, assuming the disk is readonly."));
+    EXPECT_EQ(refresh_delays, 1);
+}
+
+// --- rescan --------------------------------------------------------------------------------------------------------
+
+constexpr char PARTITIONS[] =
+    "major minor  #blocks  name\n"
+    "\n"
+    "  31        0       8192 mtdblock0\n"
+    " 179        0   31166976 mmcblk0\n"
+    " 179        1   31162880 mmcblk0p1\n"
+    "   8        1   31162880 sda1\n"
+    " 179        2   31162880 mmcblk0p2\n";
+
+TEST_F(mmc, rescan_builds_the_table_anew) {
+    kernel::write("/proc/partitions", PARTITIONS);
+    kernel::make_dir("/sys/block/mmcblk0");
+    mmc_new_block("mmcblk1", 8, MMC_BLOCK_DISK);
+    mmc_new_block("mmcblk1p1", 9, MMC_BLOCK_PARTITION);
+    const int before = m->disk_fd;
+    bool closed = false;
+    kernel::on().before = [&](const char* call, const char*) {
+        if (strcmp(call, "fopen") == 0) {
+            closed = !is_open(before);
+        }
+    };
+    kernel::forget_calls();
+    logged::reset();
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(mmc_rescan(), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_TRUE(closed);
+    EXPECT_STREQ(m->disk.path, "/dev/mmcblk0");
+    EXPECT_EQ(m->disk.minor, 0U);
+    EXPECT_EQ(names(), (list{"mmcblk0p1", "mmcblk0p2"}));
+    EXPECT_EQ(m->partitions[1].minor, 2U);
+    EXPECT_EQ(m->state, MMC_STATE_RDWR);
+    EXPECT_EQ(refresh_delays, 1);
+    EXPECT_TRUE(logged::lines().empty());
+    EXPECT_EQ(kernel::count("sleep"), 0);
+    EXPECT_EQ(kernel::count("access /sys/block/"), 3) << "other majors are not looked at";
+    ASSERT_GE(m->disk_fd, 0);
+    EXPECT_EQ(fcntl(m->disk_fd, F_GETFL) & O_ACCMODE, O_RDWR);
+    EXPECT_EQ(fcntl(m->disk_fd, F_GETFD), FD_CLOEXEC);
+}
+
+TEST_F(mmc, rescan_without_a_card) {
+    kernel::write("/proc/partitions", "major minor  #blocks  name\n\n  31        0       8192 mtdblock0\n");
+    m->state = MMC_STATE_RDWR;
+    EXPECT_EQ(mmc_rescan(), 0);
+    EXPECT_EQ(m->state, MMC_STATE_NONE);
+    EXPECT_EQ(m->disk_fd, -1);
+    EXPECT_EQ(refresh_delays, 1);
+}
+
+TEST_F(mmc, rescan_without_the_kernels_list_leaves_the_table_empty_and_the_state_alone) {
+    mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
+    mmc_new_block("mmcblk0p1", 1, MMC_BLOCK_PARTITION);
+    mmc_refresh_rdonly();
+    logged::reset();
+    const int before = m->disk_fd;
+    EXPECT_EQ(mmc_rescan(), -1);
+    EXPECT_FALSE(is_open(before));
+    EXPECT_EQ(m->disk_fd, -1);
+    EXPECT_EQ(m->disk.minor, MMC_MINOR_NONE);
+    EXPECT_EQ(m->disk.name, nullptr);
+    EXPECT_EQ(m->partition_count, 0);
+    EXPECT_EQ(m->state, MMC_STATE_RDWR);
+    EXPECT_EQ(refresh_delays, 1) << "only the one before";
+    EXPECT_TRUE(logged::lines().empty());
+}
+
+TEST_F(mmc, rescan_with_a_disk_that_does_not_open) {
+    kernel::write("/proc/partitions", PARTITIONS);
+    kernel::make_dir("/sys/block/mmcblk0");
+    m->state = MMC_STATE_RDWR;
+    kernel::fail("open", EIO);
+    EXPECT_EQ(mmc_rescan(), -1);
+    EXPECT_EQ(m->disk_fd, -1);
+    EXPECT_EQ(m->state, MMC_STATE_NONE);
+    EXPECT_EQ(refresh_delays, 1);
+    EXPECT_STREQ(m->disk.name, "mmcblk0");
+    EXPECT_EQ(m->partition_count, 2);
+    EXPECT_TRUE(logged::lines().empty());
+}
+
+TEST_F(mmc, rescan_takes_the_last_disk_and_seven_partitions) {
+    std::string text;
+    for (int i = 1; i <= 9; ++i) {
+        text += " 179 " + std::to_string(i) + " 100 mmcblk0p" + std::to_string(i) + "\n";
+    }
+    kernel::write("/proc/partitions", " 179 0 100 mmcblk0\n" + text + " 179 16 100 mmcblk1");
+    kernel::make_dir("/sys/block/mmcblk0");
+    kernel::make_dir("/sys/block/mmcblk1");
+    EXPECT_EQ(mmc_rescan(), 0);
+    EXPECT_STREQ(m->disk.name, "mmcblk1");
+    EXPECT_EQ(m->disk.minor, 16U);
+    EXPECT_EQ(m->partition_count, 7);
+    EXPECT_EQ(logged::count("warning device: Too many partitions"), 2);
+}
+
+TEST_F(mmc, rescan_bounds_names_and_skips_broken_lines) {
+    const std::string longest(32, 'd');
+    const std::string too_long(500, 'p');
+    kernel::write("/proc/partitions", " 179 1 100\n 179\nx y z w\n 179 1 z p1\n 179 5 100 " + longest +
+                                          "\n 179 6 100 " + too_long +
+                                          "\n 1790 7 100 other\n 179 12345678 9 wide\n 179 8 100 last\n");
+    kernel::make_dir("/sys/block/" + longest);
+    kernel::write("/dev/" + longest, "");
+    EXPECT_EQ(mmc_rescan(), 0);
+    EXPECT_EQ(m->disk.name, longest);
+    // A minor of more than seven digits is split as the line's fixed fields say: never by this kernel.
+    EXPECT_EQ(names(), (list{too_long.substr(0, 32), "9", "last"}));
+}
+
+// --- the socket ----------------------------------------------------------------------------------------------------
+
+TEST_F(mmc, socket_listens_to_the_kernels_group) {
+    m->disk_fd = 77;  // forgotten, not closed
+    int domain = 0;
+    int type = 0;
+    int protocol = 0;
+    sockaddr_nl address{};
+    unsigned length = 0;
+    int bound = -1;
+    int made = -1;
+    kernel::on().socket = [&](int d, int t, int p) {
+        domain = d;
+        type = t;
+        protocol = p;
+        return made = open("/dev/null", O_RDWR | O_CLOEXEC);
+    };
+    kernel::write("/dev/null", "");
+    kernel::on().bind = [&](int fd, const void* a, unsigned l) {
+        bound = fd;
+        length = l;
+        memcpy(&address, a, sizeof address);
+        return 0;
+    };
+    ASSERT_EQ(mmc_dev_init(), 0);
+    EXPECT_EQ(m->disk_fd, -1);
+    EXPECT_EQ(domain, AF_NETLINK);
+    EXPECT_EQ(type, SOCK_DGRAM | SOCK_CLOEXEC);
+    EXPECT_EQ(protocol, 15);
+    EXPECT_EQ(bound, made);
+    EXPECT_EQ(m->uevent_fd, made);
+    EXPECT_EQ(length, 12U);
+    EXPECT_EQ(address.nl_family, AF_NETLINK);
+    EXPECT_EQ(address.nl_pid, 0U);
+    EXPECT_EQ(address.nl_groups, 1U);
+    EXPECT_TRUE(ev_is_active(&m->uevent_watcher));
+    EXPECT_EQ(ev_priority(&m->uevent_watcher), 1);
+    EXPECT_EQ(m->uevent_watcher.fd, made);
+    EXPECT_EQ(m->uevent_watcher.events & (EV_READ | EV_WRITE), EV_READ);
+    EXPECT_EQ(kernel::count("fopen"), 0) << "no scan";
+
+    mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
+    const int disk = m->disk_fd;
+    mmc_dev_exit();
+    EXPECT_FALSE(ev_is_active(&m->uevent_watcher));
+    EXPECT_EQ(m->uevent_fd, -1);
+    EXPECT_FALSE(is_open(made));
+    EXPECT_EQ(m->disk_fd, -1);
+    EXPECT_FALSE(is_open(disk));
+    mmc_dev_exit();  // twice is fine
+}
+
+TEST_F(mmc, no_socket) {
+    kernel::fail("socket", EPROTONOSUPPORT);
+    EXPECT_EQ(mmc_dev_init(), -1);
+    EXPECT_EQ(logged::lines(), list{"err device: socket: AF_NETLINK: "s + strerror(EPROTONOSUPPORT)});
+    EXPECT_EQ(m->uevent_fd, -1);
+    EXPECT_FALSE(ev_is_active(&m->uevent_watcher));
+    EXPECT_EQ(kernel::count("bind"), 0);
+}
+
+TEST_F(mmc, socket_that_cannot_be_bound_is_closed) {
+    int made = -1;
+    kernel::write("/dev/null", "");
+    kernel::on().socket = [&](int, int, int) { return made = open("/dev/null", O_RDWR | O_CLOEXEC); };
+    kernel::fail("bind", EPERM);
+    EXPECT_EQ(mmc_dev_init(), -1);
+    EXPECT_EQ(logged::lines(), list{"err device: bind: AF_NETLINK: "s + strerror(EPERM)});
+    EXPECT_EQ(m->uevent_fd, -1);
+    ASSERT_GE(made, 0);
+    EXPECT_FALSE(is_open(made));
+    EXPECT_FALSE(ev_is_active(&m->uevent_watcher));
+}
+
+// --- batches -------------------------------------------------------------------------------------------------------
+
+class mmc_batch : public mmc {
+  protected:
+    struct answer {
+        std::string text;
+        int errnum = 0;  // fails with it when there is no text
+        bool empty = false;
+    };
+    std::deque<answer> answers;
+
+    void SetUp() override {
+        mmc::SetUp();
+        kernel::on().recv = [this](int fd, void* buffer, size_t length, int flags) -> ssize_t {
+            EXPECT_EQ(fd, m->uevent_fd);
+            EXPECT_EQ(length, 4096U);
+            EXPECT_EQ(flags, MSG_DONTWAIT);
+            if (answers.empty()) {
+                errno = EAGAIN;
+                return -1;
+            }
+            const answer next = answers.front();
+            answers.pop_front();
+            if (next.empty || next.errnum != 0) {
+                errno = next.errnum;
+                return next.empty ? 0 : -1;
+            }
+            const size_t n = std::min(length, next.text.size());
+            memcpy(buffer, next.text.data(), n);
+            errno = 0;
+            return static_cast<ssize_t>(n);
+        };
+        ASSERT_EQ(mmc_dev_init(), 0);
+    }
+    void readable() { ev_invoke(ev_default_loop(0), &m->uevent_watcher, EV_READ); }
+};
+
+TEST_F(mmc_batch, burst_asks_for_the_read_only_flag_once) {
+    answers.push_back({disk_event("add")});
+    for (int i = 1; i <= 9; ++i) {
+        answers.push_back({part_event("add", i)});
+    }
+    readable();
+    EXPECT_EQ(kernel::count("ioctl"), 1);
+    EXPECT_EQ(refresh_delays, 1);
+    EXPECT_EQ(m->state, MMC_STATE_RDWR);
+    EXPECT_EQ(m->partition_count, 7);
+    EXPECT_EQ(kernel::count("recv 4096"), 11);
+}
+
+TEST_F(mmc_batch, change_counts_as_accepted) {
+    answers.push_back({disk_event("change")});
+    readable();
+    EXPECT_EQ(refresh_delays, 1);
+}
+
+TEST_F(mmc_batch, accepted_event_is_not_forgotten_behind_an_ignored_one) {
+    answers.push_back({disk_event("change")});
+    answers.push_back({disk_event("online")});
+    readable();
+    EXPECT_EQ(refresh_delays, 1);
+    readable();
+    EXPECT_EQ(refresh_delays, 1) << "each batch for itself";
+}
+
+TEST_F(mmc_batch, ignored_events_ask_for_nothing) {
+    answers.push_back({datagram({.major = "8", .name = "sda"})});
+    answers.push_back({disk_event("online")});
+    readable();
+    EXPECT_EQ(refresh_delays, 0);
+    EXPECT_EQ(kernel::count("recv"), 3);
+}
+
+TEST_F(mmc_batch, interrupted_receive_is_repeated) {
+    answers.push_back({"", EINTR});
+    answers.push_back({disk_event("change")});
+    answers.push_back({"", EINTR});
+    readable();
+    EXPECT_EQ(refresh_delays, 1);
+    EXPECT_EQ(kernel::count("recv"), 4);
+}
+
+TEST_F(mmc_batch, no_memory_ends_the_batch_like_an_empty_socket) {
+    answers.push_back({disk_event("change")});
+    answers.push_back({"", ENOMEM});
+    answers.push_back({disk_event("change")});
+    readable();
+    EXPECT_EQ(refresh_delays, 1);
+    EXPECT_EQ(kernel::count("recv"), 2);
+    EXPECT_EQ(kernel::count("fopen"), 0) << "nothing rescans";
+}
+
+TEST_F(mmc_batch, errno_of_handlers_and_log_is_not_the_receives) {
+    logged::disturb_errno(EIO);
+    kernel::fail("open", EIO);
+    answers.push_back({disk_event("add")});
+    readable();
+    EXPECT_EQ(refresh_delays, 1);
+}
+
+TEST_F(mmc_batch, datagram_of_full_size_is_not_read_past_its_end) {
+    std::string text = "x\0ACTION=change\0MAJOR=179\0DEVNAME="s;
+    text.resize(5000, 'n');
+    answers.push_back({text});
+    readable();
+    ASSERT_EQ(logged::lines().size(), 1U);
+    EXPECT_EQ(logged::lines()[0], "warning device: Change block " + std::string(4096 - 34, 'n'));
+}
+
+// What an earlier, longer datagram left in the buffer must not complete a later one.
+TEST_F(mmc_batch, datagram_ends_where_it_ends) {
+    answers.push_back({"x\0ACTION=change\0MAJOR=179\0DEVNAME=mmcblk0p1\0"s});
+    answers.push_back({"x\0ACTION=change\0MAJOR=179\0DEVNAME=mmcb"s});
+    readable();
+    EXPECT_EQ(logged::lines(), (list{"warning device: Change block mmcblk0p1", "warning device: Change block mmcb"}));
+}
+
+TEST_F(mmc_batch, empty_datagram_ends_the_batch_with_the_errno_that_was_there) {
+    for (int errnum : {EAGAIN, ENOMEM}) {
+        answers = {{disk_event("change")}, {"", errnum, true}, {disk_event("change")}};
+        refresh_delays = 0;
+        readable();
+        EXPECT_EQ(refresh_delays, 1);
+        EXPECT_EQ(answers.size(), 1U);
+    }
+}
+
+class mmc_batch_death : public mmc_batch {
+  protected:
+    // The daemon has said why, then died by its own abort.
+    void expect_abort(const std::string& line) {
+        EXPECT_EXIT(
+            {
+                signal(
+                    SIGABRT, +[](int) {
+                        for (const auto& kept : logged::lines()) {
+                            (void)!write(STDERR_FILENO, (kept + "\n").c_str(), kept.size() + 1);
+                        }
+                        signal(SIGABRT, SIG_DFL);
+                    });
+                logged::disturb_errno(EAGAIN);
+                readable();
+            },
+            testing::KilledBySignal(SIGABRT), line);
+    }
+};
+
+TEST_F(mmc_batch_death, dead_socket_ends_the_process) {
+    for (int errnum : {EBADF, ENOBUFS, ENOTCONN}) {
+        answers = {{disk_event("change")}, {"", errnum}};
+        expect_abort("crit device: Can not receive message on NETLINK socket: "s + strerror(errnum));
+    }
+}
+
+TEST_F(mmc_batch_death, empty_datagram_is_judged_by_what_was_there) {
+    answers = {{"", EIO, true}};
+    expect_abort("crit device: Can not receive message on NETLINK socket: "s + strerror(EIO));
+}
+
+// A real socket on the real loop: readability leads to the drain, and the loop is quiet afterwards.
+TEST_F(mmc, events_arrive_through_the_loop) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends), 0);
+    kernel::on().socket = [&](int, int, int) { return ends[0]; };
+    kernel::on().recv = [](int fd, void* buffer, size_t length, int flags) {
+        return recvfrom(fd, buffer, length, flags, nullptr, nullptr);
+    };
+    ASSERT_EQ(mmc_dev_init(), 0);
+    struct ev_loop* loop = ev_default_loop(0);
+    ev_run(loop, EVRUN_NOWAIT);
+    EXPECT_EQ(kernel::count("recv"), 0);
+    for (const auto& text : {disk_event("add"), part_event("add", 1)}) {
+        ASSERT_EQ(send(ends[1], text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
+    }
+    ev_run(loop, EVRUN_NOWAIT);
+    EXPECT_EQ(names(), list{"mmcblk0p1"});
+    EXPECT_EQ(m->state, MMC_STATE_RDWR);
+    EXPECT_EQ(refresh_delays, 1);
+    kernel::forget_calls();
+    ev_run(loop, EVRUN_NOWAIT);
+    EXPECT_EQ(kernel::count("recv"), 0);
+    mmc_dev_exit();
+    close(ends[1]);
+}
+
+}  // namespace
