@@ -1,0 +1,134 @@
+// veskctl: what a person or a script asks the camera's storage. This file reads the command line and hands over.
+#include "tools/veskctl.h"
+
+#include <cerrno>
+#include <clocale>
+#include <cstdlib>
+#include <cstring>
+#include <getopt.h>
+#include <json-c/json.h>
+#include <unistd.h>
+
+#include "bus/bus.h"
+
+namespace {
+
+struct subcommand {
+    const char* name;
+    int (*run)(const veskctl_options& options, int argc, char** argv);
+    const char* help;
+};
+
+constexpr subcommand SUBCOMMANDS[] = {
+    {"status", veskctl_status, "state, writable, free, used, clips, oldest and newest"},
+    {"watch", veskctl_watch, "every key change and report as it happens (--count N, --timeout S)"},
+    {"clips", veskctl_clips, "the clip index; [FOLDER] of a copied recordings folder"},
+};
+
+// By number; what the daemon publishes as "sdcard_status".
+constexpr const char* STATES[] = {"normal",     "not_exists", "full",   "broken",
+                                  "formatting", "eject",      "fixing", "ejecting"};
+constexpr const char* COLOURS[] = {"\033[32m", "\033[2m",  "\033[33m", "\033[31m",
+                                   "\033[33m", "\033[33m", "\033[33m", "\033[33m"};
+constexpr long STATE_COUNT = sizeof STATES / sizeof *STATES;
+
+void usage(FILE* out) {
+    fputs("usage: veskctl [--bus ADDRESS] [--json] COMMAND [ARGUMENTS]\n", out);
+    for (const subcommand& command : SUBCOMMANDS) {
+        fprintf(out, "  %-8s %s\n", command.name, command.help);
+    }
+    fprintf(out,
+            "  --bus ADDRESS  unix:PATH or tcp:HOST:PORT (default: $VESK_BUS or %s)\n"
+            "  --json         JSON instead of text\n"
+            "  --version, --help\n"
+            "Data goes to standard output, messages to standard error. Times are UTC.\n"
+            "exit codes: 0 done, 1 failed, 2 usage, 3 the configuration service did not answer,\n"
+            "            4 no card or no clip index, 5 a clip index that cannot be read\n",
+            bus_address());
+}
+
+}  // namespace
+
+const char* veskctl_state_name(long number) {
+    return number >= 0 && number < STATE_COUNT ? STATES[number] : nullptr;
+}
+
+const char* veskctl_state_colour(const veskctl_options& options, long number) {
+    return options.colour && number >= 0 && number < STATE_COUNT ? COLOURS[number] : "";
+}
+
+const char* veskctl_plain(const veskctl_options& options) {
+    return options.colour ? "\033[0m" : "";
+}
+
+void veskctl_print_json(json_object* object) {
+    puts(json_object_to_json_string_ext(object, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE));
+    json_object_put(object);
+}
+
+int veskctl_finish(int code) {
+    if (fflush(stdout) != 0 || ferror(stdout) != 0) {
+        fprintf(stderr, "veskctl: standard output: %s\n", strerror(errno));
+        return VESKCTL_FAILED;
+    }
+    return code;
+}
+
+int main(int argc, char** argv) {
+    static const option table[] = {{"bus", required_argument, nullptr, 'b'},
+                                   {"json", no_argument, nullptr, 'j'},
+                                   {"version", no_argument, nullptr, 'v'},
+                                   {"help", no_argument, nullptr, 'h'},
+                                   {}};
+    const char* no_colour = getenv("NO_COLOR");
+    veskctl_options options = {};
+    options.colour = isatty(STDOUT_FILENO) == 1 && (no_colour == nullptr || *no_colour == '\0');
+    // "+": what stands behind the command is the command's.
+    for (int letter; (letter = getopt_long(argc, argv, "+", table, nullptr)) != -1;) {
+        switch (letter) {
+            case 'b':
+                if (bus_address_set(optarg) != 0) {
+                    fprintf(stderr, "veskctl: \"%s\" is no address; unix:PATH or tcp:HOST:PORT\n", optarg);
+                    return VESKCTL_USAGE;
+                }
+                break;
+            case 'j':
+                options.json = true;
+                break;
+            case 'v':
+                puts("veskctl 0.1.0");
+                return veskctl_finish(VESKCTL_DONE);
+            case 'h':
+                usage(stdout);
+                return veskctl_finish(VESKCTL_DONE);
+            default:
+                usage(stderr);
+                return VESKCTL_USAGE;
+        }
+    }
+    if (optind >= argc) {
+        usage(stderr);
+        return VESKCTL_USAGE;
+    }
+    for (const subcommand& command : SUBCOMMANDS) {
+        if (strcmp(argv[optind], command.name) == 0) {
+            char** const arguments = argv + optind;
+            const int count = argc - optind;
+            // --json is welcome behind the command too; it is what people type.
+            int kept = 0;
+            for (int i = 0; i < count; ++i) {
+                if (i > 0 && strcmp(arguments[i], "--json") == 0) {
+                    options.json = true;
+                } else {
+                    arguments[kept++] = arguments[i];
+                }
+            }
+            arguments[kept] = nullptr;
+            optind = 1;
+            return veskctl_finish(command.run(options, kept, arguments));
+        }
+    }
+    fprintf(stderr, "veskctl: no command \"%s\"\n", argv[optind]);
+    usage(stderr);
+    return VESKCTL_USAGE;
+}

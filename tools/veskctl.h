@@ -1,0 +1,40 @@
+// What veskctl's subcommands share.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+// How a subcommand ended; the process's exit code.
+enum veskctl_exit {
+    VESKCTL_DONE = 0,
+    VESKCTL_FAILED = 1,      // something else went wrong; a message says what
+    VESKCTL_USAGE = 2,       // the command line makes no sense
+    VESKCTL_NO_SERVICE = 3,  // the configuration service did not answer
+    VESKCTL_NO_CARD = 4,     // no card in service, or no recordings folder with a list
+    VESKCTL_BAD_LIST = 5,    // there is a list, but none that can be read
+};
+
+struct veskctl_options {
+    bool json;    // one JSON document (watch: one object a line) instead of text
+    bool colour;  // escape sequences are welcome
+};
+
+constexpr char VESKCTL_FOLDER[] = "/mnt/sdcard/ZOLTA_RECORD_VIDEO";
+
+// Each gets its own arguments, argv[0] being its name.
+int veskctl_status(const veskctl_options& options, int argc, char** argv);
+int veskctl_watch(const veskctl_options& options, int argc, char** argv);
+int veskctl_clips(const veskctl_options& options, int argc, char** argv);
+
+// The card state in words by its number as published; null when there is no such state.
+const char* veskctl_state_name(long number);
+
+// A state's colour, or "" without colours; veskctl_plain ends it.
+const char* veskctl_state_colour(const veskctl_options& options, long number);
+const char* veskctl_plain(const veskctl_options& options);
+
+// Prints an object as one line of JSON and releases it.
+void veskctl_print_json(struct json_object* object);
+
+// Flushes standard output. The given exit code, or VESKCTL_FAILED when what was printed did not arrive.
+int veskctl_finish(int code);

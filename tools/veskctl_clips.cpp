@@ -1,0 +1,85 @@
+// veskctl clips [FOLDER]: the clip index, read without changing anything; works on a copied recordings folder too.
+#include <cerrno>
+#include <cstring>
+#include <json-c/json.h>
+
+#include "kyt_rdonly.h"
+#include "tools/time_text.h"
+#include "tools/veskctl.h"
+
+namespace {
+
+constexpr size_t PATH_SIZE = 256;
+
+// The clip's path below the recordings folder, without extension.
+const char* clip_path(uint32_t ts, char (&buffer)[PATH_SIZE]) {
+    return kyt_ts2path(ts, buffer, sizeof buffer, 0) < 0 ? "" : buffer + sizeof VESKCTL_FOLDER;
+}
+
+void print_json(const kyt_record* record) {
+    char when[TIME_TEXT];
+    char path[PATH_SIZE];
+    time_to_text(record->ts, when);
+    json_object* object = json_object_new_object();
+    json_object_object_add(object, "ts", json_object_new_int64(record->ts));
+    json_object_object_add(object, "time", json_object_new_string(when));
+    const uint32_t seconds = kyt_record_seconds(record);
+    json_object_object_add(object, "seconds",
+                           seconds != 0 ? json_object_new_int(static_cast<int32_t>(seconds)) : nullptr);
+    json_object_object_add(object, "persistent", json_object_new_boolean((record->flags & KYT_PERSISTENT) != 0));
+    json_object_object_add(object, "path", json_object_new_string(clip_path(record->ts, path)));
+    fputs(json_object_to_json_string_ext(object, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE), stdout);
+    json_object_put(object);
+}
+
+void print_text(const kyt_record* record) {
+    char when[TIME_TEXT];
+    char path[PATH_SIZE];
+    char seconds[16] = "-";
+    time_to_text(record->ts, when);
+    if (kyt_record_seconds(record) != 0) {
+        snprintf(seconds, sizeof seconds, "%u s", kyt_record_seconds(record));
+    }
+    printf("%-20s  %6s  %-9s  %s\n", when, seconds, (record->flags & KYT_PERSISTENT) != 0 ? "protected" : "-",
+           clip_path(record->ts, path));
+}
+
+}  // namespace
+
+int veskctl_clips(const veskctl_options& options, int argc, char** argv) {
+    if (argc > 2) {
+        fprintf(stderr, "veskctl: clips takes one folder, not \"%s\" too\n", argv[2]);
+        return VESKCTL_USAGE;
+    }
+    const char* folder = argc == 2 ? argv[1] : VESKCTL_FOLDER;
+    kyt_handle* list = kyt_open_rdonly(folder);
+    if (list == nullptr) {
+        const int error = errno;
+        fprintf(stderr, "veskctl: %s: %s\n", folder,
+                error == ENOENT    ? "no clip index there"
+                : error == EBADMSG ? "the clip index cannot be read"
+                                   : strerror(error));
+        return error == ENOENT ? VESKCTL_NO_CARD : error == EBADMSG ? VESKCTL_BAD_LIST : VESKCTL_FAILED;
+    }
+    // One array, but never all of it in memory: the index of a large card is larger than a camera likes.
+    bool first = true;
+    if (options.json) {
+        putchar('[');
+    } else {
+        printf("%-20s  %6s  %-9s  %s\n", "time", "length", "mark", "clip");
+    }
+    for (const kyt_record* record = kyt_next(list, nullptr); record != nullptr; record = kyt_next(list, record)) {
+        if (options.json) {
+            fputs(first ? "\n" : ",\n", stdout);
+            print_json(record);
+        } else {
+            print_text(record);
+        }
+        first = false;
+    }
+    if (options.json) {
+        puts("\n]");
+    }
+    kyt_close(list);
+    return VESKCTL_DONE;
+}

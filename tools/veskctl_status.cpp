@@ -1,0 +1,216 @@
+// veskctl status: the card state as published, the space of the mounted card, and the clips in its index.
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ev.h>
+#include <json-c/json.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include "bus/bus.h"
+#include "kyt_rdonly.h"
+#include "tools/time_text.h"
+#include "tools/veskctl.h"
+
+namespace {
+
+constexpr char MOUNT_POINT[] = "/mnt/sdcard";
+constexpr char STATUS_TOPIC[] = "karvel/mem/default/sdcard_status";
+constexpr char ACCESS_TOPIC[] = "karvel/mem/default/sdcard_rw";
+constexpr double PATIENCE_S = 5;
+
+// What could be learnt; a false flag: nothing known.
+struct findings {
+    bool service;
+    long state;  // -1: not published
+    char access[16];
+    bool card;
+    uint64_t total;
+    uint64_t free;
+    bool index;
+    uint32_t clips;
+    uint32_t oldest;
+    uint32_t newest;
+};
+
+// Reading what the broker keeps: subscribe, then ask for something harmless; its answer comes behind the kept values.
+struct reading {
+    findings* found;
+    uint32_t subscribed;
+    uint32_t marker;
+    bool done;
+};
+
+void on_message(bus_session*, const bus_message* message, void* context) {
+    findings* found = static_cast<reading*>(context)->found;
+    if (message->payload == nullptr) {
+        return;
+    }
+    char text[sizeof found->access] = {};
+    memcpy(text, message->payload, message->length < sizeof text ? message->length : sizeof text - 1);
+    if (strcmp(message->topic, STATUS_TOPIC) == 0) {
+        char* end = nullptr;
+        const long number = strtol(text, &end, 10);
+        found->state = end != text && *end == '\0' ? number : -1;
+    } else if (strcmp(message->topic, ACCESS_TOPIC) == 0) {
+        memcpy(found->access, text, sizeof text);
+    }
+}
+
+void on_answer(bus_session* session, uint32_t request, int reason, void* context) {
+    auto* read = static_cast<reading*>(context);
+    if (request == read->subscribed && reason < 0x80) {
+        read->marker = bus_unsubscribe(session, "karvel/mem/default/+");
+    }
+    if (request == read->marker || reason >= 0x80) {
+        read->found->service = reason < 0x80 || request == read->marker;
+        read->done = true;
+        ev_break(EV_DEFAULT, EVBREAK_ALL);
+    }
+}
+
+void on_connected(bus_session* session, void* context) {
+    auto* read = static_cast<reading*>(context);
+    read->subscribed = bus_subscribe(session, "karvel/mem/default/+", 0, bus_retained::SEND);
+}
+
+void on_lost(bus_session*, int error, void* context) {
+    static_cast<reading*>(context)->done = true;
+    errno = error;
+    ev_break(EV_DEFAULT, EVBREAK_ALL);
+}
+
+void on_late(struct ev_loop* loop, ev_timer*, int) {
+    ev_break(loop, EVBREAK_ALL);
+}
+
+void read_keys(findings* found) {
+    reading read = {};
+    read.found = found;
+    bus_options options = {};
+    options.listener = {on_connected, on_lost, on_message, on_answer, &read};
+    bus_session* session = bus_open(EV_DEFAULT, &options);
+    if (session == nullptr) {
+        return;
+    }
+    ev_timer patience;
+    ev_timer_init(&patience, on_late, PATIENCE_S, 0);
+    ev_timer_start(EV_DEFAULT, &patience);
+    ev_run(EV_DEFAULT, 0);
+    ev_timer_stop(EV_DEFAULT, &patience);
+    bus_close(session);
+}
+
+// Only a card's own space counts, not that of the folder it would be mounted on.
+void measure_card(findings* found) {
+    struct stat card;
+    struct stat parent;
+    struct statvfs space;
+    if (stat(MOUNT_POINT, &card) != 0 || stat("/mnt", &parent) != 0 || card.st_dev == parent.st_dev ||
+        statvfs(MOUNT_POINT, &space) != 0) {
+        return;
+    }
+    found->card = true;
+    found->total = uint64_t{space.f_blocks} * space.f_frsize;
+    found->free = uint64_t{space.f_bavail} * space.f_frsize;
+}
+
+void read_index(findings* found) {
+    kyt_handle* list = found->card ? kyt_open_rdonly(VESKCTL_FOLDER) : nullptr;
+    if (list == nullptr) {
+        return;
+    }
+    found->index = true;
+    found->clips = kyt_count(list);
+    for (const kyt_record* record = kyt_next(list, nullptr); record != nullptr; record = kyt_next(list, record)) {
+        if (found->oldest == 0) {
+            found->oldest = record->ts;
+        }
+        found->newest = record->ts;
+    }
+    kyt_close(list);
+}
+
+json_object* time_json(uint32_t ts) {
+    char text[TIME_TEXT];
+    time_to_text(ts, text);
+    return ts != 0 ? json_object_new_string(text) : nullptr;
+}
+
+json_object* number_json(bool known, uint64_t value) {
+    return known ? json_object_new_int64(static_cast<int64_t>(value)) : nullptr;
+}
+
+void print_json(const findings& found) {
+    json_object* object = json_object_new_object();
+    const char* name = veskctl_state_name(found.state);
+    json_object_object_add(object, "state", name != nullptr ? json_object_new_string(name) : nullptr);
+    json_object_object_add(object, "state_number", number_json(found.state >= 0, static_cast<uint64_t>(found.state)));
+    json_object_object_add(object, "writable",
+                           found.access[0] != '\0' ? json_object_new_string(found.access) : nullptr);
+    json_object_object_add(object, "total", number_json(found.card, found.total));
+    json_object_object_add(object, "free", number_json(found.card, found.free));
+    json_object_object_add(object, "used", number_json(found.card, found.total - found.free));
+    json_object_object_add(object, "clips", number_json(found.index, found.clips));
+    json_object_object_add(object, "oldest", time_json(found.oldest));
+    json_object_object_add(object, "newest", time_json(found.newest));
+    veskctl_print_json(object);
+}
+
+void print_text(const veskctl_options& options, const findings& found) {
+    const char* name = veskctl_state_name(found.state);
+    if (name != nullptr) {
+        printf("state     %s%s%s (%ld)\n", veskctl_state_colour(options, found.state), name, veskctl_plain(options),
+               found.state);
+    } else {
+        puts("state     not known");
+    }
+    printf("writable  %s\n", found.access[0] != '\0' ? found.access : "not known");
+    if (found.card) {
+        char free_text[SIZE_TEXT];
+        char used_text[SIZE_TEXT];
+        char total_text[SIZE_TEXT];
+        size_to_text(found.free, free_text);
+        size_to_text(found.total - found.free, used_text);
+        size_to_text(found.total, total_text);
+        printf("free      %s of %s\nused      %s\n", free_text, total_text, used_text);
+    } else {
+        puts("free      no card mounted here");
+    }
+    if (!found.index) {
+        puts("clips     no index");
+        return;
+    }
+    printf("clips     %u\n", found.clips);
+    if (found.clips > 0) {
+        char oldest[TIME_TEXT];
+        char newest[TIME_TEXT];
+        time_to_text(found.oldest, oldest);
+        time_to_text(found.newest, newest);
+        printf("oldest    %s\nnewest    %s\n", oldest, newest);
+    }
+}
+
+}  // namespace
+
+int veskctl_status(const veskctl_options& options, int argc, char** argv) {
+    if (argc > 1) {
+        fprintf(stderr, "veskctl: status takes no \"%s\"\n", argv[1]);
+        return VESKCTL_USAGE;
+    }
+    findings found = {};
+    found.state = -1;
+    read_keys(&found);
+    measure_card(&found);
+    read_index(&found);
+    if (options.json) {
+        print_json(found);
+    } else {
+        print_text(options, found);
+    }
+    if (!found.service) {
+        fprintf(stderr, "veskctl: the configuration service does not answer at %s\n", bus_address());
+        return VESKCTL_NO_SERVICE;
+    }
+    return VESKCTL_DONE;
+}
