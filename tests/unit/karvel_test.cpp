@@ -1,0 +1,620 @@
+// The configuration client against a real broker.
+#include "karvel.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <ev.h>
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bus/bus.h"
+#include "support/broker.h"
+
+namespace {
+
+std::vector<std::string> told;     // what the callbacks were told, "<context> <what>"
+karvel_handle* close_in_callback;  // closed by the next callback
+std::string close_context;         // with this context, when not empty
+karvel_handle* reopened;
+bool reopen_in_callback;
+
+const char* text(void* context) {
+    return static_cast<const char*>(context);
+}
+
+void note(void* context, const std::string& what) {
+    told.push_back(std::string(text(context)) + " " + what);
+    if (close_in_callback != nullptr && (close_context.empty() || close_context == text(context))) {
+        libkarvel_close(std::exchange(close_in_callback, nullptr));
+    }
+    if (reopen_in_callback) {
+        reopened = libkarvelev_config_open(ev_default_loop(0), 0);
+    }
+}
+
+std::string parsed(karvel_response* response) {
+    int error = -1;
+    karvel_xpair* pair = xresponse_parse(response, &error);
+    if (error != 0) {
+        EXPECT_EQ(pair, nullptr);
+        return "error " + std::to_string(error);
+    }
+    std::string result = std::string(pair->first->name_space) + ":" + pair->first->group + ":" + pair->first->key;
+    if (pair->second != nullptr) {
+        result += "=" + std::string(pair->second->data, pair->second->length);
+    }
+    xpair_basefree(pair);
+    return result;
+}
+
+void on_ok(karvel_response*, void* context) {
+    note(context, "ok");
+}
+
+void on_fail(karvel_response* response, void* context) {
+    EXPECT_EQ(parsed(response).substr(0, 6), "error ");
+    note(context, "fail");
+}
+
+void on_notify(karvel_response* response, void* context) {
+    note(context, parsed(response));
+}
+
+void on_done(karvel_response* response, void* context) {
+    const karvel_xvalue* value = nullptr;
+    if (xcontrol_get_response(response, &value) == 1) {
+        note(context, "got " + std::string(value->data, value->length));
+    } else {
+        EXPECT_EQ(value, nullptr);
+        note(context, "none");
+    }
+}
+
+void* ctx(const char* name) {
+    return const_cast<char*>(name);
+}
+
+bool set(karvel_handle* handle, const char* key, const char* value, const char* context = "set", int keep = 1,
+         int timeout_s = 3) {
+    return libkarvel_set_value(handle, "mem", nullptr, key, keep, value, on_ok, on_fail, timeout_s, ctx(context));
+}
+
+bool watch(karvel_handle* handle, const char* key, const char* context = "watch", int confirm = 1) {
+    uint32_t id = 0;
+    const bool result =
+        libkarvel_register_notification(handle, "mem", "default", key, &id, on_notify, on_fail, confirm, ctx(context));
+    EXPECT_EQ(result, id != 0);
+    return result;
+}
+
+bool get(karvel_handle* handle, const char* key, const char* context = "get", int timeout_s = -1) {
+    return libkarvel_get_value(handle, "mem", nullptr, key, on_done, nullptr, timeout_s, ctx(context));
+}
+
+int times(const std::string& what) {
+    return static_cast<int>(std::count(told.begin(), told.end(), what));
+}
+
+bool told_within(size_t count, int limit_ms = 10'000) {
+    return run_until([&] { return told.size() >= count; }, limit_ms);
+}
+
+using Told = std::vector<std::string>;
+
+class Karvel : public testing::Test {
+  protected:
+    void SetUp() override {
+        told.clear();
+        close_in_callback = nullptr;
+        close_context.clear();
+        reopened = nullptr;
+        reopen_in_callback = false;
+        longest_stall_ms();
+        handle = open();
+        other = open();
+        ASSERT_NE(handle, nullptr);
+        ASSERT_NE(other, nullptr);
+    }
+    void TearDown() override {
+        libkarvel_close(handle);
+        libkarvel_close(other);
+        libkarvel_close(reopened);
+    }
+    // Past the second in which an open fails because the one before did.
+    static karvel_handle* open() {
+        karvel_handle* result = nullptr;
+        (void)run_until([&] { return (result = libkarvelev_config_open(ev_default_loop(0), 0)) != nullptr; }, 3'000);
+        return result;
+    }
+    // What the service keeps, as another program reads it; leaves `told` alone.
+    std::string stored(const char* key) {
+        std::string result;
+        const auto find = [] {
+            return std::find_if(told.begin(), told.end(), [](const auto& one) { return one.starts_with("stored "); });
+        };
+        EXPECT_TRUE(get(other, key, "stored"));
+        EXPECT_TRUE(run_until([&] { return find() != told.end(); }));
+        if (find() != told.end()) {
+            result = find()->substr(7);
+            told.erase(find());
+        }
+        return result;
+    }
+
+    Broker broker;
+    karvel_handle* handle = nullptr;  // the daemon's
+    karvel_handle* other = nullptr;   // another program's
+};
+
+TEST_F(Karvel, RequestsMadeBeforeTheBrokerHasAnsweredAreQueued) {
+    // The loop has not run since the opens.
+    karvel_handle* fresh = open();
+    EXPECT_TRUE(set(fresh, "a", "1"));
+    EXPECT_TRUE(watch(fresh, "b"));
+    EXPECT_TRUE(get(fresh, "a"));
+    EXPECT_TRUE(told.empty()) << "a callback ran inside the call";
+    ASSERT_TRUE(told_within(3));
+    EXPECT_EQ(times("set ok"), 1);
+    EXPECT_EQ(times("watch mem:default:b"), 1);
+    EXPECT_EQ(times("get got 1"), 1);
+    libkarvel_close(fresh);
+}
+
+TEST_F(Karvel, CallbacksNeverRunInsideTheRequest) {
+    ASSERT_TRUE(run_until([&] { return stored("x") == "none"; }));
+    EXPECT_TRUE(set(other, "a", "1"));
+    EXPECT_TRUE(get(other, "a"));
+    EXPECT_TRUE(watch(other, "a"));
+    EXPECT_TRUE(told.empty());
+    ASSERT_TRUE(told_within(3));
+}
+
+TEST_F(Karvel, KeepDecidesWhetherTheServiceRemembers) {
+    ASSERT_TRUE(watch(other, "relayed"));
+    ASSERT_TRUE(told_within(1));
+    ASSERT_TRUE(set(handle, "relayed", "r", "set", 0));
+    ASSERT_TRUE(set(handle, "kept", "k", "set", 1));
+    ASSERT_TRUE(told_within(4));
+    EXPECT_EQ(times("watch mem:default:relayed=r"), 1);
+    EXPECT_EQ(stored("relayed"), "none");
+    EXPECT_EQ(stored("kept"), "got k");
+    ASSERT_TRUE(set(handle, "kept", ""));
+    ASSERT_TRUE(told_within(5));
+    EXPECT_EQ(stored("kept"), "none");
+}
+
+TEST_F(Karvel, ANotificationFollowsTheConfirmationForEveryChange) {
+    ASSERT_TRUE(watch(handle, "k"));
+    ASSERT_TRUE(told_within(1));
+    EXPECT_EQ(told, Told{"watch mem:default:k"});
+    for (const char* value : {"start", "start", "start1", ""}) {
+        const size_t before = told.size();
+        ASSERT_TRUE(set(other, "k", value));
+        ASSERT_TRUE(told_within(before + 2));
+    }
+    EXPECT_EQ(times("watch mem:default:k=start"), 2);
+    EXPECT_EQ(times("watch mem:default:k=start1"), 1);
+    EXPECT_EQ(times("watch mem:default:k"), 2) << "an empty value is none";
+}
+
+TEST_F(Karvel, WithoutConfirmOnlyChangesAreTold) {
+    ASSERT_TRUE(watch(handle, "k", "watch", 0));
+    EXPECT_EQ(stored("k"), "none");
+    run_for(50);
+    EXPECT_TRUE(told.empty());
+    ASSERT_TRUE(set(other, "k", "v"));
+    ASSERT_TRUE(told_within(2));
+    EXPECT_EQ(times("watch mem:default:k=v"), 1);
+}
+
+TEST_F(Karvel, AValueThatStoodThereIsNoNews) {
+    ASSERT_TRUE(set(other, "k", "start"));
+    ASSERT_TRUE(told_within(1));
+    ASSERT_TRUE(watch(handle, "k"));
+    ASSERT_TRUE(told_within(2));
+    ASSERT_TRUE(get(handle, "k"));  // subscribes for the kept value on the same session
+    ASSERT_TRUE(told_within(3));
+    run_for(100);
+    EXPECT_EQ(told, (Told{"set ok", "watch mem:default:k", "get got start"}));
+    // And the read has left the subscription as it was.
+    ASSERT_TRUE(set(other, "k", "new"));
+    ASSERT_TRUE(told_within(5));
+    EXPECT_EQ(times("watch mem:default:k=new"), 1);
+}
+
+TEST_F(Karvel, AReadBringsNoLaterNotifications) {
+    ASSERT_TRUE(get(handle, "k"));
+    ASSERT_TRUE(told_within(1));
+    ASSERT_TRUE(set(other, "k", "v"));
+    ASSERT_TRUE(told_within(2));
+    run_for(50);
+    EXPECT_EQ(told, (Told{"get none", "set ok"}));
+}
+
+TEST_F(Karvel, RegisteringAgainReplaces) {
+    ASSERT_TRUE(watch(handle, "k"));
+    ASSERT_TRUE(watch(handle, "k"));
+    ASSERT_TRUE(watch(handle, "k", "second caller"));
+    ASSERT_TRUE(told_within(2));
+    EXPECT_EQ(stored("none"), "none");
+    ASSERT_TRUE(set(other, "k", "v"));
+    ASSERT_TRUE(run_until([] { return times("set ok") == 1 && times("second caller mem:default:k=v") == 1; }));
+    run_for(50);
+    EXPECT_EQ(times("watch mem:default:k"), 1);
+    EXPECT_EQ(times("watch mem:default:k=v"), 1);
+    EXPECT_EQ(times("second caller mem:default:k"), 1);
+    EXPECT_EQ(times("second caller mem:default:k=v"), 1);
+    ASSERT_TRUE(watch(handle, "k"));  // long confirmed: confirmed again
+    ASSERT_TRUE(run_until([] { return times("watch mem:default:k") == 2; }));
+    ASSERT_TRUE(set(other, "k", "w"));
+    ASSERT_TRUE(run_until([] { return times("watch mem:default:k=w") == 1; }));
+    run_for(50);
+    EXPECT_EQ(times("watch mem:default:k=w"), 1);
+}
+
+TEST_F(Karvel, ReadsOfOneKeyEachGetTheirOwnAnswer) {
+    ASSERT_TRUE(set(other, "k", "v"));
+    ASSERT_TRUE(told_within(1));
+    told.clear();
+    ASSERT_TRUE(get(handle, "k", "1"));
+    ASSERT_TRUE(get(handle, "nothing", "2"));
+    ASSERT_TRUE(get(handle, "k", "3"));
+    ASSERT_TRUE(set(handle, "k", "", "4"));
+    ASSERT_TRUE(get(handle, "k", "5"));
+    ASSERT_TRUE(told_within(5));
+    std::sort(told.begin(), told.end());
+    EXPECT_EQ(told, (Told{"1 got v", "2 none", "3 got v", "4 ok", "5 none"}));
+}
+
+TEST_F(Karvel, ValuesAreBytesUpTo64KiB) {
+    const std::string longest(size_t{64} << 10, 'x');
+    ASSERT_TRUE(watch(handle, "k"));
+    ASSERT_TRUE(told_within(1));
+    ASSERT_TRUE(set(other, "k", longest.c_str()));
+    ASSERT_TRUE(told_within(3));
+    EXPECT_EQ(times("watch mem:default:k=" + longest), 1);
+    EXPECT_EQ(stored("k"), "got " + longest);
+    EXPECT_FALSE(set(other, "k", (longest + "x").c_str()));
+    EXPECT_FALSE(set(other, "k", nullptr));
+    // Bytes that no C string holds come from other clients of the bus.
+    const bus_options options{{}, false, nullptr};
+    bus_session* raw = bus_open(ev_default_loop(0), &options);
+    ASSERT_NE(raw, nullptr);
+    const std::string bytes("a\0\xff", 3);
+    const std::string too_long = longest + "x";
+    const bus_message messages[] = {
+        {"karvel/mem/default/k", too_long.data(), too_long.size(), false, nullptr, nullptr, 0},
+        {"karvel/mem/default/k", bytes.data(), bytes.size(), true, nullptr, nullptr, 0}};
+    told.clear();
+    for (const bus_message& message : messages) {
+        ASSERT_NE(bus_publish(raw, &message, 1), 0U);
+    }
+    ASSERT_TRUE(told_within(1));
+    EXPECT_EQ(told, Told{"watch mem:default:k=" + bytes});
+    EXPECT_EQ(stored("k"), "got " + bytes);
+    bus_close(raw);
+}
+
+TEST_F(Karvel, NamesThatCannotBeAreRefused) {
+    const std::string endless(2000, 'n');
+    for (const char* bad : {"", "a/b", "+", "a#", "\xff", static_cast<const char*>(nullptr), endless.c_str()}) {
+        SCOPED_TRACE(bad == nullptr ? "null" : bad);
+        uint32_t id = 77;
+        EXPECT_FALSE(set(handle, bad, "v"));
+        EXPECT_FALSE(get(handle, bad));
+        EXPECT_FALSE(
+            libkarvel_register_notification(handle, "mem", nullptr, bad, &id, on_notify, on_fail, 1, ctx("w")));
+        EXPECT_FALSE(libkarvel_set_value(handle, bad, nullptr, "k", 1, "v", on_ok, on_fail, 3, ctx("s")));
+        EXPECT_EQ(id, 77U);
+        if (bad != nullptr) {
+            EXPECT_FALSE(libkarvel_set_value(handle, "mem", bad, "k", 1, "v", on_ok, on_fail, 3, ctx("s")));
+        }
+    }
+    run_for(50);
+    EXPECT_TRUE(told.empty());
+}
+
+TEST_F(Karvel, AClosedHandleIsSafeInEveryCall) {
+    karvel_handle* closed = handle;
+    ASSERT_TRUE(set(handle, "k", "v"));
+    ASSERT_TRUE(get(handle, "k"));
+    ASSERT_TRUE(watch(handle, "k"));
+    libkarvel_close(handle);
+    karvel_handle* newer = open();
+    for (karvel_handle* dead : {closed, static_cast<karvel_handle*>(nullptr)}) {
+        EXPECT_FALSE(set(dead, "k", "v"));
+        EXPECT_FALSE(get(dead, "k"));
+        EXPECT_FALSE(watch(dead, "k"));
+        EXPECT_FALSE(libkarvel_xhandle_response(dead));
+        libkarvel_timeout_process(dead);
+        libkarvel_close(dead);
+    }
+    run_for(100);
+    EXPECT_TRUE(told.empty()) << "a callback after the close";
+    EXPECT_NE(newer, closed);
+    EXPECT_TRUE(set(newer, "k", "w")) << "closing an old handle has hurt a newer one";
+    ASSERT_TRUE(told_within(1));
+    libkarvel_close(newer);
+}
+
+TEST_F(Karvel, WhatWasSetRightBeforeACloseArrives) {
+    ASSERT_TRUE(watch(other, "k"));
+    ASSERT_TRUE(set(handle, "warm", "up"));
+    ASSERT_TRUE(told_within(2));
+    told.clear();
+    for (const char* value : {"0", "1", "2", "3", "4", "5", "6", "7", "8", "9"}) {
+        ASSERT_TRUE(set(handle, "k", value, "set", 0));
+    }
+    libkarvel_close(handle);
+    ASSERT_TRUE(told_within(10));
+    EXPECT_EQ(times("watch mem:default:k=9"), 1);
+    EXPECT_EQ(times("set ok"), 0);
+}
+
+TEST_F(Karvel, ACloseInsideACallbackEndsTheRestSilently) {
+    struct {
+        const char* name;
+        bool (*ask)(karvel_handle*);
+        const char* first;
+    } rows[] = {
+        {"set", [](karvel_handle* h) { return set(h, "k", "v", "1") && set(h, "k", "w", "2"); }, "1 ok"},
+        {"get", [](karvel_handle* h) { return get(h, "k", "1") && get(h, "k", "2"); }, "1 got w"},
+        {"confirmation", [](karvel_handle* h) { return watch(h, "k", "1") && watch(h, "k", "2"); }, "1 mem:default:k"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        told.clear();
+        karvel_handle* victim = open();
+        ASSERT_TRUE(row.ask(victim));
+        close_in_callback = victim;
+        ASSERT_TRUE(told_within(1));
+        EXPECT_FALSE(set(victim, "k", "x"));
+        run_for(60);
+        EXPECT_EQ(told, Told{row.first});
+    }
+    told.clear();
+    karvel_handle* victim = open();
+    ASSERT_TRUE(watch(victim, "n", "1") && watch(victim, "n", "2"));
+    ASSERT_TRUE(told_within(2));
+    told.clear();
+    close_in_callback = victim;
+    close_context = "1";
+    ASSERT_TRUE(set(other, "n", "v"));
+    ASSERT_TRUE(told_within(2));
+    run_for(60);
+    EXPECT_EQ(times("1 mem:default:n=v"), 1);
+    EXPECT_EQ(told.size(), 2U);
+}
+
+TEST_F(Karvel, ALossFailsSetsThenReadsThenRegistrations) {
+    ASSERT_TRUE(watch(handle, "a", "watch a"));
+    ASSERT_TRUE(told_within(1));
+    broker.freeze();
+    told.clear();
+    ASSERT_TRUE(watch(handle, "b", "watch b"));
+    ASSERT_TRUE(get(handle, "k", "get 1"));
+    ASSERT_TRUE(set(handle, "k", "v", "set 1"));
+    ASSERT_TRUE(get(handle, "k", "get 2"));
+    ASSERT_TRUE(set(handle, "k", "v", "set 2"));
+    broker.kill();
+    ASSERT_TRUE(told_within(6));
+    EXPECT_EQ(told, (Told{"set 1 fail", "set 2 fail", "get 1 none", "get 2 none", "watch a fail", "watch b fail"}));
+    EXPECT_FALSE(set(handle, "k", "v"));
+    EXPECT_FALSE(get(handle, "k"));
+    EXPECT_FALSE(watch(handle, "k"));
+    EXPECT_FALSE(libkarvel_xhandle_response(handle));
+    libkarvel_timeout_process(handle);
+    run_for(100);
+    EXPECT_EQ(told.size(), 6U);
+}
+
+TEST_F(Karvel, ACloseDuringTheLossEndsTheRestSilently) {
+    for (const size_t kind : {0, 1, 2}) {
+        SCOPED_TRACE(kind);
+        karvel_handle* victim = open();
+        ASSERT_TRUE(watch(victim, "w"));
+        told.clear();
+        ASSERT_TRUE(told_within(1));
+        broker.freeze();
+        told.clear();
+        if (kind == 0) {
+            ASSERT_TRUE(set(victim, "k", "v") && set(victim, "k", "w"));
+        }
+        if (kind <= 1) {
+            ASSERT_TRUE(get(victim, "k") && get(victim, "k"));
+        }
+        ASSERT_TRUE(watch(victim, "x"));
+        close_in_callback = victim;
+        broker.kill();
+        ASSERT_TRUE(told_within(1));
+        run_for(60);
+        const char* first[] = {"set fail", "get none", "watch fail"};
+        EXPECT_EQ(told, Told{first[kind]});
+        broker.start();
+    }
+}
+
+TEST_F(Karvel, AnAbsentBrokerGivesNull) {
+    broker.kill();
+    run_for(50);
+    const int64_t before_ms = test_now_ms();
+    EXPECT_EQ(libkarvelev_config_open(ev_default_loop(0), 0), nullptr);
+    EXPECT_EQ(libkarvelev_config_open(ev_default_loop(0), 7), nullptr);
+    EXPECT_EQ(libkarvelev_config_open(nullptr, 0), nullptr);
+    EXPECT_LT(test_now_ms() - before_ms, 50);
+}
+
+TEST_F(Karvel, AnOpenWithinASecondAfterAFailedOneFailsAtOnce) {
+    broker.kill();
+    run_for(50);
+    libkarvel_close(handle);
+    const int64_t failed_ms = test_now_ms();
+    EXPECT_EQ(libkarvelev_config_open(ev_default_loop(0), 0), nullptr);
+    broker.start();
+    EXPECT_EQ(libkarvelev_config_open(ev_default_loop(0), 0), nullptr);
+    handle = open();
+    EXPECT_NE(handle, nullptr);
+    EXPECT_GE(test_now_ms() - failed_ms, 900);
+    EXPECT_LE(test_now_ms() - failed_ms, 1500);
+}
+
+TEST_F(Karvel, KeysOutliveAKilledBrokerAndAreNoNewsAfterwards) {
+    ASSERT_TRUE(set(other, "k", "start"));
+    ASSERT_TRUE(watch(handle, "k"));
+    ASSERT_TRUE(told_within(2));
+    // On disk a moment after the acknowledgement.
+    run_for(300);
+    broker.kill();
+    ASSERT_TRUE(run_until([] { return times("watch fail") == 1; }));
+    broker.start();
+    libkarvel_close(handle);
+    libkarvel_close(other);
+    handle = open();
+    other = open();
+    told.clear();
+    ASSERT_TRUE(watch(handle, "k"));
+    EXPECT_EQ(stored("k"), "got start");
+    run_for(100);
+    EXPECT_EQ(times("watch mem:default:k=start"), 0) << "a left-over request ran again";
+    ASSERT_TRUE(set(other, "k", "start"));
+    ASSERT_TRUE(run_until([] { return times("watch mem:default:k=start") == 1; }));
+}
+
+TEST_F(Karvel, AFrozenBrokerBlocksNothing) {
+    ASSERT_TRUE(watch(handle, "w"));
+    ASSERT_TRUE(told_within(1));
+    told.clear();
+    broker.freeze();
+    longest_stall_ms();
+    std::vector<karvel_handle*> opened;
+    // Its queue of pending connections fills up on the way: opens succeed, then fail.
+    for (int i = 0; i < 30; ++i) {
+        const int64_t before_ms = test_now_ms();
+        karvel_handle* one = libkarvelev_config_open(ev_default_loop(0), 0);
+        EXPECT_LT(test_now_ms() - before_ms, 50);
+        if (one != nullptr) {
+            opened.push_back(one);
+        }
+    }
+    EXPECT_GT(opened.size(), 0U);
+    EXPECT_LT(opened.size(), 30U);
+    const int64_t asked_ms = test_now_ms();
+    ASSERT_TRUE(set(handle, "k", "v", "set", 1, 1));
+    ASSERT_TRUE(get(handle, "k", "get", 1));
+    ASSERT_TRUE(set(opened[0], "k", "v", "queued", 1, 1));
+    // Nobody calls libkarvel_timeout_process.
+    ASSERT_TRUE(told_within(3, 2'000));
+    EXPECT_GE(test_now_ms() - asked_ms, 990);
+    EXPECT_EQ(times("set fail"), 1);
+    EXPECT_EQ(times("get none"), 1);
+    EXPECT_EQ(times("queued fail"), 1);
+    const std::string large(size_t{64} << 10, 'x');
+    for (int i = 0; i < 20; ++i) {
+        const int64_t before_ms = test_now_ms();
+        ASSERT_TRUE(set(handle, "k", large.c_str(), "large", 0, 1));
+        EXPECT_LT(test_now_ms() - before_ms, 50);
+    }
+    ASSERT_TRUE(run_until([] { return times("large fail") == 20; }, 2'000));
+    for (karvel_handle* one : opened) {
+        libkarvel_close(one);
+    }
+    EXPECT_LT(longest_stall_ms(), 50);
+    // Thawed, the session goes on; late acknowledgements are nobody's.
+    told.clear();
+    broker.go_on();
+    ASSERT_TRUE(set(handle, "k", "after"));
+    ASSERT_TRUE(run_until([] { return times("set ok") == 1; }));
+    EXPECT_EQ(told.size(), 1U);
+    ASSERT_TRUE(set(handle, "w", "v", "w"));
+    ASSERT_TRUE(run_until([] { return times("watch mem:default:w=v") == 1; }));
+    EXPECT_EQ(stored("k"), "got after");
+}
+
+TEST_F(Karvel, ALateAnswerDoesNotReachAYoungerRead) {
+    ASSERT_TRUE(set(other, "k", "old"));
+    ASSERT_TRUE(told_within(1));
+    ASSERT_TRUE(get(handle, "k", "warm up"));
+    ASSERT_TRUE(told_within(2));
+    told.clear();
+    broker.freeze();
+    ASSERT_TRUE(get(handle, "k", "early", 0));
+    ASSERT_TRUE(told_within(1));
+    EXPECT_EQ(told, Told{"early none"});
+    ASSERT_TRUE(set(handle, "k", ""));
+    ASSERT_TRUE(get(handle, "k", "late"));
+    broker.go_on();
+    ASSERT_TRUE(told_within(3));
+    EXPECT_EQ(times("late none"), 1);
+    EXPECT_EQ(told.size(), 3U);
+}
+
+TEST_F(Karvel, TimeoutProcessExpiresWhatIsDue) {
+    ASSERT_TRUE(set(handle, "warm", "up"));
+    ASSERT_TRUE(told_within(1));
+    told.clear();
+    broker.freeze();
+    ASSERT_TRUE(set(handle, "k", "v", "now", 1, 0));
+    ASSERT_TRUE(set(handle, "k", "v", "later", 1, 5));
+    libkarvel_timeout_process(handle);
+    EXPECT_EQ(told, Told{"now fail"});
+    close_in_callback = handle;
+    ASSERT_TRUE(set(handle, "k", "v", "now", 1, 0));
+    ASSERT_TRUE(set(handle, "k", "v", "now", 1, 0));
+    libkarvel_timeout_process(handle);
+    EXPECT_EQ(told, (Told{"now fail", "now fail"}));
+}
+
+TEST_F(Karvel, ACallerThatReopensFromItsFailureCallbackDoesNotSpin) {
+    ASSERT_TRUE(watch(handle, "k"));
+    ASSERT_TRUE(told_within(1));
+    reopen_in_callback = true;
+    broker.kill();
+    ASSERT_TRUE(told_within(2));
+    EXPECT_EQ(reopened, nullptr);
+    run_for(100);
+    EXPECT_EQ(told.size(), 2U);
+}
+
+TEST_F(Karvel, XhandleResponseReadsWhatHasArrived) {
+    EXPECT_TRUE(libkarvel_xhandle_response(handle));
+    ASSERT_TRUE(set(handle, "k", "v"));
+    ASSERT_TRUE(told_within(1));
+    broker.kill();
+    // The loop does not run: only the call itself can notice.
+    const int64_t deadline_ms = test_now_ms() + 2'000;
+    while (libkarvel_xhandle_response(handle) && test_now_ms() < deadline_ms) {
+    }
+    EXPECT_FALSE(libkarvel_xhandle_response(handle));
+    EXPECT_FALSE(set(handle, "k", "v")) << "false from the loss on";
+}
+
+TEST_F(Karvel, AThousandOpensLeaveNothingBehind) {
+    libkarvel_close(handle);
+    libkarvel_close(other);
+    const auto cycle = [] {
+        karvel_handle* one = libkarvelev_config_open(ev_default_loop(0), 0);
+        ASSERT_NE(one, nullptr);
+        ASSERT_TRUE(watch(one, "k"));
+        ASSERT_TRUE(set(one, "k", "v"));
+        ASSERT_TRUE(get(one, "k"));
+        run_for(1);
+        libkarvel_close(one);
+        told.clear();
+    };
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_NO_FATAL_FAILURE(cycle());
+    }
+    const int descriptors = open_descriptors();
+    const size_t in_use = mallinfo2().uordblks;
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_NO_FATAL_FAILURE(cycle());
+    }
+    EXPECT_EQ(open_descriptors(), descriptors);
+    EXPECT_LE(mallinfo2().uordblks, in_use + 16384);  // the sanitizers' allocator always says 0; they look themselves
+}
+
+}  // namespace
