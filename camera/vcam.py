@@ -135,7 +135,7 @@ class Camera:
             log.write_bytes(b"")
         qmp_path = self.workdir / "qmp"
         qmp_path.unlink(missing_ok=True)
-        append = "console=ttyS0 rdinit=/init panic=-1 quiet" + (" vesk.tcp" if tcp_broker else "")
+        append = "console=ttyS0 rdinit=/init rootfstype=ramfs panic=-1 quiet" + (" vesk.tcp" if tcp_broker else "")
         forwards = "".join(f",hostfwd=tcp:127.0.0.1:0-:{port}" for port in (AGENT_PORT, BROKER_PORT))
         drive = f"if=none,id={DRIVE}" + (f",format=raw,file={self.card}" if self.card else "")
         command = ["qemu-system-mipsel", "-M", "malta", "-m", str(memory), "-kernel", str(KERNEL),
