@@ -36,7 +36,10 @@ int scan() {
         }
         const int fd = openat(dirfd(folder), entry->d_name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         DIR* period = fdopendir(fd);
-        while (const dirent* file = period != nullptr ? readdir(period) : nullptr) {
+        if (period == nullptr) {
+            continue;
+        }
+        while (const dirent* file = readdir(period)) {
             struct stat status;
             files += file->d_type == DT_REG && fstatat(dirfd(period), file->d_name, &status, 0) == 0;
         }
