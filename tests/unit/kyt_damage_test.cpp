@@ -1,5 +1,6 @@
 // What every kind of damage leads to; the table in docs/clip-index.md has a row for each of these.
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -476,8 +477,9 @@ TEST_F(KytPowerCut, NothingIsLostThatWasOnTheCard) {
     list = kyt::open_folder(card.path().c_str());
     ASSERT_NE(list, nullptr);
     const auto self = pthread_self();
-    bool checking = false;  // the lists that are opened for checking are none of ours
-    card_calls::on().before_sync = [&](const std::string&) {
+    std::atomic<bool> checking = false;  // the lists that are opened for checking are none of ours
+    card_calls::hooks hooks;
+    hooks.before_sync = [&](const std::string&) {
         // The keeper is about to wait for the card in the middle of a job, and the loop stands still.
         if (!checking && !pthread_equal(self, pthread_self()) && list->keeper->at == kyt::phase::COMMIT) {
             checking = true;
@@ -485,11 +487,12 @@ TEST_F(KytPowerCut, NothingIsLostThatWasOnTheCard) {
             checking = false;
         }
     };
-    card_calls::on().after_sync = [&](const std::string& name) {
+    hooks.after_sync = [&](const std::string& name) {
         if (!checking) {
             synced(name);
         }
     };
+    card_calls::set_hooks(hooks);
     uint32_t clock = BASE;
     for (int step = 0; step < 1000; ++step) {
         const uint32_t what = static_cast<uint32_t>(random() % 100);
@@ -534,7 +537,7 @@ TEST_F(KytPowerCut, NothingIsLostThatWasOnTheCard) {
         }
     }
     EXPECT_GT(cuts, 50);
-    card_calls::on() = {};
+    card_calls::set_hooks({});
     kyt_close(list);
 }
 

@@ -67,16 +67,20 @@ std::string name_of(int fd) {
 }
 
 int sync_with_hooks(const char* call, int fd, int (*real)(int)) {
-    const std::string name = the_hooks.before_sync || the_hooks.after_sync ? name_of(fd) : "";
-    if (the_hooks.before_sync) {
-        the_hooks.before_sync(name);
+    const card_calls::hooks hooks = [] {
+        const std::lock_guard lock(guard);
+        return the_hooks;
+    }();
+    const std::string name = hooks.before_sync || hooks.after_sync ? name_of(fd) : "";
+    if (hooks.before_sync) {
+        hooks.before_sync(name);
     }
     if (enter(call, true)) {
         return -1;
     }
     const int result = real(fd);
-    if (result == 0 && the_hooks.after_sync) {
-        the_hooks.after_sync(name);
+    if (result == 0 && hooks.after_sync) {
+        hooks.after_sync(name);
     }
     return result;
 }
@@ -122,8 +126,9 @@ int hanging() {
     const std::lock_guard lock(guard);
     return hanging_now;
 }
-hooks& on() {
-    return the_hooks;
+void set_hooks(const hooks& wanted) {
+    const std::lock_guard lock(guard);
+    the_hooks = wanted;
 }
 
 }  // namespace card_calls

@@ -25,6 +25,6 @@ struct hooks {
     std::function<void(const std::string& name)> before_sync;
     std::function<void(const std::string& name)> after_sync;
 };
-hooks& on();
+void set_hooks(const hooks& wanted);
 
 }  // namespace card_calls

@@ -28,6 +28,7 @@ void keep(const char* level, const char* prefix, const char* format, va_list arg
 namespace logged {
 
 void reset() {
+    std::lock_guard guard(lock);
     kept.clear();
     disturbance = 0;
 }
@@ -39,9 +40,11 @@ bool has(std::string_view line) {
     return count(line) > 0;
 }
 int count(std::string_view line) {
+    std::lock_guard guard(lock);
     return static_cast<int>(std::count(kept.begin(), kept.end(), line));
 }
 void disturb_errno(int value) {
+    std::lock_guard guard(lock);
     disturbance = value;
 }
 
