@@ -166,6 +166,16 @@ TEST_F(mmc, what_a_datagram_amounts_to) {
         {"change", disk_event("change"), 0, {"warning device: Change block mmcblk0"}, {}},
         {"online", disk_event("online"), -1, {"warning device: Unexpected sdcard action: online"}, {}},
         {"offline", disk_event("offline"), -1, {"warning device: Unexpected sdcard action: offline"}, {}},
+        {"remove by the whole value",
+         disk_event("removed"),
+         -1,
+         {"warning device: Unexpected sdcard action: removed"},
+         {}},
+        {"change by the whole value",
+         disk_event("changed"),
+         -1,
+         {"warning device: Unexpected sdcard action: changed"},
+         {}},
         {"action by the whole value", disk_event("added"), -1, {"warning device: Unexpected sdcard action: added"}, {}},
         {"any order of keys", with_action_last, 0, {"info device: New block mmcblk0p3"}, {"mmcblk0p3"}},
         {"keys by the whole name",
@@ -346,8 +356,9 @@ TEST_F(mmc, removed_partition_is_found_by_minor_and_the_others_close_ranks) {
 TEST_F(mmc, removal_touches_only_the_first_of_its_minor) {
     mmc_new_block("a", 1, MMC_BLOCK_PARTITION);
     mmc_new_block("b", 1, MMC_BLOCK_PARTITION);
+    mmc_new_block("c", 1, MMC_BLOCK_PARTITION);
     mmc_remove_block("b", 1, MMC_BLOCK_PARTITION);
-    EXPECT_EQ(names(), list{"b"});
+    EXPECT_EQ(names(), (list{"b", "c"}));
 }
 
 TEST_F(mmc, removing_or_adding_nothing_known_changes_nothing) {
@@ -432,6 +443,11 @@ TEST_F(mmc, unknown_read_only_flag_counts_as_set) {
     EXPECT_EQ(mmc_get_state(), MMC_STATE_RDONLY);
     EXPECT_TRUE(logged::has("warning device: Fail to get the readonly status, assuming the disk is readonly."));
     EXPECT_EQ(refresh_delays, 1);
+
+    kernel::on().ioctl = [](int, unsigned long, void*) { return 0; };  // says yes and answers nothing
+    m->state = MMC_STATE_NONE;
+    mmc_refresh_rdonly();
+    EXPECT_EQ(mmc_get_state(), MMC_STATE_RDONLY);
 }
 
 // --- rescan --------------------------------------------------------------------------------------------------------
