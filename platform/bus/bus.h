@@ -91,7 +91,9 @@ bool bus_connected(const bus_session* session);
 // Publishes. quality: 0 or 1.
 uint32_t bus_publish(bus_session* session, const bus_message* message, int quality);
 
-enum class bus_retained { SEND, NEVER };  // whether a subscription asks for what the broker has kept
+// Whether a subscription asks for what the broker has kept. SEND_AND_TELL: it does, and news whose publisher asked for
+// being kept arrives as retained as well.
+enum class bus_retained { SEND, NEVER, SEND_AND_TELL };
 
 // Subscribes to a filter ('+' and '#' as in MQTT); subscribing again replaces quality and asks again for what is kept.
 uint32_t bus_subscribe(bus_session* session, const char* filter, int quality, bus_retained retained);

@@ -312,8 +312,17 @@ int publish(mosquitto* client, request* sent, const bus_message& message) {
 }
 
 int subscribe(mosquitto* client, request* sent, const char* filter) {
-    const int options =
-        sent->retained == bus_retained::NEVER ? MQTT_SUB_OPT_SEND_RETAIN_NEVER : MQTT_SUB_OPT_SEND_RETAIN_ALWAYS;
+    int options = MQTT_SUB_OPT_SEND_RETAIN_ALWAYS;
+    switch (sent->retained) {
+        case bus_retained::SEND:
+            break;
+        case bus_retained::NEVER:
+            options = MQTT_SUB_OPT_SEND_RETAIN_NEVER;
+            break;
+        case bus_retained::SEND_AND_TELL:
+            options |= MQTT_SUB_OPT_RETAIN_AS_PUBLISHED;
+            break;
+    }
     return mosquitto_subscribe_v5(client, &sent->mid, filter, sent->quality, options, nullptr);
 }
 

@@ -1,12 +1,15 @@
-// Reports on the process's shared session. What cannot be sent waits, at most 64 reports, as the text that goes out:
-// the object may be as large as its reporter likes, and is released at once either way.
+// Reports wait in a ring of 64 and leave through the process's shared bus session, in order, a few at a time: a broker
+// that is connected but answers nothing must not make this process grow, so it counts as away.
 //
-// A report counts as sent when the session has taken it; a broker that dies with it unread loses it. Nothing is sent
-// twice: whoever counts reports must not count one of them again after every broken connection.
+// A report that was handed to a session is not sent again when the session is lost before the answer came: it may have
+// arrived, and what collects reports counts them. The log tells how many such there were.
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <json-c/json.h>
 
 #include "bus/bus.h"
@@ -15,115 +18,172 @@
 
 namespace {
 
-constexpr unsigned WAITING_MAX = 64;
+constexpr uint32_t WAITING_MAX = 64;
+constexpr uint32_t UNANSWERED_MAX = 8;
+constexpr size_t EVENT_NAME_MAX = 255;  // bytes
+constexpr int AT_LEAST_ONCE = 1;        // the bus's quality: the broker answers
 
-struct report {
-    char* topic;  // one allocation with the text behind it
-    const char* text;
+struct record {
+    char* waiting[WAITING_MAX];           // ring; event name, NUL, JSON text, NUL; ours
+    uint32_t oldest;                      // index into waiting
+    uint32_t count;                       // of waiting
+    uint32_t unanswered[UNANSWERED_MAX];  // the bus's request numbers of what was sent, 0: free
+    uint32_t dropped;                     // since the log last told
+    uint32_t lost;                        // sent but never answered, since the log last told
+    bus_session* session;                 // the one that we listen to, null: none yet
 };
+record state;
 
-report waiting[WAITING_MAX];  // a ring
-unsigned first;               // the oldest
-unsigned count;
-unsigned dropped;          // since the last that could be sent
-bus_session* listened_to;  // the session that tells when it is connected; null: none yet
+uint32_t* find_unanswered(uint32_t request) {
+    for (uint32_t& one : state.unanswered) {
+        if (one == request) {
+            return &one;
+        }
+    }
+    return nullptr;
+}
 
-bool send(const report& item) {
+void remove_oldest() {
+    free(state.waiting[state.oldest]);
+    state.waiting[state.oldest] = nullptr;
+    state.oldest = (state.oldest + 1) % WAITING_MAX;
+    --state.count;
+}
+
+// The bus's number for the oldest report, or 0 with errno.
+uint32_t publish_oldest() {
+    const char* event_name = state.waiting[state.oldest];
+    const char* text = event_name + strlen(event_name) + 1;
+    char topic[BUS_TOPIC_MAX];
+    (void)snprintf(topic, sizeof topic, "vesk/%s/report/%s", bus_shared_app(), event_name);
     bus_message message = {};
-    message.topic = item.topic;
-    message.payload = item.text;
-    message.length = strlen(item.text);
-    return bus_publish(bus_shared(), &message, 1) != 0;
+    message.topic = topic;
+    message.payload = text;
+    message.length = strlen(text);
+    return bus_publish(state.session, &message, AT_LEAST_ONCE);
 }
 
-void forget_oldest() {
-    free(waiting[first].topic);
-    waiting[first] = {};
-    first = (first + 1) % WAITING_MAX;
-    --count;
+void tell_missing() {
+    if (state.dropped != 0 || state.lost != 0) {
+        log_warning("statistics: while the broker was away %u reports were dropped, %u sent ones got no answer",
+                    static_cast<unsigned>(state.dropped), static_cast<unsigned>(state.lost));
+        state.dropped = 0;
+        state.lost = 0;
+    }
 }
 
-// Sends what waits, oldest first, as far as the session takes it.
+// Sends what waits, as far as it goes.
 void send_waiting() {
-    while (count > 0) {
-        if (!send(waiting[first])) {
+    while (state.count > 0 && bus_connected(state.session)) {
+        uint32_t* slot = find_unanswered(0);
+        if (slot == nullptr) {
             return;
         }
-        forget_oldest();
-    }
-    if (dropped > 0) {
-        log_warning("statistics: %u reports were dropped while the broker was away", dropped);
-        dropped = 0;
+        *slot = publish_oldest();
+        if (*slot == 0) {
+            if (errno != EINVAL) {
+                return;  // not now: an answer, a new connection or the next report tries again
+            }
+            log_err("statistics: %s can not be sent", state.waiting[state.oldest]);
+        }
+        remove_oldest();
+        tell_missing();
     }
 }
 
-void on_connected(bus_session*, void*) {
+void on_connected(bus_session* /*session*/, void* /*context*/) {
     send_waiting();
 }
 
-// Hears of the shared session's connections from the first report on.
-void listen_to_session() {
-    bus_session* session = bus_shared();
-    if (session == nullptr || session == listened_to) {
-        return;
-    }
-    bus_listener listener = {};
-    listener.on_connected = on_connected;
-    listener.context = waiting;
-    if (bus_listen(session, &listener) == 0) {
-        listened_to = session;
+void on_lost(bus_session* /*session*/, int /*error*/, void* /*context*/) {
+    for (uint32_t& one : state.unanswered) {
+        state.lost += one != 0 ? 1 : 0;
+        one = 0;
     }
 }
 
-// Makes the report's topic and text. False: errno says why.
-bool compose(const char* event_name, json_object* object, report* item) {
+void on_answer(bus_session* /*session*/, uint32_t request, int reason, void* /*context*/) {
+    uint32_t* one = find_unanswered(request);
+    if (one == nullptr) {
+        return;  // somebody else's request
+    }
+    *one = 0;
+    if (reason >= 0x80) {
+        log_warning("statistics: the broker refused one: reason 0x%02x", static_cast<unsigned>(reason));
+    }
+    send_waiting();
+}
+
+// Listens to the process's shared session. 0, or -1 with errno.
+int follow_session() {
+    bus_session* shared = bus_shared();
+    if (shared == state.session && shared != nullptr) {
+        return 0;
+    }
+    state.session = nullptr;
+    std::fill(std::begin(state.unanswered), std::end(state.unanswered), 0);
+    if (shared == nullptr) {
+        errno = ENOTCONN;
+        return -1;
+    }
+    const bus_listener listener = {on_connected, on_lost, nullptr, on_answer, &state};
+    if (bus_listen(shared, &listener) < 0) {
+        return -1;
+    }
+    state.session = shared;
+    return 0;
+}
+
+// The name becomes a level of a topic.
+bool is_usable_name(const char* name) {
+    return name != nullptr && *name != '\0' && strlen(name) <= EVENT_NAME_MAX && strpbrk(name, "/+#") == nullptr;
+}
+
+// The report as it waits, the caller's to free; null with errno.
+char* pack(const char* event_name, json_object* object) {
     const char* text = json_object_to_json_string_ext(object, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
     if (text == nullptr) {
         errno = ENOMEM;
-        return false;
+        return nullptr;
     }
-    const char* app = bus_shared_app();
     const size_t text_size = strlen(text) + 1;
-    const size_t topic_size = strlen("vesk//report/") + strlen(app) + strlen(event_name) + 1;
-    item->topic = static_cast<char*>(malloc(topic_size + text_size));
-    if (item->topic == nullptr) {
-        return false;
+    if (text_size - 1 > BUS_PAYLOAD_MAX) {
+        errno = EMSGSIZE;
+        return nullptr;
     }
-    (void)snprintf(item->topic, topic_size, "vesk/%s/report/%s", app, event_name);
-    item->text = static_cast<char*>(memcpy(item->topic + topic_size, text, text_size));
-    return true;
-}
-
-bool is_topic_level(const char* name) {
-    return *name != '\0' && strpbrk(name, "/+#") == nullptr;
+    const size_t name_size = strlen(event_name) + 1;
+    auto* packed = static_cast<char*>(malloc(name_size + text_size));
+    if (packed != nullptr) {
+        memcpy(packed, event_name, name_size);
+        memcpy(packed + name_size, text, text_size);
+    }
+    return packed;
 }
 
 }  // namespace
 
 int report_stat_object(const char* event_name, json_object* object) {
-    if (event_name == nullptr || object == nullptr || !is_topic_level(event_name) || bus_shared() == nullptr) {
+    if (!is_usable_name(event_name) || object == nullptr) {
         json_object_put(object);
         errno = EINVAL;
         return -1;
     }
-    report item = {};
-    const bool composed = compose(event_name, object, &item);
-    const int error = errno;
+    char* packed = nullptr;
+    if (follow_session() == 0) {
+        packed = pack(event_name, object);
+    }
+    const int saved_errno = errno;
     json_object_put(object);
-    if (!composed) {
-        errno = error;
+    if (packed == nullptr) {
+        errno = saved_errno;
         return -1;
     }
-    listen_to_session();
-    // Behind those that wait: reports arrive in the order in which they were made.
-    if (count == WAITING_MAX) {
-        forget_oldest();
-        ++dropped;
+    if (state.count == WAITING_MAX) {
+        remove_oldest();
+        ++state.dropped;
     }
-    waiting[(first + count) % WAITING_MAX] = item;
-    ++count;
-    if (bus_connected(bus_shared())) {
-        send_waiting();
-    }
+    state.waiting[(state.oldest + state.count) % WAITING_MAX] = packed;
+    ++state.count;
+    send_waiting();
     return 0;
 }

@@ -103,8 +103,9 @@ void on_connected(bus_session* session, void* /*context*/) {
     }
     char filter[BUS_TOPIC_MAX];
     (void)snprintf(filter, sizeof filter, "vesk/%s/action/+", state.app);
-    // Retained requests are asked for to be warned of: whoever left one there waits in vain.
-    state.subscription = bus_subscribe(session, filter, AT_LEAST_ONCE, bus_retained::SEND);
+    // Retained requests are asked for to be warned of: whoever left one there waits in vain. One that is published
+    // while we listen is told apart as well: it would run now and lie in wait for the next start.
+    state.subscription = bus_subscribe(session, filter, AT_LEAST_ONCE, bus_retained::SEND_AND_TELL);
     if (state.subscription == 0) {
         log_err("bus: can not subscribe to the remote actions: %s", strerror(errno));
     }

@@ -1,0 +1,529 @@
+// The application framework without a broker: log, command line, random numbers, the beginning and the end.
+#include "vesk_util.h"
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <functional>
+#include <gtest/gtest.h>
+#include <set>
+#include <sstream>
+#include <string>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "support/capture.h"
+
+// The C library's syslog, replaced for the library under test: what goes there is shown on standard output.
+extern "C" void openlog(const char* ident, int /*option*/, int facility) {
+    dprintf(STDOUT_FILENO, "openlog %s %d\n", ident, facility);
+}
+extern "C" void syslog(int priority, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    char text[8192];
+    vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    dprintf(STDOUT_FILENO, "syslog %d %s\n", priority, text);
+}
+
+namespace {
+
+struct outcome {
+    int status;  // exit status, or 1000 + the signal that ended it
+    std::string out;
+    std::string err;
+};
+
+std::string drain(int fd) {
+    std::string all;
+    char part[4096];
+    for (ssize_t got = 0; (got = read(fd, part, sizeof part)) > 0;) {
+        all.append(part, static_cast<size_t>(got));
+    }
+    return all;
+}
+
+// Runs body in a process of its own, whose standard output and error are caught; neither may exceed a pipe.
+outcome in_child(const std::function<int()>& body) {
+    int out[2];
+    int err[2];
+    EXPECT_EQ(pipe(out), 0);
+    EXPECT_EQ(pipe(err), 0);
+    fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        alarm(60);
+        dup2(out[1], STDOUT_FILENO);
+        dup2(err[1], STDERR_FILENO);
+        for (const int fd : {out[0], out[1], err[0], err[1]}) {
+            close(fd);
+        }
+        unsetenv("JOURNAL_STREAM");
+        unsetenv("NOTIFY_SOCKET");
+        setenv("VESK_BUS", "unix:/tmp/no/broker/here", 1);
+        const int status = body();
+        fflush(nullptr);
+        _exit(status);
+    }
+    close(out[1]);
+    close(err[1]);
+    outcome result = {0, drain(out[0]), drain(err[0])};
+    close(out[0]);
+    close(err[0]);
+    int status = 0;
+    EXPECT_EQ(waitpid(pid, &status, 0), pid);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+    return result;
+}
+
+constexpr int READY = 50;
+constexpr int SAID_EINVAL = 51;
+constexpr int SAID_OTHER = 52;
+
+vesk_app_descriptor descriptor = {"tester", nullptr, {0, 0, 0, 0}};
+
+int init(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "/usr/sbin/tester");
+    std::vector<char*> argv;
+    for (std::string& argument : arguments) {
+        argv.push_back(argument.data());
+    }
+    argv.push_back(nullptr);
+    if (app_init(&descriptor, static_cast<int>(argv.size()) - 1, argv.data()) == 0) {
+        return READY;
+    }
+    return errno == EINVAL ? SAID_EINVAL : SAID_OTHER;
+}
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+__attribute__((format(printf, 3, 4))) void call(void (*form)(const char*, const char*, va_list), const char* prefix,
+                                                const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    form(prefix, format, args);
+    va_end(args);
+}
+
+// --- Log -----------------------------------------------------------------------------------------------------------
+
+TEST(Log, MarksLevels) {
+    Capture error;
+    log_crit("c %d", 1);
+    log_err("e %s", "two");
+    log_warning("w");
+    log_info("i");
+    call(log_vpcrit, "p: ", "%d", 1);
+    call(log_vperr, "p: ", "%d", 2);
+    call(log_vpwarning, "p: ", "%d", 3);
+    call(log_vpinfo, "p: ", "%d", 4);
+    EXPECT_EQ(error.text(), "<2>c 1\n<3>e two\n<4>w\n<6>i\n<2>p: 1\n<3>p: 2\n<4>p: 3\n<6>p: 4\n");
+}
+
+TEST(Log, IsOneLineWhateverItContains) {
+    const struct {
+        const char* message;
+        const char* line;
+    } rows[] = {
+        {"plain", "<6>plain\n"},
+        {"", "<6>\n"},
+        {"\n", "<6>\n"},
+        {"ends in one\n", "<6>ends in one\n"},
+        {"ends in two\n\n", "<6>ends in two\n"},
+        {"a\nb\n", "<6>a\\nb\n"},
+        {"tab\tcr\r", "<6>tab\\tcr\\x0d\n"},
+        {"\x1b[31mred\x7f\x01", "<6>\\x1b[31mred\\x7f\\x01\n"},
+        {"gr\xc3\xbc\xc3\x9f", "<6>gr\xc3\xbc\xc3\x9f\n"},
+        {"<0>forged", "<6><0>forged\n"},
+        {"100% \\n", "<6>100% \\n\n"},
+    };
+    for (const auto& row : rows) {
+        Capture error;
+        log_info("%s", row.message);
+        EXPECT_EQ(error.text(), row.line);
+    }
+    Capture error;
+    call(log_vpinfo, "pre\nfix: ", "%s", "x");
+    EXPECT_EQ(error.text(), "<6>pre\\nfix: x\n");
+}
+
+TEST(Log, CutsWhatWouldNotLeaveInOnePiece) {
+    for (const size_t length : {4000U, 4088U, 4089U, 4090U, 4091U, 4095U, 4096U, 5000U, 100'000U}) {
+        Capture error;
+        const std::string message(length, 'x');
+        log_info("%s", message.c_str());
+        const std::string line = error.text();
+        ASSERT_LE(line.size(), 4096U) << length;
+        EXPECT_EQ(std::count(line.begin(), line.end(), '\n'), 1) << length;
+        if (line != "<6>" + message + "\n") {
+            EXPECT_GT(length, 4085U);
+            EXPECT_GT(line.size(), 4080U) << length;
+            EXPECT_EQ(line.substr(line.size() - 4), "...\n") << length;
+        }
+    }
+    Capture error;  // escapes make a message longer
+    log_info("%s", std::string(2000, '\x01').c_str());
+    EXPECT_LE(error.text().size(), 4096U);
+    EXPECT_EQ(error.count("..."), 1);
+}
+
+TEST(Log, LeavesErrnoAlone) {
+    Capture error;
+    errno = ENOTTY;
+    log_info("works %s", "fine");
+    EXPECT_EQ(errno, ENOTTY);
+    log_debug("is filtered");
+    EXPECT_EQ(errno, ENOTTY);
+    const outcome closed = in_child([] {
+        close(STDERR_FILENO);
+        errno = ENOTTY;
+        log_err("goes nowhere");
+        return errno == ENOTTY ? 0 : 1;
+    });
+    EXPECT_EQ(closed.status, 0);
+}
+
+TEST(Log, SurvivesAReaderThatIsGone) {
+    const outcome gone = in_child([] {
+        int ends[2];
+        if (init({"--foreground"}) != READY || pipe(ends) < 0) {
+            return 1;
+        }
+        dup2(ends[1], STDERR_FILENO);
+        close(ends[0]);
+        close(ends[1]);
+        errno = ENOTTY;
+        log_err("nobody reads this");
+        return errno == ENOTTY ? 0 : 2;
+    });
+    EXPECT_EQ(gone.status, 0);
+}
+
+TEST(Log, GivesUpOnAFullPipeThatDoesNotBlock) {
+    const outcome full = in_child([] {
+        int ends[2];
+        if (pipe(ends) < 0 || fcntl(ends[1], F_SETFL, O_NONBLOCK) < 0) {
+            return 1;
+        }
+        dup2(ends[1], STDERR_FILENO);
+        for (int i = 0; i < 1000; ++i) {
+            log_err("%s", std::string(1000, 'x').c_str());
+        }
+        return 0;
+    });
+    EXPECT_EQ(full.status, 0);
+}
+
+TEST(Log, FiltersByLevel) {
+    const struct {
+        const char* level;
+        const char* lines;
+    } rows[] = {
+        {"crit", "<2>c\n"},
+        {"err", "<2>c\n<3>e\n"},
+        {"warning", "<2>c\n<3>e\n<4>w\n"},
+        {"info", "<2>c\n<3>e\n<4>w\n<6>i\n"},
+        {"debug", "<2>c\n<3>e\n<4>w\n<6>i\n<7>d\n"},
+    };
+    for (const auto& row : rows) {
+        const outcome result = in_child([&] {
+            const int ready = init({"--foreground", "--log-level", row.level});
+            log_crit("c");
+            log_err("e");
+            log_warning("w");
+            log_info("i");
+            log_debug("d");
+            return ready;
+        });
+        EXPECT_EQ(result.status, READY);
+        EXPECT_EQ(result.err, row.lines);
+    }
+}
+
+TEST(Log, ChoosesItsTarget) {
+    const struct {
+        const char* name;
+        std::function<void()> prepare;
+        std::vector<std::string> arguments;
+        bool to_syslog;
+    } rows[] = {
+        {"nobody asked", [] {}, {}, true},
+        {"foreground", [] {}, {"--foreground"}, false},
+        {"notify socket", [] { setenv("NOTIFY_SOCKET", "/run/notify", 1); }, {}, false},
+        {"journal",
+         [] {
+             struct stat stream = {};
+             fstat(STDERR_FILENO, &stream);
+             const std::string name = std::to_string(static_cast<unsigned long long>(stream.st_dev)) + ":" +
+                                      std::to_string(static_cast<unsigned long long>(stream.st_ino));
+             setenv("JOURNAL_STREAM", name.c_str(), 1);
+         },
+         {},
+         false},
+        {"the journal of a parent", [] { setenv("JOURNAL_STREAM", "1:1", 1); }, {}, true},
+    };
+    for (const auto& row : rows) {
+        const outcome result = in_child([&] {
+            row.prepare();
+            const int ready = init(row.arguments);
+            log_warning("a\nb\n");
+            return ready;
+        });
+        EXPECT_EQ(result.status, READY) << row.name;
+        if (row.to_syslog) {
+            EXPECT_EQ(result.out, "openlog tester " + std::to_string(LOG_DAEMON) + "\nsyslog 4 a\\nb\n") << row.name;
+            EXPECT_EQ(result.err, "") << row.name;
+        } else {
+            EXPECT_EQ(result.err, "<4>a\\nb\n") << row.name;
+            EXPECT_EQ(result.out, "") << row.name;
+        }
+    }
+}
+
+TEST(Log, KeepsTheLinesOfThreadsApart) {
+    constexpr int MESSAGES = 400;
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const int saved = dup(STDERR_FILENO);
+    dup2(ends[1], STDERR_FILENO);
+    close(ends[1]);
+    std::string all;
+    std::thread reader([&] { all = drain(ends[0]); });
+    {
+        std::vector<std::thread> writers;
+        for (const char letter : {'a', 'b', 'c'}) {
+            writers.emplace_back([letter] {
+                const std::string text(1500, letter);
+                for (int i = 0; i < MESSAGES; ++i) {
+                    log_info("%s", text.c_str());
+                }
+            });
+        }
+        for (std::thread& writer : writers) {
+            writer.join();
+        }
+    }
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    reader.join();
+    close(ends[0]);
+
+    int counts[3] = {0, 0, 0};
+    std::istringstream lines(all);
+    for (std::string line; std::getline(lines, line);) {
+        ASSERT_EQ(line.size(), 1503U);
+        ASSERT_EQ(line.substr(0, 3), "<6>");
+        ASSERT_EQ(line.substr(3), std::string(1500, line[3]));
+        ++counts[line[3] - 'a'];
+    }
+    EXPECT_EQ(counts[0], MESSAGES);
+    EXPECT_EQ(counts[1], MESSAGES);
+    EXPECT_EQ(counts[2], MESSAGES);
+}
+
+TEST(Log, WorksUntilTheProcessEnds) {
+    const outcome result = in_child([]() -> int {
+        if (init({"--foreground"}) != READY) {
+            return 1;
+        }
+        app_fini();
+        log_info("after the end");
+        (void)atexit([] { log_info("while exiting"); });
+        static std::atomic<bool> running{false};
+        std::thread([] {
+            for (;;) {
+                running = true;
+                log_debug("filtered");
+                log_info("thread");
+                usleep(1000);
+            }
+        }).detach();
+        while (!running) {
+            usleep(1000);
+        }
+        exit(7);
+    });
+    EXPECT_EQ(result.status, 7);
+    EXPECT_TRUE(contains(result.err, "<6>after the end\n"));
+    EXPECT_TRUE(contains(result.err, "<6>while exiting\n"));
+}
+
+// --- Command line --------------------------------------------------------------------------------------------------
+
+TEST(Options, AreReadStrictly) {
+    const struct {
+        std::vector<std::string> arguments;
+        int status;
+        const char* out;
+        const char* err;
+    } rows[] = {
+        {{}, READY, "", ""},
+        {{"--foreground"}, READY, "", ""},
+        {{"--bus", "unix:/tmp/nowhere"}, READY, "", ""},
+        {{"--bus=tcp:127.0.0.1:1", "--log-level=debug", "--foreground"}, READY, "", ""},
+        {{"--version"}, 0, "tester 0.", ""},
+        {{"--help"}, 0, "Usage: tester [OPTION]...\n", ""},
+        {{"--bus"}, SAID_EINVAL, "", "--bus"},
+        {{"--bus", "nonsense"}, SAID_EINVAL, "", "'nonsense'"},
+        {{"--bus", ""}, SAID_EINVAL, "", "bus address"},
+        {{"--log-level", "loud"}, SAID_EINVAL, "", "unknown log level 'loud'"},
+        {{"--log-level", "INFO"}, SAID_EINVAL, "", "unknown log level 'INFO'"},
+        {{"--frobnicate"}, SAID_EINVAL, "", "--frobnicate"},
+        {{"-x"}, SAID_EINVAL, "", "x"},
+        {{"extra"}, SAID_EINVAL, "", "unexpected argument 'extra'"},
+        {{"--", "--help"}, SAID_EINVAL, "", "unexpected argument '--help'"},
+        {{"--foreground=yes"}, SAID_EINVAL, "", "foreground"},
+    };
+    for (const auto& row : rows) {
+        const outcome result = in_child([&] { return init(row.arguments); });
+        const std::string first = row.arguments.empty() ? "nothing" : row.arguments[0];
+        EXPECT_EQ(result.status, row.status) << first;
+        EXPECT_TRUE(contains(result.out, row.out)) << first << ": " << result.out;
+        EXPECT_TRUE(contains(result.err, row.err)) << first << ": " << result.err;
+        if (row.status == SAID_EINVAL) {
+            EXPECT_FALSE(result.err.empty()) << first;
+            EXPECT_EQ(result.out, "") << first;
+        }
+    }
+}
+
+TEST(Options, HelpNamesThemAll) {
+    const outcome result = in_child([] { return init({"--help"}); });
+    for (const char* name : {"--bus", "--foreground", "--log-level", "--version", "--help", "VESK_BUS"}) {
+        EXPECT_TRUE(contains(result.out, name)) << name;
+    }
+}
+
+TEST(Options, ABusAddressOfTheEnvironmentIsCheckedToo) {
+    const outcome result = in_child([] {
+        setenv("VESK_BUS", "nonsense", 1);
+        return init({});
+    });
+    EXPECT_EQ(result.status, SAID_EINVAL);
+    EXPECT_TRUE(contains(result.err, "'nonsense'")) << result.err;
+}
+
+// --- Beginning and end ---------------------------------------------------------------------------------------------
+
+TEST(App, TakesNamesThatCanBeTopics) {
+    const struct {
+        std::string name;
+        int status;
+    } rows[] = {
+        {"vesk_sdcard", READY}, {std::string(32, 'n'), READY}, {"", SAID_EINVAL},
+        {"a/b", SAID_EINVAL},   {"a+", SAID_EINVAL},           {"#", SAID_EINVAL},
+        {"a\nb", SAID_EINVAL},
+    };
+    for (const auto& row : rows) {
+        const outcome result = in_child([&] {
+            memset(descriptor.name, 0, sizeof descriptor.name);
+            memcpy(descriptor.name, row.name.data(), row.name.size());
+            return init({"--foreground"});
+        });
+        EXPECT_EQ(result.status, row.status) << row.name;
+    }
+}
+
+TEST(App, IgnoresSigpipe) {
+    const outcome result = in_child([] {
+        struct sigaction action = {};
+        const int ready = init({});
+        sigaction(SIGPIPE, nullptr, &action);
+        return ready == READY && action.sa_handler == SIG_IGN ? 0 : 1;
+    });
+    EXPECT_EQ(result.status, 0);
+}
+
+TEST(App, NeverLetsAFileTakeTheLogsDescriptor) {
+    const outcome result = in_child([] {
+        close(0);
+        close(1);
+        close(2);
+        if (init({"--foreground"}) != READY) {
+            return 1;
+        }
+        return open("/dev/null", O_RDWR | O_CLOEXEC) > 2 ? 0 : 2;
+    });
+    EXPECT_EQ(result.status, 0);
+}
+
+TEST(App, MayEndWithoutHavingBegun) {
+    EXPECT_EQ(in_child([] {
+                  app_fini();
+                  app_fini();
+                  return 0;
+              }).status,
+              0);
+}
+
+// --- Random numbers ------------------------------------------------------------------------------------------------
+
+TEST(RandRange, StaysInside) {
+    EXPECT_EQ(rand_range(5, 5), 5);
+    EXPECT_EQ(rand_range(7, 3), 7);
+    EXPECT_EQ(rand_range(INT_MAX, INT_MIN), INT_MAX);
+    std::set<int> seen;
+    for (int i = 0; i < 500; ++i) {
+        const int value = rand_range(-2, 2);
+        ASSERT_GE(value, -2);
+        ASSERT_LE(value, 2);
+        seen.insert(value);
+    }
+    EXPECT_EQ(seen.size(), 5U);
+    bool negative = false;
+    bool positive = false;
+    for (int i = 0; i < 100; ++i) {
+        const int value = rand_range(INT_MIN, INT_MAX);
+        negative = negative || value < 0;
+        positive = positive || value > 0;
+    }
+    EXPECT_TRUE(negative && positive);
+}
+
+// A remainder alone would give the lowest third of this range half of the numbers.
+TEST(RandRange, FavoursNobody) {
+    constexpr int DRAWS = 3000;
+    int lowest_third = 0;
+    for (int i = 0; i < DRAWS; ++i) {
+        lowest_third += rand_range(INT_MIN, 0x3fffffff) < INT_MIN / 2 ? 1 : 0;
+    }
+    EXPECT_NEAR(lowest_third, DRAWS / 3, 200);
+}
+
+TEST(RandRange, WorksWithoutItsDevice) {
+    const outcome result = in_child([] {
+        const rlimit none = {0, 0};
+        if (setrlimit(RLIMIT_NOFILE, &none) < 0 || open("/dev/urandom", O_RDONLY | O_CLOEXEC) >= 0) {
+            return 1;
+        }
+        errno = ENOTTY;
+        std::set<int> seen;
+        for (int i = 0; i < 2000; ++i) {
+            const int value = rand_range(10, 19);
+            if (value < 10 || value > 19) {
+                return 2;
+            }
+            seen.insert(value);
+        }
+        if (errno != ENOTTY) {
+            return 3;
+        }
+        return seen.size() == 10 ? 0 : 4;
+    });
+    EXPECT_EQ(result.status, 0);
+}
+
+}  // namespace
