@@ -72,21 +72,7 @@ bool is_camera_path(std::string_view path) {
     return false;
 }
 
-// Counts the call down in every fault that waits for it. True: it is to fail, errno is set.
-bool must_fail(std::string_view call) {
-    bool failed = false;
-    for (auto [at, end] = faults.equal_range(call); at != end; ++at) {
-        fault& f = at->second;
-        if (f.nth > 1) {
-            --f.nth;
-        } else if (f.times > 0) {
-            --f.times;
-            errno = f.errnum;
-            failed = true;
-        }
-    }
-    return failed;
-}
+using kernel::must_fail;
 
 void note(const char* call, const char* path) {
     noted.push_back(std::string(call) + " " + path);
@@ -147,6 +133,22 @@ bool exists(std::string_view path) {
 
 void fail(std::string_view call, int errnum, int nth, int times) {
     faults.emplace(std::string(call), fault{errnum, nth, times});
+}
+
+// Counts the call down in every fault that waits for it. True: it is to fail, errno is set.
+bool must_fail(std::string_view call) {
+    bool failed = false;
+    for (auto [at, end] = faults.equal_range(call); at != end; ++at) {
+        fault& f = at->second;
+        if (f.nth > 1) {
+            --f.nth;
+        } else if (f.times > 0) {
+            --f.times;
+            errno = f.errnum;
+            failed = true;
+        }
+    }
+    return failed;
 }
 
 const std::vector<std::string>& calls() {

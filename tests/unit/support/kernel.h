@@ -27,6 +27,9 @@ bool exists(std::string_view path);
 void fail(std::string_view call, int errnum, int nth = 1, int times = 1);
 constexpr int FOREVER = 1 << 30;
 
+// For a test's own stand-ins: whether this call was told to fail; then errno is set.
+bool must_fail(std::string_view call);
+
 // What was called, in order: "mount /dev/mmcblk0p1 /mnt/sdcard vfat", "umount /mnt/sdcard", "sleep 1", "open
 // /proc/partitions". Only calls about the camera's paths and the hooked ones are noted.
 const std::vector<std::string>& calls();

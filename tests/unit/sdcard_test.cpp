@@ -1,0 +1,515 @@
+#include "sdcard.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <deque>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+#include "kv.h"
+#include "mmc.h"
+#include "mountpoint.h"
+#include "records.h"
+#include "support/kernel.h"
+#include "support/log.h"
+
+using strings = std::vector<std::string>;
+
+namespace {
+
+constexpr char CARD[] = "/mnt/sdcard";
+
+// What the neighbours say, and what they were asked, in order.
+struct neighbours {
+    mmc_state block = MMC_STATE_RDWR;
+    mountpoint_manager mountpoint = {};
+    uint64_t f_bavail = 1 << 20;
+    int32_t f_bsize = 4096;
+    int statfs_result = 0;
+    int mountpoint_init_result = 0;
+    int mmc_dev_init_result = 0;
+    int delete_errno = 0;               // not 0: records_delete_oldest fails with it
+    std::deque<uint64_t> after_delete;  // f_bavail after each deletion
+    bool refresh_from_mountinfo = false;
+    strings steps;
+};
+neighbours world;
+
+const sdcard_state state_at_birth = sd.state;  // as the process began
+
+void step(const char* name) {
+    world.steps.emplace_back(name);
+}
+
+}  // namespace
+
+mmc_state mmc_get_state() {
+    return world.block;
+}
+int mmc_dev_init() {
+    step("mmc_dev_init");
+    return world.mmc_dev_init_result;
+}
+void mmc_dev_exit() {
+    step("mmc_dev_exit");
+}
+int mmc_rescan() {
+    step(sd.state == SDCARD_UNKNOWN ? "mmc_rescan" : "mmc_rescan while the state is known");
+    return -1;  // no card is no failure of the start
+}
+mountpoint_manager* mountpoint_get_manager() {
+    return &world.mountpoint;
+}
+int mountpoint_statfs(struct statfs* buffer) {
+    if (world.statfs_result == 0) {
+        buffer->f_bavail = world.f_bavail;
+        buffer->f_bsize = world.f_bsize;
+    }
+    return world.statfs_result;
+}
+int mountpoint_init() {
+    step("mountpoint_init");
+    return world.mountpoint_init_result;
+}
+void mountpoint_exit() {
+    step("mountpoint_exit");
+}
+void mountinfo_refresh_state() {
+    step("mountinfo_refresh_state");
+    if (world.refresh_from_mountinfo) {
+        sdcard_refresh("Mountinfo changed.");
+    }
+}
+int records_init() {
+    step("records_init");
+    return 0;
+}
+void records_exit() {
+    step("records_exit");
+}
+int records_delete_oldest() {
+    step("records_delete_oldest");
+    if (world.delete_errno != 0) {
+        errno = world.delete_errno;
+        return -1;
+    }
+    if (world.after_delete.empty()) {
+        ADD_FAILURE() << "deletes on";
+        errno = ENOENT;
+        return -1;
+    }
+    world.f_bavail = world.after_delete.front();
+    world.after_delete.pop_front();
+    return 0;
+}
+void kvmem_set(const char* key, const char* value) {
+    world.steps.push_back(std::string(key) + "=" + value);
+}
+
+namespace {
+
+class sdcard : public testing::Test {
+  protected:
+    void SetUp() override {
+        kernel::reset();
+        logged::reset();
+        kernel::make_dir(CARD);
+        world = neighbours{};
+        world.mountpoint.mounted = MOUNT_OK;
+        ev_timer_stop(EV_DEFAULT, &sd.refresh_timer);
+        sd = {};
+        sd.state = SDCARD_UNKNOWN;
+    }
+    void TearDown() override { ev_timer_stop(EV_DEFAULT, &sd.refresh_timer); }
+
+    // Starts and forgets what was seen of it.
+    static void start() {
+        sdcard_init();
+        logged::reset();
+        kernel::forget_calls();
+        world.steps.clear();
+    }
+    static void fill(uint64_t free_kib = 0) {
+        world.f_bavail = free_kib;
+        world.f_bsize = 1024;
+    }
+    static double remaining_s() {
+        ev_now_update(EV_DEFAULT);
+        return ev_timer_remaining(EV_DEFAULT, &sd.refresh_timer);
+    }
+};
+
+using sdcard_death = sdcard;
+
+// What a test that ends by abort has logged and done, for the parent to read.
+void tell_on_abort() {
+    std::signal(SIGABRT, [](int) {
+        for (const auto& line : logged::lines()) {
+            fprintf(stderr, "[%s]", line.c_str());
+        }
+        for (const auto& name : world.steps) {
+            fprintf(stderr, "(%s)", name.c_str());
+        }
+        fputs("(abort)", stderr);
+    });
+}
+
+// --- the derivation --------------------------------------------------------------------------------------------------
+
+TEST_F(sdcard, unknown_until_started) {
+    EXPECT_EQ(0x7fffffff, state_at_birth);
+    EXPECT_EQ(SDCARD_UNKNOWN, sdcard_get_state());
+}
+
+TEST_F(sdcard, names) {
+    const strings names(std::begin(sdstate2str), std::end(sdstate2str));
+    EXPECT_EQ((strings{"normal", "not_exists", "full", "broken", "formatting", "eject", "fixing"}), names);
+    EXPECT_STREQ("broken", sdstate2str[SDCARD_BROKEN]);
+    EXPECT_STREQ("fixing", sdstate2str[SDCARD_FIXING]);
+    EXPECT_EQ(7, SDCARD_EJECTING);
+}
+
+TEST_F(sdcard, merge_state_first_match_wins) {
+    constexpr auto STRANGE_BLOCK = static_cast<mmc_state>(9);
+    constexpr auto STRANGE_MOUNT = static_cast<mount_status>(9);
+    struct {
+        const char* what;
+        mmc_state block;
+        mount_status mounted;
+        int access_errno;
+        int statfs_result;
+        sdcard_state expected;
+    } rows[] = {
+        {"no card wins over everything", MMC_STATE_NONE, MOUNT_FAILED, EROFS, -1, SDCARD_NOT_EXISTS},
+        {"no card, though still mounted", MMC_STATE_NONE, MOUNT_OK, 0, 0, SDCARD_NOT_EXISTS},
+        {"read-only card, though mounted", MMC_STATE_RDONLY, MOUNT_OK, 0, 0, SDCARD_BROKEN},
+        {"read-only card, not mounted", MMC_STATE_RDONLY, MOUNT_NONE, 0, 0, SDCARD_BROKEN},
+        {"ejected", MMC_STATE_EJECTED, MOUNT_NONE, 0, 0, SDCARD_EJECT},
+        {"ejected, though mounted", MMC_STATE_EJECTED, MOUNT_OK, 0, 0, SDCARD_EJECT},
+        {"not mounted", MMC_STATE_RDWR, MOUNT_NONE, EROFS, -1, SDCARD_NOT_EXISTS},
+        {"mount failed", MMC_STATE_RDWR, MOUNT_FAILED, 0, 0, SDCARD_BROKEN},
+        {"not writable", MMC_STATE_RDWR, MOUNT_OK, EROFS, 0, SDCARD_BROKEN},
+        {"no statfs", MMC_STATE_RDWR, MOUNT_OK, 0, -1, SDCARD_BROKEN},
+        {"normal", MMC_STATE_RDWR, MOUNT_OK, 0, 0, SDCARD_NORMAL},
+        {"any other block state goes on", STRANGE_BLOCK, MOUNT_OK, 0, 0, SDCARD_NORMAL},
+        {"any other block state, not mounted", STRANGE_BLOCK, MOUNT_NONE, 0, 0, SDCARD_NOT_EXISTS},
+        {"any other mounted status goes on", MMC_STATE_RDWR, STRANGE_MOUNT, 0, 0, SDCARD_NORMAL},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        SetUp();
+        sd.state = SDCARD_FIXING;
+        world.block = row.block;
+        world.mountpoint.mounted = row.mounted;
+        world.statfs_result = row.statfs_result;
+        if (row.access_errno != 0) {
+            kernel::fail("access", row.access_errno);
+        }
+        EXPECT_EQ(row.expected, merge_state());
+        EXPECT_EQ(SDCARD_FIXING, sd.state);  // no side effects
+        EXPECT_EQ(strings{}, world.steps);
+        const bool must_warn = row.access_errno != 0 && row.block == MMC_STATE_RDWR && row.mounted == MOUNT_OK;
+        EXPECT_EQ(must_warn ? strings{"warning Unable to write access the sdcard."} : strings{}, logged::lines());
+    }
+}
+
+TEST_F(sdcard, free_space) {
+    struct {
+        const char* what;
+        uint64_t f_bavail;
+        int32_t f_bsize;
+        sdcard_state expected;
+        const char* line;
+    } rows[] = {
+        {"exactly the limit", 40960, 1024, SDCARD_NORMAL, ""},
+        {"one KiB less", 40959, 1024, SDCARD_FULL, "info size available: 40959 KiB"},
+        {"rounded toward zero", (40960 * 1024) - 1, 1, SDCARD_FULL, "info size available: 40959 KiB"},
+        {"nothing", 0, 32768, SDCARD_FULL, "info size available: 0 KiB"},
+        {"big blocks", 1280, 32768, SDCARD_NORMAL, ""},
+        {"8 GiB would be 0 in 32 bits", 1 << 21, 4096, SDCARD_NORMAL, ""},
+        {"more blocks than a signed 32-bit number", 0x80000000, 512, SDCARD_NORMAL, ""},
+        {"kept in 32 bits", 0x100000001, 1024, SDCARD_FULL, "info size available: 1 KiB"},
+        {"just below 4 TiB", 0xffffffff, 1024, SDCARD_NORMAL, ""},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        logged::reset();
+        world.f_bavail = row.f_bavail;
+        world.f_bsize = row.f_bsize;
+        EXPECT_EQ(row.expected, merge_state());
+        EXPECT_EQ(row.line[0] != '\0' ? strings{row.line} : strings{}, logged::lines());
+    }
+}
+
+TEST_F(sdcard, asks_whether_the_card_may_be_written) {
+    merge_state();
+    EXPECT_EQ(strings{"access /mnt/sdcard"}, kernel::calls());
+}
+
+// --- publication -----------------------------------------------------------------------------------------------------
+
+TEST_F(sdcard, publishes_every_state) {
+    struct {
+        sdcard_state state;
+        const char* status;
+        const char* rw;
+    } rows[] = {
+        {SDCARD_NORMAL, "0", "rdwr"}, {SDCARD_NOT_EXISTS, "1", "none"}, {SDCARD_FULL, "2", "rdonly"},
+        {SDCARD_BROKEN, "3", "none"}, {SDCARD_FORMATTING, "4", "none"}, {SDCARD_EJECT, "5", "none"},
+        {SDCARD_FIXING, "6", "none"}, {SDCARD_EJECTING, "7", "none"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.status);
+        world.steps.clear();
+        sdcard_set_state(row.state);
+        EXPECT_EQ(row.state, sdcard_get_state());
+        EXPECT_EQ((strings{std::string("sdcard_status=") + row.status, std::string("sdcard_rw=") + row.rw}),
+                  world.steps);
+    }
+    EXPECT_EQ(strings{}, logged::lines());
+}
+
+TEST_F(sdcard, same_state_again_does_nothing) {
+    sdcard_set_state(SDCARD_EJECTING);
+    world.steps.clear();
+    sdcard_set_state(SDCARD_EJECTING);
+    EXPECT_EQ(strings{}, world.steps);
+
+    world.block = MMC_STATE_RDONLY;
+    sdcard_update_state();
+    EXPECT_EQ((strings{"sdcard_status=3", "sdcard_rw=none"}), world.steps);
+    world.steps.clear();
+    sdcard_update_state();
+    EXPECT_EQ(strings{}, world.steps);
+}
+
+TEST_F(sdcard, ejected_until_the_block_table_forgets) {
+    world.block = MMC_STATE_EJECTED;
+    world.mountpoint.mounted = MOUNT_NONE;
+    sdcard_update_state();
+    sdcard_update_state();
+    EXPECT_EQ(SDCARD_EJECT, sdcard_get_state());
+    world.block = MMC_STATE_NONE;
+    world.steps.clear();
+    sdcard_update_state();
+    EXPECT_EQ((strings{"sdcard_status=1", "sdcard_rw=none"}), world.steps);
+}
+
+// --- freeing space ---------------------------------------------------------------------------------------------------
+
+TEST_F(sdcard, deletes_one_clip_for_each_look_until_there_is_room) {
+    fill(10);
+    world.after_delete = {20, 40959, 40960};
+    sdcard_update_state();
+    EXPECT_EQ((strings{"records_delete_oldest", "records_delete_oldest", "records_delete_oldest", "sdcard_status=0",
+                       "sdcard_rw=rdwr"}),
+              world.steps);
+    EXPECT_EQ((strings{"info size available: 10 KiB", "info size available: 20 KiB", "info size available: 40959 KiB"}),
+              logged::lines());
+}
+
+TEST_F(sdcard, full_when_nothing_can_be_deleted) {
+    fill();
+    world.delete_errno = EFAULT;
+    sdcard_update_state();
+    EXPECT_EQ((strings{"records_delete_oldest", "sdcard_status=2", "sdcard_rw=rdonly"}), world.steps);
+    EXPECT_EQ((strings{"info size available: 0 KiB", "err records_delete_oldest: Bad address"}), logged::lines());
+}
+
+TEST_F(sdcard, full_after_some_were_deleted) {
+    fill();
+    world.after_delete = {5};
+    kernel::on().before = [](const char* call, const char*) {
+        if (std::string(call) == "access" && world.after_delete.empty()) {
+            world.delete_errno = EIO;
+        }
+    };
+    sdcard_update_state();
+    EXPECT_EQ((strings{"records_delete_oldest", "records_delete_oldest", "sdcard_status=2", "sdcard_rw=rdonly"}),
+              world.steps);
+    EXPECT_EQ("err records_delete_oldest: Input/output error", logged::lines().back());
+}
+
+TEST_F(sdcard, card_that_goes_while_clips_are_deleted) {
+    fill();
+    world.after_delete = {0};
+    kernel::on().before = [](const char*, const char*) {
+        if (world.after_delete.empty()) {
+            world.statfs_result = -1;
+        }
+    };
+    sdcard_update_state();
+    EXPECT_EQ((strings{"records_delete_oldest", "sdcard_status=3", "sdcard_rw=none"}), world.steps);
+}
+
+TEST_F(sdcard, nothing_is_deleted_unless_full) {
+    for (auto block : {MMC_STATE_NONE, MMC_STATE_RDWR, MMC_STATE_RDONLY, MMC_STATE_EJECTED}) {
+        world.block = block;
+        sdcard_update_state();
+    }
+    EXPECT_EQ(0, std::count(world.steps.begin(), world.steps.end(), "records_delete_oldest"));
+}
+
+// --- start and stop --------------------------------------------------------------------------------------------------
+
+TEST_F(sdcard, starts_in_order) {
+    world.refresh_from_mountinfo = true;
+    sd.state = SDCARD_NORMAL;
+    sdcard_init();
+    EXPECT_EQ((strings{"records_init", "mountpoint_init", "mmc_dev_init", "mmc_rescan", "mountinfo_refresh_state",
+                       "sdcard_status=0", "sdcard_rw=rdwr"}),
+              world.steps);
+    EXPECT_TRUE(ev_is_active(&sd.refresh_timer));
+    EXPECT_EQ(-2, ev_priority(&sd.refresh_timer));
+    EXPECT_DOUBLE_EQ(1800, sd.refresh_timer.repeat);
+    EXPECT_NEAR(1800, remaining_s(), 5);
+}
+
+TEST_F(sdcard, refresh_is_ignored_until_started) {
+    sdcard_refresh("Mountinfo changed.");
+    EXPECT_EQ(strings{}, world.steps);
+    EXPECT_EQ(strings{}, logged::lines());
+    EXPECT_FALSE(ev_is_active(&sd.refresh_timer));
+
+    // Nor does one count that comes from within the start.
+    world.refresh_from_mountinfo = true;
+    sdcard_init();
+    for (const auto& line : logged::lines()) {
+        EXPECT_EQ(std::string::npos, line.find("refresh sdcard state")) << line;
+    }
+}
+
+TEST_F(sdcard, stops_in_order) {
+    start();
+    sdcard_exit();
+    EXPECT_EQ((strings{"records_exit", "mmc_dev_exit", "mountpoint_exit"}), world.steps);
+    EXPECT_FALSE(ev_is_active(&sd.refresh_timer));
+}
+
+TEST_F(sdcard_death, no_mount_table_no_daemon) {
+    world.mountpoint_init_result = -1;
+    EXPECT_EXIT(
+        {
+            tell_on_abort();
+            sdcard_init();
+        },
+        testing::KilledBySignal(SIGABRT),
+        "\\[err fail to init mountpoint monitor\\]\\(records_init\\)\\(mountpoint_init\\)\\(abort\\)");
+}
+
+TEST_F(sdcard_death, no_uevents_no_daemon) {
+    world.mmc_dev_init_result = -1;
+    EXPECT_EXIT(
+        {
+            tell_on_abort();
+            sdcard_init();
+        },
+        testing::KilledBySignal(SIGABRT),
+        "\\[err fail to initialize uevent.\\]\\(records_init\\)\\(mountpoint_init\\)\\(mmc_dev_init\\)\\(abort\\)");
+}
+
+// --- refresh ---------------------------------------------------------------------------------------------------------
+
+TEST_F(sdcard, refresh_says_why_derives_and_postpones_the_periodic_one) {
+    start();
+    ev_timer_stop(EV_DEFAULT, &sd.refresh_timer);
+    ev_timer_set(&sd.refresh_timer, 7.0, 1800.0);
+    ev_timer_start(EV_DEFAULT, &sd.refresh_timer);
+    world.block = MMC_STATE_NONE;
+    sdcard_refresh("New Record");
+    EXPECT_EQ(strings{"info refresh sdcard state due to New Record"}, logged::lines());
+    EXPECT_EQ((strings{"sdcard_status=1", "sdcard_rw=none"}), world.steps);
+    EXPECT_NEAR(1800, remaining_s(), 5);
+}
+
+TEST_F(sdcard, periodic_refresh_derives_without_a_line) {
+    start();
+    world.block = MMC_STATE_RDONLY;
+    ev_invoke(EV_DEFAULT, &sd.refresh_timer, EV_TIMER);
+    EXPECT_EQ(strings{}, logged::lines());
+    EXPECT_EQ((strings{"sdcard_status=3", "sdcard_rw=none"}), world.steps);
+
+    // It does not wait for the first derivation either, and takes the place of a job's state.
+    for (auto state : {SDCARD_UNKNOWN, SDCARD_FORMATTING, SDCARD_EJECTING}) {
+        sd.state = state;
+        ev_invoke(EV_DEFAULT, &sd.refresh_timer, EV_TIMER);
+        EXPECT_EQ(SDCARD_BROKEN, sd.state);
+    }
+}
+
+// --- update images ---------------------------------------------------------------------------------------------------
+
+constexpr const char* IMAGES[] = {"tf_recovery.img", "tf_update.img", "tf_all_recovery.img", "tf_all.img"};
+
+TEST_F(sdcard, sets_update_images_aside) {
+    for (const char* image : IMAGES) {
+        kernel::write(std::string("/mnt/sdcard/") + image, image);
+    }
+    sdcard_init();
+    for (const char* image : IMAGES) {
+        EXPECT_FALSE(kernel::exists(std::string("/mnt/sdcard/") + image));
+        EXPECT_EQ(image, kernel::read(std::string("/mnt/sdcard/") + image + ".bak"));
+    }
+    EXPECT_EQ(strings{}, logged::lines());
+    const strings& calls = kernel::calls();
+    EXPECT_EQ((strings{"access /mnt/sdcard", "access /mnt/sdcard/manu_test/update.txt",
+                       "rename /mnt/sdcard/tf_recovery.img", "rename /mnt/sdcard/tf_update.img",
+                       "access /mnt/sdcard/manu_test/update.txt", "rename /mnt/sdcard/tf_all_recovery.img",
+                       "access /mnt/sdcard/manu_test/update.txt", "rename /mnt/sdcard/tf_all.img"}),
+              calls);
+}
+
+TEST_F(sdcard, missing_images_are_warned_of) {
+    sdcard_init();
+    EXPECT_EQ((strings{"warning Rename tf_recovery.img: No such file or directory",
+                       "warning Rename tf_update.img: No such file or directory",
+                       "warning Rename tf_all_recovery.img: No such file or directory",
+                       "warning Rename tf_all.img: No such file or directory"}),
+              logged::lines());
+    EXPECT_TRUE(ev_is_active(&sd.refresh_timer));
+}
+
+TEST_F(sdcard, images_stay_where_the_marker_is) {
+    kernel::write("/mnt/sdcard/manu_test/update.txt", "");
+    for (const char* image : IMAGES) {
+        kernel::write(std::string("/mnt/sdcard/") + image, image);
+    }
+    sdcard_init();
+    for (const char* image : IMAGES) {
+        EXPECT_TRUE(kernel::exists(std::string("/mnt/sdcard/") + image));
+    }
+    EXPECT_EQ(0, kernel::count("rename"));
+    EXPECT_EQ(strings{}, logged::lines());
+}
+
+TEST_F(sdcard, marker_is_asked_for_afresh) {
+    // The marker appears in between: the images behind that point stay.
+    struct {
+        const char* after;
+        strings renamed;
+    } rows[] = {
+        {"tf_update.img", {"tf_recovery.img", "tf_update.img"}},
+        {"tf_all_recovery.img", {"tf_recovery.img", "tf_update.img", "tf_all_recovery.img"}},
+        {"tf_recovery.img", {"tf_recovery.img", "tf_update.img"}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.after);
+        SetUp();
+        strings renamed;
+        kernel::on().before = [&](const char* call, const char* path) {
+            if (std::string(call) == "rename") {
+                renamed.push_back(std::string(path).substr(sizeof CARD));
+                if (renamed.back() == row.after) {
+                    kernel::write("/mnt/sdcard/manu_test/update.txt", "");
+                }
+            }
+        };
+        sdcard_init();
+        EXPECT_EQ(row.renamed, renamed);
+    }
+}
+
+}  // namespace
