@@ -20,15 +20,19 @@ bool is_numeric(const char* host) {
     return inet_pton(AF_INET, host, binary) == 1 || inet_pton(AF_INET6, host, binary) == 1;
 }
 
+// Views are cut with remove_prefix and remove_suffix: substr would need the C++ run time, to throw.
 bool split_tcp(std::string_view text, std::string_view* host, std::string_view* port) {
     const size_t colon = text.rfind(':');
     if (colon == std::string_view::npos) {
         return false;
     }
-    *host = text.substr(0, colon);
-    *port = text.substr(colon + 1);
+    *host = text;
+    host->remove_suffix(text.size() - colon);
+    *port = text;
+    port->remove_prefix(colon + 1);
     if (host->size() > 2 && host->front() == '[' && host->back() == ']') {
-        *host = host->substr(1, host->size() - 2);
+        host->remove_prefix(1);
+        host->remove_suffix(1);
     } else if (host->find(':') != std::string_view::npos) {
         return false;  // an IPv6 address without brackets: where would the port begin?
     }
@@ -64,10 +68,12 @@ bool parse_unix(std::string_view path, bus_place* place) {
 }  // namespace
 
 int address_parse(const char* text, bus_place* place) {
+    constexpr std::string_view UNIX = "unix:";
+    constexpr std::string_view TCP = "tcp:";
     const std::string_view view = text;
     bus_place parsed{};
-    if ((view.starts_with("unix:") && parse_unix(view.substr(5), &parsed)) ||
-        (view.starts_with("tcp:") && parse_tcp(view.substr(4), &parsed))) {
+    if ((view.starts_with(UNIX) && parse_unix(text + UNIX.size(), &parsed)) ||
+        (view.starts_with(TCP) && parse_tcp(text + TCP.size(), &parsed))) {
         *place = parsed;
         return 0;
     }

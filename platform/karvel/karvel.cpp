@@ -195,37 +195,41 @@ void set_timer(karvel_connection* connection) {
     ev_timer_start(connection->loop, &connection->timer);
 }
 
-item* find_due(karvel_connection* connection, int64_t when_ms) {
-    item* one = connection->items;
-    while (one != nullptr && !(has_deadline(one) && one->deadline_ms <= when_ms)) {
-        one = one->next;
+// The link to a request that is overdue; it points to null when there is none.
+item** find_due(karvel_connection* connection, int64_t when_ms) {
+    item** link = &connection->items;
+    while (*link != nullptr && !(has_deadline(*link) && (*link)->deadline_ms <= when_ms)) {
+        link = &(*link)->next;
     }
-    return one;
+    return link;
 }
 
-// Ends a set or a read that has no answer. False: the handle is closed now.
-bool fail_item(karvel_connection* connection, item* failed, int error) {
-    if (failed->what == kind::READ) {
-        const karvel_callback on_done = failed->callback;
-        failed->callback = nullptr;
-        return call(connection, failed, on_done, NO_VALUE, error);
+// Ends the set or read at the link. False: the handle is closed now.
+bool end_overdue(karvel_connection* connection, item** link) {
+    item* overdue = *link;
+    if (overdue->what == kind::READ) {
+        const karvel_callback on_done = overdue->callback;
+        overdue->callback = nullptr;
+        return call(connection, overdue, on_done, NO_VALUE, ETIMEDOUT);
     }
-    unlink_item(connection, failed);
-    const bool open = call(connection, failed, failed->on_fail, NO_VALUE, error);
-    free_item(failed);
+    *link = overdue->next;
+    const bool open = call(connection, overdue, overdue->on_fail, NO_VALUE, ETIMEDOUT);
+    free_item(overdue);
     return open;
 }
 
 void expire(karvel_connection* connection) {
     const int64_t when_ms = now_ms();  // what the callbacks ask for with no time at all waits for the next round
     ++connection->held;
-    while (item* due = find_due(connection, when_ms)) {
-        if (!fail_item(connection, due, ETIMEDOUT)) {
+    for (;;) {
+        item** due = find_due(connection, when_ms);
+        if (*due == nullptr) {
+            set_timer(connection);
             break;
         }
-    }
-    if (!connection->closed) {
-        set_timer(connection);
+        if (!end_overdue(connection, due)) {
+            break;
+        }
     }
     release(connection);
 }

@@ -56,7 +56,7 @@ void on_beat(struct ev_loop*, ev_timer*, int) {}
 
 }  // namespace
 
-Broker::Broker(std::string extra_configuration) : port_(free_port()) {
+Broker::Broker() : port_(free_port()) {
     char name[] = "/tmp/broker.XXXXXX";
     if (mkdtemp(name) == nullptr) {
         die("mkdtemp");
@@ -66,8 +66,7 @@ Broker::Broker(std::string extra_configuration) : port_(free_port()) {
                                      << "persistence true\nautosave_on_changes true\nautosave_interval 1\n"
                                      << "persistence_location " << folder_ << "/\n"
                                      << "listener 0 " << folder_ << "/sock\n"
-                                     << "listener " << port_ << " 127.0.0.1\n"
-                                     << extra_configuration;
+                                     << "listener " << port_ << " 127.0.0.1\n";
     setenv("VESK_BUS", address().c_str(), 1);
     start();
 }
@@ -101,6 +100,12 @@ void Broker::start() {
     }
 }
 
+void Broker::configure(const std::string& lines) {
+    std::ofstream(folder_ + "/conf", std::ios::app) << lines;
+    kill();
+    start();
+}
+
 void Broker::kill() {
     if (pid_ > 0) {
         ::kill(pid_, SIGKILL);
@@ -131,6 +136,17 @@ std::string Broker::folder() const {
 
 int Broker::port() const {
     return port_;
+}
+
+// Asked of a shell: under an emulator this process would be shown the emulated machine's libraries.
+std::string broker_plugin(const std::string& name) {
+    FILE* shell = popen(("echo -n /usr/lib/*/" + name).c_str(), "re");
+    char path[256] = "";
+    if (shell == nullptr || fgets(path, sizeof(path), shell) == nullptr) {
+        die("popen");
+    }
+    pclose(shell);
+    return path;
 }
 
 bool run_until(const std::function<bool()>& done, int limit_ms) {

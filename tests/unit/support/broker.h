@@ -10,15 +10,16 @@ struct ev_loop;
 
 class Broker {
   public:
-    explicit Broker(std::string extra_configuration = "");  // started, and in the environment's VESK_BUS
-    ~Broker();                                              // killed, folder removed
+    Broker();   // started, and in the environment's VESK_BUS
+    ~Broker();  // killed, folder removed
     Broker(const Broker&) = delete;
     Broker& operator=(const Broker&) = delete;
 
-    void start();   // returns when it takes connections
-    void kill();    // SIGKILL, reaped
-    void freeze();  // SIGSTOP, returns when it stands
-    void go_on();   // SIGCONT
+    void configure(const std::string& lines);  // added to its configuration; started again with them
+    void start();                              // returns when it takes connections
+    void kill();                               // SIGKILL, reaped
+    void freeze();                             // SIGSTOP, returns when it stands
+    void go_on();                              // SIGCONT
     std::string address() const;
     std::string folder() const;
     int port() const;  // loopback TCP as well
@@ -28,6 +29,9 @@ class Broker {
     int port_ = 0;
     int pid_ = -1;
 };
+
+// Where this machine keeps a plugin of the broker.
+std::string broker_plugin(const std::string& name);
 
 // Runs the default loop until `done` holds; false after limit_ms.
 bool run_until(const std::function<bool()>& done, int limit_ms = 10'000);
