@@ -3,7 +3,7 @@
 // changing while it is read does no harm. Both stop for a flush each second, and for the end of the session.
 //
 // Comparing takes the periods in batches of 64, with a bit for each second of a period: the folder's names set
-// bits, one pass over the list clears those that have a record. 29 KiB of memory however many clips there are, and for
+// bits, one pass over the list clears those that have a record. 57 KiB of memory however many clips there are, and for
 // 100,000 clips 27 passes over a file that lies in memory.
 //
 // Rewriting merges the main row with the strays, front to back, in 4 KiB of memory.
