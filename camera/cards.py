@@ -92,7 +92,7 @@ def add_clips(card: Path, count: int = 100, start: int = DEFAULT_START, interval
     periods: dict[str, list[tuple[str, int, int]]] = {}
     for ts in range(start, start + count * interval, interval):
         _, period, clip = clip_path(ts).split("/")
-        periods.setdefault(period, []).extend([(f"{clip}.mp4", video_bytes, ts), (f"{clip}.jpg", image_bytes, ts)])
+        periods.setdefault(period, []).extend([(f"{clip}.mp4", video_bytes, ts), (f"{clip}.jpeg", image_bytes, ts)])
     with card.open("r+b") as file:
         Fat(file, filesystem_offset(card)).add_tree(RECORD_DIR, periods)
 

@@ -626,7 +626,13 @@ TEST_F(Karvel, AThousandOpensLeaveNothingBehind) {
     libkarvel_close(handle);
     libkarvel_close(other);
     const auto cycle = [] {
+        // A broker that has had no time to accept the ones before has a full queue, and the library then holds off for
+        // a second: on a busy machine some opens need another try.
         karvel_handle* one = libkarvelev_config_open(ev_default_loop(0), 0);
+        for (const int64_t deadline_ms = test_now_ms() + 10'000; one == nullptr && test_now_ms() < deadline_ms;) {
+            run_for(100);
+            one = libkarvelev_config_open(ev_default_loop(0), 0);
+        }
         ASSERT_NE(one, nullptr);
         ASSERT_TRUE(watch(one, "k"));
         ASSERT_TRUE(set(one, "k", "v", "set", 0));
