@@ -88,9 +88,8 @@ class Bus:
         """Subscribes and waits for the confirmation. The handler runs on the connection's thread."""
         with self._lock:
             self._handlers.append((topic, handler))
-        # Retained messages come again with every subscription: a second handler of a topic needs them too.
-        options = SubscribeOptions(qos=1, retainHandling=SubscribeOptions.RETAIN_SEND_ON_SUBSCRIBE)
-        self._wait_confirmed(self._client.subscribe(topic, options=options), timeout)
+        self._subscribe(topic, timeout)
+
 
     def wait_for(self, topic: str, predicate: Callable[[bytes], bool], timeout: float) -> bytes:
         """The first payload that satisfies the predicate, a retained one included; TimeoutError otherwise."""
@@ -114,10 +113,18 @@ class Bus:
         return found[0]
 
     def retained(self, topic: str) -> bytes | None:
-        """The retained message of a topic. Found missing by the confirmation: it comes after retained messages."""
+        """The retained message of a topic, or None.
+
+        The broker sends it after it has confirmed the subscription. It answers in order, though, so that the
+        confirmation of another subscription says that there was nothing to come.
+        """
         found: list[bytes] = []
-        self.subscribe(topic, lambda message: found.append(message.payload))
-        self._forget_last()
+
+        def handler(message: Message) -> None:
+            found.append(message.payload)
+        self.subscribe(topic, handler)
+        self._subscribe("karvel/mem/default/nothing", 5)
+        self._forget(handler)
         return found[-1] if found else None
 
     def request(self, topic: str, payload: str | bytes, timeout: float = 10) -> bytes:
@@ -145,6 +152,11 @@ class Bus:
 
     # --- inside ---
 
+    def _subscribe(self, topic: str, timeout: float) -> None:
+        # Retained messages come again with every subscription: a second handler of a topic needs them too.
+        options = SubscribeOptions(qos=1, retainHandling=SubscribeOptions.RETAIN_SEND_ON_SUBSCRIBE)
+        self._wait_confirmed(self._client.subscribe(topic, options=options), timeout)
+
     def _wait_confirmed(self, result: tuple[int, int | None], timeout: float) -> None:
         code, identifier = result
         if code != paho.MQTT_ERR_SUCCESS:
@@ -157,10 +169,6 @@ class Bus:
     def _forget(self, handler: Callable[[Message], None]) -> None:
         with self._lock:
             self._handlers = [entry for entry in self._handlers if entry[1] is not handler]
-
-    def _forget_last(self) -> None:
-        with self._lock:
-            self._handlers.pop()
 
     def _on_connect(self, _client: Any, _user: Any, _flags: Any, reason: Any, _properties: Any = None) -> None:
         with self._lock:
