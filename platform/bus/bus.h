@@ -76,7 +76,8 @@ bus_session* bus_open(struct ev_loop* loop, const bus_options* options);
 // more, ever. Waits, at most 20 ms, only for a broker that still owes answers.
 void bus_close(bus_session* session);
 
-// Adds another listener (four at most; -1 with errno ENOSPC), told after the earlier ones. The listener is copied.
+// Adds another listener (four at most; -1 with errno ENOSPC), told after the earlier ones unless it takes a
+// freed place. The listener is copied.
 int bus_listen(bus_session* session, const bus_listener* listener);
 // Takes away the listener with this context.
 void bus_unlisten(bus_session* session, const void* context);

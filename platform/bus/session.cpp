@@ -62,9 +62,8 @@ const char* shared_app = "";
 struct bus_session {
     struct ev_loop* loop;
     bool reconnect;
-    letter* will;  // owned; null: none
-    bus_listener listeners[LISTENERS_MAX];
-    int listener_count;
+    letter* will;                           // owned; null: none
+    bus_listener listeners[LISTENERS_MAX];  // without callbacks: a free place
 
     state now;
     mosquitto* client;   // null unless CONNECTING or CONNECTED
@@ -416,6 +415,11 @@ void on_tick(struct ev_loop*, ev_timer* watcher, int) {
     }
 }
 
+bool is_free(const bus_listener& place) {
+    return place.on_connected == nullptr && place.on_lost == nullptr && place.on_message == nullptr &&
+           place.on_answer == nullptr;
+}
+
 void tell_listener(bus_session* session, const bus_listener& to, const event& what) {
     switch (what.what) {
         case news::CONNECTED:
@@ -454,7 +458,7 @@ void on_tell(struct ev_loop*, ev_timer* watcher, int) {
         if (session->events != nullptr) {
             tell_later(session);  // for a listener that runs the loop
         }
-        for (int i = 0; i < session->listener_count && !session->closed; ++i) {
+        for (int i = 0; i < LISTENERS_MAX && !session->closed; ++i) {
             const bus_listener to = session->listeners[i];
             tell_listener(session, to, *told);
         }
@@ -540,7 +544,6 @@ bus_session* bus_open(struct ev_loop* loop, const bus_options* options) {
     session->reconnect = options->reconnect;
     session->will = will;
     session->listeners[0] = options->listener;
-    session->listener_count = 1;
     session->requests_end = &session->requests;
     session->events_end = &session->events;
     ev_init(&session->readable, on_readable);
@@ -587,22 +590,23 @@ void bus_close(bus_session* session) {
 }
 
 int bus_listen(bus_session* session, const bus_listener* listener) {
-    if (session->listener_count == LISTENERS_MAX) {
-        errno = ENOSPC;
-        return -1;
-    }
-    session->listeners[session->listener_count++] = *listener;
-    return 0;
-}
-
-void bus_unlisten(bus_session* session, const void* context) {
-    int kept = 0;
-    for (int i = 0; i < session->listener_count; ++i) {
-        if (session->listeners[i].context != context) {
-            session->listeners[kept++] = session->listeners[i];
+    for (bus_listener& place : session->listeners) {
+        if (is_free(place)) {
+            place = *listener;
+            return 0;
         }
     }
-    session->listener_count = kept;
+    errno = ENOSPC;
+    return -1;
+}
+
+// The others keep their places: this may be called while they are being told something.
+void bus_unlisten(bus_session* session, const void* context) {
+    for (bus_listener& place : session->listeners) {
+        if (place.context == context) {
+            place = bus_listener{};
+        }
+    }
 }
 
 bool bus_connected(const bus_session* session) {

@@ -10,6 +10,7 @@
 #include <malloc.h>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "bus/bus.h"
@@ -446,7 +447,7 @@ TEST_F(Karvel, AnAbsentBrokerGivesNull) {
     EXPECT_EQ(libkarvelev_config_open(ev_default_loop(0), 0), nullptr);
     EXPECT_EQ(libkarvelev_config_open(ev_default_loop(0), 7), nullptr);
     EXPECT_EQ(libkarvelev_config_open(nullptr, 0), nullptr);
-    EXPECT_LT(test_now_ms() - before_ms, 50);
+    EXPECT_LT(test_now_ms() - before_ms, BLOCKED_MS);
 }
 
 TEST_F(Karvel, AnOpenWithinASecondAfterAFailedOneFailsAtOnce) {
@@ -496,7 +497,7 @@ TEST_F(Karvel, AFrozenBrokerBlocksNothing) {
     for (int i = 0; i < 30; ++i) {
         const int64_t before_ms = test_now_ms();
         karvel_handle* one = libkarvelev_config_open(ev_default_loop(0), 0);
-        EXPECT_LT(test_now_ms() - before_ms, 50);
+        EXPECT_LT(test_now_ms() - before_ms, BLOCKED_MS);
         if (one != nullptr) {
             opened.push_back(one);
         }
@@ -517,13 +518,13 @@ TEST_F(Karvel, AFrozenBrokerBlocksNothing) {
     for (int i = 0; i < 20; ++i) {
         const int64_t before_ms = test_now_ms();
         ASSERT_TRUE(set(handle, "k", large.c_str(), "large", 0, 1));
-        EXPECT_LT(test_now_ms() - before_ms, 50);
+        EXPECT_LT(test_now_ms() - before_ms, BLOCKED_MS);
     }
     ASSERT_TRUE(run_until([] { return times("large fail") == 20; }, 2'000));
     for (karvel_handle* one : opened) {
         libkarvel_close(one);
     }
-    EXPECT_LT(longest_stall_ms(), 50);
+    EXPECT_LT(longest_stall_ms(), BLOCKED_MS);
     // Thawed, the session goes on; late acknowledgements are nobody's.
     told.clear();
     broker.go_on();
@@ -593,9 +594,10 @@ TEST_F(Karvel, ARefusedSetFails) {
 TEST_F(Karvel, ARefusedRegistrationFailsAndHoldsTheNextOpenOff) {
     std::ofstream(broker.folder() + "/rules")
         << R"({"defaultACLAccess": {"publishClientSend": true, "publishClientReceive": true, "subscribe": false}})";
+    libkarvel_close(std::exchange(other, nullptr));  // its loss would hold the open off, too
+    libkarvel_close(handle);
     broker.configure("plugin " + broker_plugin("mosquitto_dynamic_security.so") + "\nplugin_opt_config_file " +
                      broker.folder() + "/rules\n");
-    libkarvel_close(handle);
     handle = open();
     told.clear();
     reopen_in_callback = true;

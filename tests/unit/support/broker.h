@@ -39,6 +39,9 @@ bool run_until(const std::function<bool()>& done, int limit_ms = 10'000);
 void run_for(int time_ms);
 // The longest that the loop was kept from its 5 ms beat during run_until and run_for since the last call, in ms.
 int64_t longest_stall_ms();
+// Longer than that, something has blocked: on a frozen broker it would be for ever. A workbench with much else to do
+// takes the processor away for some 100 ms at times; undisturbed, 50 ms would do.
+constexpr int64_t BLOCKED_MS = 250;
 
 int64_t test_now_ms();
 int open_descriptors();
