@@ -1,6 +1,7 @@
 // Remote actions and status against a real broker.
 #include <csignal>
 #include <cstdlib>
+#include <ev.h>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <json-c/json.h>
@@ -266,30 +267,22 @@ TEST_F(Actions, GoodbyeDoesNotWaitForAFrozenBroker) {
 }
 
 TEST_F(Actions, TheLastWillSpeaksForAProcessThatDied) {
-    watch("vesk/#");
     fflush(nullptr);
     const pid_t pid = fork();
     if (pid == 0) {
-        execl("/proc/self/exe", "vesk_actions_test", "--gtest_filter=DISABLED_Child.Runs",
-              "--gtest_also_run_disabled_tests", nullptr);
-        _exit(127);
+        alarm(60);
+        ev_loop_fork(ev_default_loop(0));
+        start_app(ACTIONS);
+        app_run();
+        _exit(0);
     }
+    watch("vesk/#");
     EXPECT_TRUE(wait_for(STATUS, 1));
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
     ASSERT_TRUE(wait_for(STATUS, 2));
     EXPECT_EQ(on(STATUS)[0].payload, "online");
     EXPECT_EQ(on(STATUS)[1].payload, "offline");
-}
-
-// The application of the test above, in a process of its own; it is killed.
-TEST(DISABLED_Child, Runs) {
-    alarm(60);
-    vesk_app_descriptor descriptor = {"tester", ACTIONS, {0, 0, 0, 0}};
-    char name[] = "tester";
-    char* argv[] = {name, nullptr};
-    ASSERT_EQ(app_init(&descriptor, 1, argv), 0);
-    EXPECT_EQ(app_run(), 0);
 }
 
 }  // namespace
