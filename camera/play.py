@@ -3,6 +3,7 @@ from __future__ import annotations
 
 import json
 import os
+import re
 import select
 import signal
 import sys
@@ -22,6 +23,7 @@ CARD_BYTES = 128 * MIB
 CLIP_KIB = 1024
 STORY_DEADLINE_S = 900
 RECORD = "vesk_recorder"
+LEVELS = {"2": "crit   ", "3": "err    ", "4": "warning", "6": "info   ", "7": "debug  "}  # the log's priority marks
 
 
 def status(camera: Camera) -> dict[str, object]:
@@ -154,10 +156,19 @@ class Live:
     def log_tail(self) -> list[str]:
         if not self.camera.log_path.exists():
             return []
-        lines = self.camera.log_path.read_text(errors="replace")[-8192:].splitlines()
-        return [line.strip() for line in lines if "vesk_sdcard" in line][-live_view.LOG_LINES:]
+        text = self.camera.log_path.read_bytes()[-8192:].decode(errors="replace")
+        return [f"{LEVELS.get(level, '')} {words}" for level, words in re.findall(r"<([0-7])>([^\r\n]*)", text)]
 
     # --- doing ---
+
+    def boot(self) -> None:
+        """Powers the camera on. The emulator ends with the thread that started it, so this one stays."""
+        try:
+            self.camera.start(deadline=24 * 3600)
+            self.shot.doing = "booted; i puts a card in"
+        except (CameraError, OSError) as error:
+            self.shot.doing = f"the camera did not boot: {error}"
+        self.over.wait()
 
     def start(self, what: str, work: Callable[[], None]) -> None:
         """One thing at a time, beside the drawing."""
@@ -215,7 +226,10 @@ class Live:
             self.over.set()
         elif key in ("p", "w"):
             # Cards are pulled and go slow while something else is going on; that is what they are here for.
-            actions[key][1]()
+            try:
+                actions[key][1]()
+            except CameraError as error:
+                self.shot.doing = f"{actions[key][0]}: {error}"
         elif key in actions:
             self.start(*actions[key])
 
@@ -233,7 +247,7 @@ class Live:
         sys.stdout.write("\x1b[?1049h\x1b[?25l")
         try:
             tty.setcbreak(terminal)
-            self.start("booting", lambda: (self.camera.start(deadline=24 * 3600), None)[1])
+            threading.Thread(target=self.boot, daemon=True).start()
             threading.Thread(target=self.watch, daemon=True).start()
             while not self.over.is_set():
                 sys.stdout.write(live_view.to_ansi(self.frame(), colour))
