@@ -14,7 +14,7 @@ extern "C" {
 // changes later is not seen. kyt_get, kyt_next and kyt_close work on the handle; kyt_write, kyt_mark_deleted and
 // kyt_optimise fail with EROFS. Damaged records are left out.
 // Null: errno says why (ENOENT: no folder or no list in it; EBADMSG: there is a list, but none that can be read).
-kyt_handle* kyt_open_rdonly(const char* folder);
+kyt_handle* kyt_open_rdonly(const char* folder_path);
 
 // How many live records the list holds. Any kind of handle; 0 for null.
 uint32_t kyt_count(const kyt_handle* handle);

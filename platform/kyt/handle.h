@@ -22,6 +22,6 @@ struct kyt_handle {
 namespace kyt {
 
 // kyt_open_rdwr for a folder of one's own: for tests, measurements and fuzzing.
-kyt_handle* open_folder(const char* folder);
+kyt_handle* open_folder(const char* path);
 
 }  // namespace kyt

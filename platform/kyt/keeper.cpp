@@ -19,7 +19,7 @@ namespace {
 
 constexpr uint32_t FLUSH_MS = 900;  // with a wake-up each second: at most 2 s from a change to the card
 constexpr int TICK_MS = 1000;
-constexpr size_t STACK_BYTES = 64 * 1024;
+constexpr size_t STACK_BYTES = size_t{64} * 1024;
 
 uint64_t now_ms() {
     timespec now = {};

@@ -325,9 +325,9 @@ KYT_API int kyt_optimise(kyt_handle* h) {
         if (k->work.rewritten) {
             k->at.store(switch_file(h) ? phase::COMMIT : phase::DISCARD, std::memory_order_release);
             keeper_wake(k);
-        } else {
-            k->at.store(phase::IDLE, std::memory_order_relaxed);
+            return 0;  // the next comparison is the next call's, however fast the keeper is
         }
+        k->at.store(phase::IDLE, std::memory_order_relaxed);
     }
     if (k->at.load(std::memory_order_acquire) == phase::IDLE) {
         start_work(h);

@@ -44,8 +44,8 @@ int copy_list(int folder, kyt_handle* h) {
 
 }  // namespace
 
-KYT_API kyt_handle* kyt_open_rdonly(const char* path) {
-    const int folder = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+KYT_API kyt_handle* kyt_open_rdonly(const char* folder_path) {
+    const int folder = open(folder_path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (folder < 0) {
         return nullptr;
     }

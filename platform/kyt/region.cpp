@@ -12,7 +12,7 @@ namespace kyt {
 namespace {
 
 // Shared pages must lie at addresses that suit the data cache; 256 KiB is the widest distance that MIPS asks for.
-constexpr uintptr_t ALIGNMENT = 256 * 1024;
+constexpr uintptr_t ALIGNMENT = uintptr_t{256} * 1024;
 constexpr size_t RESERVED_BYTES = MAX_BYTES + ALIGNMENT;
 
 void lock(const region& r) {

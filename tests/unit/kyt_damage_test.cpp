@@ -163,7 +163,7 @@ TEST_F(KytDamage, CutShortAtEveryInterestingLength) {
         }
         logged::reset();
         card.set_bytes("KYT_A.LST", whole.substr(0, length));
-        const uint32_t kept = length < 4096 || length < 64 ? 0 : std::min<uint32_t>(CLIPS, (length - 4096) / 8);
+        const uint32_t kept = length < 4096 ? 0 : std::min<uint32_t>(CLIPS, (length - 4096) / 8);
         EXPECT_EQ(open_and_check(), (kept + 2) / 3) << length;
         EXPECT_TRUE(logged_part("marks may be lost")) << length;
     }

@@ -215,7 +215,9 @@ TEST_F(KytList, DeletingTheOldestIsLinearAlsoBehindProtectedOnes) {
         clock_gettime(CLOCK_THREAD_CPUTIME_ID, &end);
         EXPECT_EQ(deleted, clips - (clips + 3999) / 4000);
         kyt_close(h);
-        return ((end.tv_sec - start.tv_sec) * 1e9 + (end.tv_nsec - start.tv_nsec)) / deleted;
+        return (static_cast<double>(end.tv_sec - start.tv_sec) * 1e9 +
+                static_cast<double>(end.tv_nsec - start.tv_nsec)) /
+               deleted;
     };
     const double few = cost(2'000);
     const double many = cost(32'000);

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <random>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "kyt_rdonly.h"
 #include "names.h"
@@ -136,12 +138,10 @@ TEST(KytRecord, Announcements) {
         std::memset(&record, 0xAA, sizeof record);
         const kyt_record before = record;
         // Exactly the text, so that a look behind it is seen.
-        const std::string exact(row.text);
-        char* const copy = static_cast<char*>(std::malloc(exact.size()));
-        std::memcpy(copy, exact.data(), exact.size());
+        const std::string_view text = row.text;
+        const std::vector<char> exact(text.begin(), text.end());
         errno = 0;
-        const int result = kyt_record_parse(&record, copy, exact.size());
-        std::free(copy);
+        const int result = kyt_record_parse(&record, exact.data(), exact.size());
         if (row.ts == 0) {
             EXPECT_EQ(result, -1) << row.text;
             EXPECT_EQ(errno, EINVAL);

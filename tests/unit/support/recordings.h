@@ -41,8 +41,8 @@ class recordings {
     }
     void add_clip(uint32_t ts) const {
         std::filesystem::create_directories(std::filesystem::path(clip(ts)).parent_path());
-        std::ofstream(clip(ts) + ".jpeg");
-        std::ofstream(clip(ts) + ".mp4");
+        const std::ofstream image(clip(ts) + ".jpeg");
+        const std::ofstream video(clip(ts) + ".mp4");
     }
     void remove_clip(uint32_t ts) const {
         std::filesystem::remove(clip(ts) + ".jpeg");
