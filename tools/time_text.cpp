@@ -16,7 +16,8 @@ int64_t days_of(int year, unsigned month, unsigned day) {
     const int era = shifted / 400;
     const unsigned year_of_era = static_cast<unsigned>(shifted - era * 400);
     const unsigned day_of_year = (153 * (month > 2 ? month - 3 : month + 9) + 2) / 5 + day - 1;
-    return int64_t{era} * 146097 + year_of_era * 365 + year_of_era / 4 - year_of_era / 100 + day_of_year - 719468;
+    return int64_t{era} * 146097 + int64_t{year_of_era} * 365 + year_of_era / 4 - year_of_era / 100 + day_of_year -
+           719468;
 }
 
 void date_of(int64_t days, int* year, unsigned* month, unsigned* day) {
@@ -68,7 +69,8 @@ bool time_from_text(const char* text, uint32_t* ts) {
         month < 1 || month > 12) {
         return false;
     }
-    const int64_t value = days_of(year, month, day) * int64_t{DAY_S} + hour * 3600 + minute * 60 + second;
+    const int64_t value =
+        days_of(year, month, day) * int64_t{DAY_S} + int64_t{hour} * 3600 + int64_t{minute} * 60 + second;
     if (value < 1 || value > UINT32_MAX) {
         return false;
     }

@@ -48,7 +48,7 @@ void print_text(const veskctl_options& options, const char* now, const bus_messa
         // A value may hold anything; a terminal must not obey it.
         putchar(bytes[i] < 0x20 || bytes[i] == 0x7f ? '?' : bytes[i]);
     }
-    if (strcmp(message->topic, STATUS_KEY) == 0 && message->length == 1) {
+    if (bytes != nullptr && strcmp(message->topic, STATUS_KEY) == 0 && message->length == 1) {
         const long number = bytes[0] - '0';
         const char* name = veskctl_state_name(number);
         if (name != nullptr) {
