@@ -45,13 +45,13 @@ const char* rw_of(sdcard_state state) {
     return "none";
 }
 
-// The test bench of the factory puts the marker on its cards to keep the images in use.
+// A card with the marker keeps its images in place.
 bool images_stay() {
     return access(UPDATE_MARKER, F_OK) == 0;
 }
 
-// Renames an update image, so that the boot loader, which has just used it, does not take it again at the next start.
-// A card without the image logs its warning at every start, and that is intended.
+// Renames an update image that was left on the card, so that nothing finds it under its own name again. A card without
+// the image logs its warning at every start, and that is intended.
 void set_aside(const char* image) {
     char from[64];
     char to[64];
