@@ -1,0 +1,60 @@
+"""The daemon killed in any state: its start script starts it again, and it finds its way."""
+
+from collections.abc import Callable
+from pathlib import Path
+
+import pytest
+
+from cards import MIB
+from conftest import clips, insert_normal, record, wait_daemon
+from vcam import Camera
+
+MakeCard = Callable[..., Path]
+
+
+@pytest.mark.parametrize(("kind", "size", "state"), [
+    ("", 0, "not_exists"), ("fat", 64 * MIB, "normal"), ("fat", 32 * MIB, "full"), ("blank", 64 * MIB, "broken")])
+def test_a_killed_daemon_publishes_the_same_state_again(camera: Camera, card: MakeCard, kind: str, size: int,
+                                                        state: str) -> None:
+    if kind:
+        camera.insert(card(kind, size))
+    camera.wait_state(state)
+    pid = wait_daemon(camera)
+    camera.publish("karvel/mem/default/sdcard_status", "6", retain=True)  # so that the old value proves nothing
+    camera.check(f"kill -9 {pid}")
+    assert wait_daemon(camera, pid) != pid
+    camera.wait_state(state)
+
+
+def test_a_daemon_killed_while_recording_loses_no_clip(camera: Camera, card: MakeCard) -> None:
+    insert_normal(camera, card("fat"))
+    times = record(camera, 5)
+    pid = wait_daemon(camera)
+    camera.check(f"kill -9 {pid}")
+    wait_daemon(camera, pid)
+    camera.wait_state("normal")
+    times += record(camera, 3, start=times[-1] + 10)
+    assert clips(camera) == times
+
+
+def test_a_card_pulled_while_the_daemon_was_away(camera: Camera, card: MakeCard) -> None:
+    insert_normal(camera, card("fat"))
+    camera.check("/etc/init.d/S60vesk_sdcard stop")
+    camera.pull()
+    camera.check("/etc/init.d/S60vesk_sdcard start")
+    wait_daemon(camera)
+    camera.wait_state("not_exists")
+    insert_normal(camera, card("fat"))
+
+
+def test_the_start_script_refuses_on_a_board_that_lives_on_such_a_device(camera: Camera, card: MakeCard) -> None:
+    insert_normal(camera, card("fat"))
+    camera.check("/etc/init.d/S60vesk_sdcard stop; umount /mnt/sdcard; mkdir -p /usr/local")
+    camera.check("mount -t vfat /dev/mmcblk0p1 /usr/local")
+    try:
+        result = camera.run("/etc/init.d/S60vesk_sdcard start")
+        assert result.code == 1
+        assert b"/usr/local is mounted from device 179:" in result.err
+        assert camera.run("pidof vesk_sdcard").code == 1
+    finally:
+        camera.run("umount /usr/local")
