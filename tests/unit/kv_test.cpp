@@ -1,0 +1,931 @@
+#include "kv.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <functional>
+#include <gtest/gtest.h>
+#include <map>
+#include <set>
+#include <string>
+#include <time.h>
+#include <vector>
+
+#include "karvel.h"
+#include "support/child.h"
+#include "support/kernel.h"
+#include "support/log.h"
+
+// What the stand-in library hands to callbacks.
+struct karvel_response {
+    int error = 0;  // what parsing says
+    std::string name_space = "mem";
+    std::string group = "default";
+    std::string key;
+    bool has_value = false;
+    std::string value;
+};
+
+namespace {
+
+using strings = std::vector<std::string>;
+
+// --- the clock: stands still except for a microsecond at each look, so timers fire exactly when a test says ---------
+
+int64_t clock_us = 1'000'000'000;
+
+// --- memory: the n-th call of an allocator fails; copies of strings are watched -------------------------------------
+
+std::map<std::string, int> fails_at;  // 1: the next call
+std::set<void*> live_copies;
+
+bool must_fail(const char* call) {
+    auto at = fails_at.find(call);
+    if (at == fails_at.end() || --at->second != 0) {
+        return false;
+    }
+    fails_at.erase(at);
+    errno = ENOMEM;
+    return true;
+}
+
+// --- the library ---------------------------------------------------------------------------------------------------
+
+struct request {
+    karvel_callback done;  // success, notification or completion
+    karvel_callback fail;
+    void* context;
+};
+
+bool service_up;
+int sets_accepted;           // this many more, then false
+int registrations_accepted;  // likewise
+bool reads_accepted;
+bool connection_whole;  // what handling responses says
+strings called;
+std::deque<request> sets;
+std::map<std::string, request> subscriptions;  // by key
+request read_request;
+std::function<void()> before_answer;  // runs on the loop before a read is answered
+karvel_response answer;
+char handle_storage[1000];
+int opened;
+std::set<karvel_handle*> closed;
+int live_pairs;
+uint32_t last_id;
+
+std::string number(karvel_handle* handle) {
+    return handle == nullptr ? "null" : std::to_string(reinterpret_cast<char*>(handle) - handle_storage);
+}
+
+const char* shown(const char* text) {
+    return text != nullptr ? text : "(null)";
+}
+
+bool usable(karvel_handle* handle) {
+    return handle != nullptr && closed.count(handle) == 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+// Takes the place of the C library's for libev too.
+int clock_gettime(clockid_t, timespec* out) {
+    ++clock_us;
+    out->tv_sec = static_cast<time_t>(clock_us / 1'000'000);
+    out->tv_nsec = static_cast<long>(clock_us % 1'000'000 * 1000);
+    return 0;
+}
+
+void* __real_malloc(size_t size);
+void* __real_calloc(size_t count, size_t size);
+char* __real_strdup(const char* text);
+char* __real_strndup(const char* text, size_t length);
+void __real_free(void* memory);
+
+void* __wrap_malloc(size_t size) {
+    return must_fail("malloc") ? nullptr : __real_malloc(size);
+}
+
+void* __wrap_calloc(size_t count, size_t size) {
+    return must_fail("calloc") ? nullptr : __real_calloc(count, size);
+}
+
+char* __wrap_strdup(const char* text) {
+    if (must_fail("strdup")) {
+        return nullptr;
+    }
+    char* copy = __real_strdup(text);
+    live_copies.insert(copy);
+    return copy;
+}
+
+char* __wrap_strndup(const char* text, size_t length) {
+    if (must_fail("strndup")) {
+        return nullptr;
+    }
+    char* copy = __real_strndup(text, length);
+    live_copies.insert(copy);
+    return copy;
+}
+
+void __wrap_free(void* memory) {
+    live_copies.erase(memory);
+    __real_free(memory);
+}
+
+karvel_handle* libkarvelev_config_open(struct ev_loop* loop, int flags) {
+    EXPECT_EQ(loop, ev_default_loop(0));
+    EXPECT_EQ(flags, 0);
+    called.emplace_back("open");
+    return service_up ? reinterpret_cast<karvel_handle*>(&handle_storage[++opened]) : nullptr;
+}
+
+void libkarvel_close(karvel_handle* handle) {
+    called.push_back("close " + number(handle));
+    closed.insert(handle);
+}
+
+bool libkarvel_set_value(karvel_handle* handle, const char* name_space, const char* group, const char* key, int keep,
+                         const char* value, karvel_callback on_ok, karvel_callback on_fail, int timeout_s,
+                         void* context) {
+    called.push_back("set " + number(handle) + " " + name_space + ":" + key + "=" + shown(value));
+    EXPECT_EQ(group, nullptr);
+    EXPECT_EQ(keep, 1);
+    EXPECT_EQ(timeout_s, 3);
+    if (!usable(handle) || sets_accepted == 0) {
+        return false;
+    }
+    --sets_accepted;
+    sets.push_back({on_ok, on_fail, context});
+    return true;
+}
+
+bool libkarvel_register_notification(karvel_handle* handle, const char* name_space, const char* group, const char* key,
+                                     uint32_t* id, karvel_callback on_notify, karvel_callback on_fail, int confirm,
+                                     void* context) {
+    called.push_back("register " + number(handle) + " " + name_space + ":" + group + ":" + key);
+    EXPECT_EQ(confirm, 1);
+    EXPECT_EQ(*id, 0U);
+    if (!usable(handle) || registrations_accepted == 0) {
+        return false;
+    }
+    --registrations_accepted;
+    *id = ++last_id;
+    subscriptions[key] = {on_notify, on_fail, context};
+    return true;
+}
+
+bool libkarvel_get_value(karvel_handle* handle, const char* name_space, const char* group, const char* key,
+                         karvel_callback on_done, void* unused, int timeout_s, void* context) {
+    called.push_back("get " + number(handle) + " " + name_space + ":" + key);
+    EXPECT_EQ(group, nullptr);
+    EXPECT_EQ(unused, nullptr);
+    EXPECT_EQ(timeout_s, -1);
+    if (!reads_accepted) {
+        errno = ENOTCONN;
+        return false;
+    }
+    read_request = {on_done, nullptr, context};
+    static ev_timer soon;
+    ev_timer_stop(ev_default_loop(0), &soon);
+    ev_timer_init(
+        &soon,
+        [](struct ev_loop*, ev_timer*, int) {
+            if (before_answer) {
+                before_answer();
+            }
+            read_request.done(&answer, read_request.context);
+        },
+        0., 0.);
+    ev_timer_start(ev_default_loop(0), &soon);
+    return true;
+}
+
+void libkarvel_timeout_process(karvel_handle* handle) {
+    called.push_back("timeout " + number(handle));
+}
+
+bool libkarvel_xhandle_response(karvel_handle* handle) {
+    called.push_back("handle " + number(handle));
+    return connection_whole;
+}
+
+karvel_xpair* xresponse_parse(karvel_response* response, int* error) {
+    EXPECT_EQ(*error, -1);
+    *error = response->error;
+    if (response->error != 0) {
+        return nullptr;
+    }
+    ++live_pairs;
+    auto* name = new karvel_xname{response->name_space.c_str(), response->group.c_str(), response->key.c_str()};
+    const auto* value =
+        response->has_value ? new karvel_xvalue{response->value.data(), response->value.size()} : nullptr;
+    return new karvel_xpair{name, value};
+}
+
+void xpair_basefree(karvel_xpair* pair) {
+    --live_pairs;
+    delete pair->first;
+    delete pair->second;
+    delete pair;
+}
+
+int xcontrol_get_response(karvel_response* response, const karvel_xvalue** value) {
+    static karvel_xvalue given;
+    if (!response->has_value) {
+        return 0;
+    }
+    given = {response->value.data(), response->value.size()};
+    *value = &given;
+    return 1;
+}
+
+}  // extern "C"
+
+namespace {
+
+void turn() {
+    ev_run(ev_default_loop(0), EVRUN_NOWAIT);
+}
+
+void advance(double seconds) {
+    clock_us += static_cast<int64_t>(seconds * 1e6);
+    turn();
+}
+
+// What was called since the last look.
+strings news() {
+    strings since;
+    since.swap(called);
+    return since;
+}
+
+void end_set(bool ok) {
+    const request first = sets.front();
+    sets.pop_front();
+    karvel_response response;
+    (ok ? first.done : first.fail)(&response, first.context);
+}
+
+void notify(const std::string& subscription, karvel_response response) {
+    const request one = subscriptions.at(subscription);
+    one.done(&response, one.context);
+}
+
+karvel_response value_of(const std::string& key, const std::string& value) {
+    karvel_response response;
+    response.key = key;
+    response.has_value = true;
+    response.value = value;
+    return response;
+}
+
+strings told;  // what the registered callbacks were called with
+
+void on_told(void* context, const char* value, size_t length) {
+    told.push_back(std::string(static_cast<const char*>(context)) + " " +
+                   (value != nullptr ? std::string(value, length) : "null " + std::to_string(length)));
+}
+
+char context_a[] = "A";
+char context_b[] = "B";
+
+class KvTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        kernel::reset();
+        service_up = true;
+        sets_accepted = registrations_accepted = 1 << 20;
+        reads_accepted = connection_whole = true;
+        opened = 0;
+        closed.clear();
+        sets.clear();
+        subscriptions.clear();
+        before_answer = nullptr;
+        answer = karvel_response{};
+        fails_at.clear();
+        told.clear();
+        called.clear();
+        logged::reset();
+    }
+
+    // Leaves the store as at the start of the process: no handle, nothing stored.
+    void TearDown() override {
+        fails_at.clear();
+        kv_exit();
+        for (void* left : std::set<void*>(live_copies)) {
+            __wrap_free(left);  // what kv_exit leaves on purpose
+        }
+        service_up = false;
+        kv_init();
+        kv_exit();
+        turn();
+        EXPECT_EQ(live_pairs, 0);
+    }
+
+    static void start() {
+        EXPECT_EQ(kv_init(), 0);
+        turn();
+        called.clear();
+    }
+    static void start_without_service() {
+        service_up = false;
+        start();
+    }
+    static void expect_no_log() { EXPECT_EQ(logged::lines(), strings{}); }
+};
+
+// --- setting -------------------------------------------------------------------------------------------------------
+
+TEST_F(KvTest, InitOpensTheLink) {
+    EXPECT_EQ(kv_init(), 0);
+    EXPECT_EQ(news(), strings{"open"});
+    EXPECT_FALSE(ev_is_active(&link_io));
+    EXPECT_EQ(link_io.fd, -1);
+    advance(5);
+    EXPECT_EQ(news(), strings{}) << "no reopen, nothing outstanding";
+}
+
+TEST_F(KvTest, ChangesAreSentAtOnceAndOnlyChanges) {
+    start();
+    kvmem_set("status", "0");
+    EXPECT_EQ(news(), strings{"set 1 mem:status=0"});
+    kvmem_set("status", "0");
+    EXPECT_EQ(news(), strings{});
+    EXPECT_EQ(live_copies.size(), 1U) << "the copy that changed nothing is freed";
+    kvmem_set("status", "1");
+    EXPECT_EQ(news(), strings{"set 1 mem:status=1"});
+    EXPECT_EQ(live_copies.size(), 1U) << "the old value is freed";
+    EXPECT_STREQ(kv_get_str("status"), "1");
+    EXPECT_EQ(kv_get_str("other"), nullptr);
+    expect_no_log();
+}
+
+TEST_F(KvTest, ValueIsCutToItsLength) {
+    start();
+    kv_set_str("mem", "k", "abcdef", 3);
+    kv_set_str("mem", "k", "abc", 10);
+    EXPECT_EQ(news(), strings{"set 1 mem:k=abc"});
+    kv_set_str("mem", "k", "abc", 0);
+    EXPECT_EQ(news(), strings{"set 1 mem:k="});
+}
+
+TEST_F(KvTest, NamesAreCutToFit) {
+    start();
+    kv_set_str("sevench", "a", "1", 1);
+    kv_set_str("eightcha", "b", "1", 1);
+    EXPECT_EQ(news(), (strings{"set 1 sevench:a=1", "set 1 eightch:b=1"}));
+
+    const std::string fits(31, 'x');
+    kvmem_set(fits.c_str(), "1");
+    kvmem_set(fits.c_str(), "1");
+    EXPECT_EQ(news(), strings{"set 1 mem:" + fits + "=1"});
+}
+
+TEST_F(KvTest, EachSetOfALongKeyAddsAnEntry) {
+    start();
+    const std::string cut(31, 'y');
+    const std::string longer = cut + "z";
+    kvmem_set(longer.c_str(), "1");
+    kvmem_set(longer.c_str(), "1");
+    EXPECT_EQ(news(), (strings{"set 1 mem:" + cut + "=1", "set 1 mem:" + cut + "=1"}));
+    EXPECT_EQ(kv_get_str(longer.c_str()), nullptr);
+    EXPECT_NE(kv_get_str(cut.c_str()), nullptr);
+}
+
+TEST_F(KvTest, OneKeyIsOneEntryInWhateverNamespace) {
+    start();
+    kv_set_str("one", "k", "1", 1);
+    kv_set_str("two", "k", "1", 1);
+    kv_set_str("two", "k", "2", 1);
+    EXPECT_EQ(news(), (strings{"set 1 one:k=1", "set 1 one:k=2"}));
+}
+
+TEST_F(KvTest, WhatIsSetWhileAwayGoesOutInOrder) {
+    start_without_service();
+    kvmem_set("b", "1");
+    kvmem_set("a", "1");
+    kvmem_set("c", "1");
+    kvmem_set("b", "2");
+    EXPECT_EQ(news(), (strings{"set null mem:b=1", "set null mem:b=1", "set null mem:b=1", "set null mem:b=2"}));
+    service_up = true;
+    advance(1.1);
+    EXPECT_EQ(news(), (strings{"open", "set 1 mem:b=2", "set 1 mem:a=1", "set 1 mem:c=1"}));
+    advance(1.1);
+    EXPECT_EQ(news(), strings{"timeout 1"});
+    expect_no_log();
+}
+
+TEST_F(KvTest, RefusedSetEndsThePushAndReopens) {
+    start();
+    sets_accepted = 0;
+    kvmem_set("a", "1");
+    kvmem_set("b", "1");
+    EXPECT_EQ(news(), (strings{"set 1 mem:a=1", "set 1 mem:a=1"}));
+    sets_accepted = 1;
+    advance(1.1);
+    EXPECT_EQ(news(), (strings{"close 1", "open", "set 2 mem:a=1", "set 2 mem:b=1", "close 2"}));
+    kvmem_set("b", "2");
+    EXPECT_EQ(news(), strings{"set 2 mem:b=2"}) << "the closed handle is still tried";
+    sets_accepted = 1;
+    advance(1.1);
+    EXPECT_EQ(news(), (strings{"close 2", "open", "set 3 mem:b=2"})) << "closed twice; what was taken is not repeated";
+    advance(3);
+    EXPECT_EQ(news(), strings{"timeout 3"}) << "the reopen timer is stopped";
+}
+
+TEST_F(KvTest, FailedSetWaitsForTheNextChangeOfAnyKey) {
+    start();
+    connection_whole = false;
+    kvmem_set("a", "1");
+    end_set(false);
+    called.clear();
+    ev_invoke(ev_default_loop(0), &link_io, EV_READ);
+    EXPECT_EQ(news(), (strings{"handle 1", "close 1", "open"})) << "not with a reopen alone";
+    kvmem_set("a", "1");
+    EXPECT_EQ(news(), strings{}) << "not with the value it has";
+    kvmem_set("b", "1");
+    EXPECT_EQ(news(), (strings{"set 2 mem:a=1", "set 2 mem:b=1"}));
+}
+
+TEST_F(KvTest, CommitOnRequest) {
+    start();
+    sets_accepted = 0;
+    kvmem_set("a", "1");
+    sets_accepted = 1;
+    called.clear();
+    kv_request_commit();
+    EXPECT_EQ(news(), strings{}) << "on the loop";
+    turn();
+    EXPECT_EQ(news(), strings{"set 1 mem:a=1"});
+    kv_request_commit();
+    turn();
+    EXPECT_EQ(news(), strings{}) << "nothing is dirty";
+}
+
+// --- memory --------------------------------------------------------------------------------------------------------
+
+TEST_F(KvTest, ValueThatCannotBeCopied) {
+    start();
+    kvmem_set("k", "1");
+    called.clear();
+    fails_at["strndup"] = 1;
+    kvmem_set("k", "2");
+    EXPECT_EQ(logged::lines(), strings{"err [config] Fail to dup value for k: " + std::string(strerror(ENOMEM))});
+    EXPECT_STREQ(kv_get_str("k"), "1");
+    EXPECT_EQ(news(), strings{});
+}
+
+TEST_F(KvTest, EntryThatCannotBeMade) {
+    start();
+    fails_at["calloc"] = 1;
+    kvmem_set("k", "v");
+    EXPECT_EQ(logged::lines(), strings{"err [config] can not create new key \"k\" with value \"v\"."});
+    EXPECT_EQ(kv_get_str("k"), nullptr);
+    EXPECT_EQ(live_copies.size(), 0U);
+    EXPECT_EQ(news(), strings{});
+}
+
+TEST_F(KvTest, TableThatCannotBeMadeOrGrowEndsTheProcess) {
+    for (const bool growing : {false, true}) {
+        const auto outcome = child::run([growing] {
+            kv_init();
+            if (growing) {
+                kvmem_set("first", "1");
+            }
+            fails_at["malloc"] = 1;
+            fails_at["calloc"] = 1 << 20;
+            for (int i = 0; i < 2000; ++i) {
+                kvmem_set(std::to_string(i).c_str(), "1");
+            }
+            _exit(1);
+        });
+        EXPECT_TRUE(outcome.exited_with(255)) << outcome.status << outcome.error;
+    }
+    kv_init();
+}
+
+TEST_F(KvTest, RegistrationThatCannotBeMadeLeavesNothing) {
+    start();
+    static const struct {
+        const char* call;
+        int nth;
+    } rows[] = {{"calloc", 1}, {"strdup", 1}, {"strdup", 2}, {"strdup", 3}};
+    for (const auto& row : rows) {
+        fails_at[row.call] = row.nth;
+        errno = 0;
+        EXPECT_EQ(kv_register("mem", "default", "k", on_told, context_a), -1) << row.call << row.nth;
+        EXPECT_EQ(errno, ENOMEM);
+        EXPECT_TRUE(fails_at.empty());
+        EXPECT_EQ(live_copies.size(), 0U);
+        turn();
+        EXPECT_EQ(news(), strings{});
+    }
+    expect_no_log();
+}
+
+// --- subscribing ---------------------------------------------------------------------------------------------------
+
+TEST_F(KvTest, RegistrationsAreSubscribedOnTheNextIteration) {
+    start();
+    EXPECT_EQ(kv_register("mem", "default", "a", on_told, context_a), 0);
+    EXPECT_EQ(kv_register("ns", "group", "b", on_told, context_b), 0);
+    EXPECT_EQ(news(), strings{});
+    turn();
+    EXPECT_EQ(news(), (strings{"register 1 mem:default:a", "register 1 ns:group:b"}));
+    kv_register("mem", "default", "c", on_told, context_a);
+    turn();
+    EXPECT_EQ(news(), strings{"register 1 mem:default:c"});
+    EXPECT_EQ(told, strings{});
+}
+
+TEST_F(KvTest, RegistrationBeforeTheLinkIsSubscribedAtTheOpen) {
+    start_without_service();
+    kv_register("mem", "default", "a", on_told, context_a);
+    kvmem_set("k", "1");
+    called.clear();
+    turn();
+    EXPECT_EQ(news(), strings{});
+    service_up = true;
+    advance(1.1);
+    EXPECT_EQ(news(), (strings{"open", "set 1 mem:k=1", "register 1 mem:default:a"})) << "pushes first";
+    turn();
+    EXPECT_EQ(news(), strings{}) << "the send while it was closed is dropped";
+}
+
+TEST_F(KvTest, RefusedRegistrationEndsThePassAndReopens) {
+    start();
+    kvmem_set("k", "1");
+    kv_register("mem", "default", "a", on_told, context_a);
+    kv_register("mem", "default", "b", on_told, context_b);
+    kv_register("mem", "default", "c", on_told, context_b);
+    registrations_accepted = 1;
+    called.clear();
+    turn();
+    EXPECT_EQ(news(), (strings{"register 1 mem:default:a", "register 1 mem:default:b"}));
+    registrations_accepted = 3;
+    advance(1.1);
+    EXPECT_EQ(news(), (strings{"close 1", "open", "register 2 mem:default:a", "register 2 mem:default:b",
+                               "register 2 mem:default:c"}))
+        << "and no time-out check: nothing was outstanding";
+}
+
+TEST_F(KvTest, OpenByTheTimerStopsItEvenIfARegistrationIsRefused) {
+    start_without_service();
+    kv_register("mem", "default", "a", on_told, context_a);
+    service_up = true;
+    registrations_accepted = 0;
+    advance(1.1);
+    EXPECT_EQ(news(), (strings{"open", "register 1 mem:default:a"}));
+    advance(5);
+    EXPECT_EQ(news(), strings{});
+}
+
+TEST_F(KvTest, FailedRegistrationReopensAtOnce) {
+    start();
+    kv_register("mem", "default", "a", on_told, context_a);
+    kv_register("mem", "default", "b", on_told, context_b);
+    turn();
+    called.clear();
+    const request one = subscriptions.at("a");
+    karvel_response response;
+    one.fail(&response, one.context);
+    EXPECT_EQ(logged::lines(), strings{"warning Fail to register notification in karvel. Reopen.."});
+    EXPECT_EQ(news(), (strings{"close 1", "open", "register 2 mem:default:a", "register 2 mem:default:b"}));
+    advance(1.1);
+    EXPECT_EQ(news(), strings{"timeout 2"}) << "no reopen was armed";
+}
+
+// --- notifications -------------------------------------------------------------------------------------------------
+
+TEST_F(KvTest, EveryNotificationIsDelivered) {
+    start();
+    kv_register("mem", "default", "a", on_told, context_a);
+    kv_register("mem", "default", "b", on_told, context_b);
+    turn();
+    karvel_response empty;
+    empty.key = "b";
+    notify("b", empty);
+    notify("b", value_of("b", "start"));
+    notify("b", value_of("b", "start"));
+    EXPECT_EQ(told, (strings{"B null 0", "B start", "B start"}));
+    expect_no_log();
+}
+
+TEST_F(KvTest, NotificationsLeaveTheStoredValueAlone) {
+    start();
+    kv_register("mem", "default", "k", on_told, context_a);
+    turn();
+    kvmem_set("k", "end1");
+    called.clear();
+    notify("k", value_of("k", "start"));
+    EXPECT_STREQ(kv_get_str("k"), "end1");
+    kvmem_set("k", "end1");
+    EXPECT_EQ(news(), strings{}) << "the same answer again is taken for unchanged";
+    kvmem_set("k", "end2");
+    EXPECT_EQ(news(), strings{"set 1 mem:k=end2"});
+}
+
+TEST_F(KvTest, NotificationWithAnErrorSubscribesAgain) {
+    start();
+    kv_register("mem", "default", "a", on_told, context_a);
+    turn();
+    called.clear();
+    karvel_response bad;
+    bad.error = EIO;
+    notify("a", bad);
+    EXPECT_EQ(news(), strings{});
+    turn();
+    EXPECT_EQ(news(), strings{"register 1 mem:default:a"});
+    EXPECT_EQ(told, strings{});
+    notify("a", value_of("a", "1"));
+    advance(1.1);
+    EXPECT_EQ(news(), strings{"timeout 1"}) << "counted twice, answered once";
+    expect_no_log();
+}
+
+TEST_F(KvTest, MisdirectedNotificationsGoToTheFirstThatSharesAName) {
+    static const struct {
+        const char* name_space;
+        const char* group;
+        const char* key;
+        strings told;
+    } rows[] = {
+        {"ns1", "x", "x", {"A v"}},  {"x", "g1", "x", {"A v"}},   {"x", "x", "k1", {"A v"}},
+        {"ns1", "g1", "x", {"A v"}}, {"x", "x", "k2", {"B v"}},   {"x", "g2", "k1", {"A v"}},
+        {"ns2", "x", "k2", {"B v"}}, {"ns2", "g2", "x", {"B v"}}, {"ns2", "x", "x", {"B v"}},
+        {"x", "x", "x", {}},
+    };
+    start();
+    kv_register("ns1", "g1", "k1", on_told, context_a);
+    kv_register("ns2", "g2", "k2", on_told, context_b);
+    turn();
+    for (const auto& row : rows) {
+        const std::string names = std::string(row.name_space) + ":" + row.group + ":" + row.key;
+        SCOPED_TRACE(names);
+        logged::reset();
+        told.clear();
+        karvel_response response = value_of(row.key, "v");
+        response.name_space = row.name_space;
+        response.group = row.group;
+        notify("k2", response);
+        EXPECT_EQ(told, row.told);
+        strings lines = {"warning The notification dispatched with wrong key."};
+        if (row.told.empty()) {
+            lines.push_back("warning Incorrect notification. " + names);
+        }
+        EXPECT_EQ(logged::lines(), lines);
+        EXPECT_EQ(live_pairs, 0);
+    }
+}
+
+TEST_F(KvTest, EachNameMakesANotificationMisdirected) {
+    start();
+    kv_register("mem", "default", "a", on_told, context_a);
+    kv_register("mem", "default", "b", on_told, context_b);
+    turn();
+    notify("b", value_of("other", "v"));
+    EXPECT_EQ(told, strings{"A v"}) << "the first of the namespace";
+    karvel_response response = value_of("b", "v");
+    response.group = "other";
+    notify("b", response);
+    response.group = "default";
+    response.name_space = "other";
+    notify("b", response);
+    EXPECT_EQ(told, (strings{"A v", "A v", "A v"}));
+    EXPECT_EQ(logged::count("warning The notification dispatched with wrong key."), 3);
+}
+
+// --- what is outstanding -------------------------------------------------------------------------------------------
+
+TEST_F(KvTest, TimeOutsAreCheckedWhileAnythingIsOutstanding) {
+    start();
+    kvmem_set("a", "1");
+    kvmem_set("b", "1");
+    called.clear();
+    advance(0.9);
+    EXPECT_EQ(news(), strings{});
+    advance(0.2);
+    EXPECT_EQ(news(), strings{"timeout 1"});
+    end_set(true);
+    advance(1);
+    EXPECT_EQ(news(), strings{"timeout 1"});
+    end_set(false);
+    advance(3);
+    EXPECT_EQ(news(), strings{});
+    expect_no_log();
+}
+
+TEST_F(KvTest, FirstNotificationAnswersTheSubscriptionOnce) {
+    start();
+    kv_register("mem", "default", "a", on_told, context_a);
+    turn();
+    advance(1.1);
+    EXPECT_EQ(news(), (strings{"register 1 mem:default:a", "timeout 1"}));
+    notify("a", value_of("a", "1"));
+    advance(2);
+    EXPECT_EQ(news(), strings{});
+    kvmem_set("k", "1");
+    notify("a", value_of("a", "1"));
+    called.clear();
+    advance(1.1);
+    EXPECT_EQ(news(), strings{"timeout 1"}) << "the set is outstanding still";
+}
+
+TEST_F(KvTest, OneAnswerTooManyIsReported) {
+    start();
+    kvmem_set("a", "1");
+    sets.push_back(sets.front());
+    end_set(true);
+    expect_no_log();
+    end_set(true);
+    EXPECT_EQ(logged::lines(), strings{"err pengding_count underflow!"});
+    kvmem_set("a", "2");
+    called.clear();
+    advance(1.1);
+    EXPECT_EQ(news(), strings{"timeout 1"}) << "the count did not wrap";
+}
+
+TEST_F(KvTest, ClosingForgetsWhatIsOutstanding) {
+    start();
+    kvmem_set("a", "1");
+    called.clear();
+    connection_whole = false;
+    ev_invoke(ev_default_loop(0), &link_io, EV_READ);
+    EXPECT_EQ(news(), (strings{"handle 1", "close 1", "open"}));
+    advance(2);
+    EXPECT_EQ(news(), strings{});
+}
+
+// --- reopening -----------------------------------------------------------------------------------------------------
+
+TEST_F(KvTest, AbsentServiceIsTriedEverySecondSilently) {
+    service_up = false;
+    kv_init();
+    EXPECT_EQ(news(), strings{"open"});
+    advance(0.9);
+    EXPECT_EQ(news(), strings{});
+    advance(0.2);
+    EXPECT_EQ(news(), strings{"open"});
+    for (int second = 0; second < 5; ++second) {
+        advance(1.01);
+        EXPECT_EQ(news(), strings{"open"});
+    }
+    expect_no_log();
+}
+
+TEST_F(KvTest, ArmingAgainPushesTheAttemptBack) {
+    start_without_service();
+    advance(0.6);
+    kvmem_set("a", "1");
+    called.clear();
+    advance(0.6);
+    EXPECT_EQ(news(), strings{});
+    advance(0.5);
+    EXPECT_EQ(news(), strings{"open"});
+}
+
+TEST_F(KvTest, OnlyTheTimersOwnCallbackStopsIt) {
+    start();
+    sets_accepted = 0;
+    kvmem_set("a", "1");
+    sets_accepted = 10;
+    connection_whole = false;
+    ev_invoke(ev_default_loop(0), &link_io, EV_READ);
+    called.clear();
+    end_set(true);
+    advance(1.1);
+    EXPECT_EQ(news(), (strings{"close 2", "open"})) << "the working link, once more";
+    advance(5);
+    EXPECT_EQ(news(), strings{});
+}
+
+TEST_F(KvTest, ResponsesOfAWatchedDescriptor) {
+    start();
+    ev_invoke(ev_default_loop(0), &link_io, EV_READ);
+    EXPECT_EQ(news(), strings{"handle 1"}) << "whole";
+    service_up = false;
+    connection_whole = false;
+    ev_invoke(ev_default_loop(0), &link_io, EV_READ);
+    EXPECT_EQ(news(), (strings{"handle 1", "close 1", "open"}));
+    ev_invoke(ev_default_loop(0), &link_io, EV_READ);
+    EXPECT_EQ(news(), strings{}) << "no handle";
+}
+
+// --- leaving -------------------------------------------------------------------------------------------------------
+
+TEST_F(KvTest, ExitPushesClosesAndForgets) {
+    start();
+    kv_register("mem", "default", "a", on_told, context_a);
+    kv_register("mem", "default", "b", on_told, context_a);
+    turn();
+    sets_accepted = 0;
+    kvmem_set("k", "1");
+    kvmem_set("l", "1");
+    sets_accepted = 10;
+    called.clear();
+    kv_exit();
+    EXPECT_EQ(news(), (strings{"set 1 mem:k=1", "set 1 mem:l=1", "close 1"}));
+    EXPECT_EQ(kv_get_str("k"), nullptr);
+    EXPECT_EQ(live_copies.size(), 2U + 2U * 3U) << "the strings are left to the end of the process";
+    kv_request_commit();
+    advance(5);
+    EXPECT_EQ(news(), strings{}) << "every watcher is stopped";
+    expect_no_log();
+}
+
+TEST_F(KvTest, ExitSaysThatChangesAreLost) {
+    start_without_service();
+    kvmem_set("k", "1");
+    called.clear();
+    kv_exit();
+    EXPECT_EQ(logged::lines(), strings{"warning [config] Fail to commit changes on exit."});
+    EXPECT_EQ(news(), strings{"set null mem:k=1"});
+    advance(5);
+    EXPECT_EQ(news(), strings{}) << "the reopen timer is stopped too";
+}
+
+// --- fetching ------------------------------------------------------------------------------------------------------
+
+TEST_F(KvTest, FetchWaitsForTheAnswer) {
+    start();
+    answer = value_of("k", "fetched");
+    kvmem_sync("k");
+    EXPECT_EQ(news(), strings{"get 1 mem:k"}) << "and is not pushed";
+    EXPECT_STREQ(kv_get_str("k"), "fetched");
+    EXPECT_EQ(live_copies.size(), 1U);
+    expect_no_log();
+}
+
+TEST_F(KvTest, FetchOfACleanKeyDoesNotWait) {
+    start();
+    kvmem_set("k", "old");
+    answer = value_of("k", "new");
+    kvmem_sync("k");
+    EXPECT_STREQ(kv_get_str("k"), "old");
+    turn();
+    EXPECT_STREQ(kv_get_str("k"), "new");
+    EXPECT_EQ(live_copies.size(), 1U);
+}
+
+TEST_F(KvTest, FetchOfADirtyKeyWaits) {
+    start();
+    kvmem_set("k", "old");
+    end_set(false);
+    answer = value_of("k", "new");
+    kvmem_sync("k");
+    EXPECT_STREQ(kv_get_str("k"), "new");
+}
+
+TEST_F(KvTest, FetchOfNothing) {
+    start();
+    kvmem_sync("k");
+    EXPECT_EQ(logged::lines(), strings{"err on_kvmem_sync: fail to get response from karveld"});
+    EXPECT_EQ(kv_get_str("k"), nullptr);
+    kvmem_set("k", "1");
+    EXPECT_EQ(news(), (strings{"get 1 mem:k", "set 1 mem:k=1"}));
+    kvmem_sync("k");
+    turn();
+    EXPECT_EQ(kv_get_str("k"), nullptr) << "the value goes";
+    EXPECT_EQ(live_copies.size(), 0U);
+}
+
+TEST_F(KvTest, OtherSetsRunWhileAFetchWaits) {
+    start();
+    before_answer = [] { kvmem_set("other", "1"); };
+    answer = value_of("k", "fetched");
+    kvmem_sync("k");
+    EXPECT_EQ(news(), (strings{"get 1 mem:k", "set 1 mem:k=(null)", "set 1 mem:other=1"}));
+    EXPECT_STREQ(kv_get_str("k"), "fetched");
+}
+
+TEST_F(KvTest, FetchThatCannotStartAborts) {
+    auto outcome = child::run([] {
+        start();
+        reads_accepted = false;
+        kvmem_sync("k");
+    });
+    EXPECT_TRUE(outcome.killed_by(SIGABRT)) << outcome.status;
+    const std::string message = "libkarvel_get_value: " + std::string(strerror(ENOTCONN)) + "\n";
+    EXPECT_EQ(outcome.error.substr(0, message.size()), message);
+
+    outcome = child::run([] {
+        start();
+        fails_at["calloc"] = 1;
+        kvmem_sync("k");
+    });
+    EXPECT_TRUE(outcome.killed_by(SIGABRT)) << outcome.status;
+
+    outcome = child::run([] {
+        start();
+        fails_at["malloc"] = 1;
+        kvmem_sync("k");
+    });
+    EXPECT_TRUE(outcome.exited_with(255)) << outcome.status;
+    kv_init();
+}
+
+}  // namespace
