@@ -83,8 +83,9 @@ def filesystem_offset(card: Path) -> int:
 
 
 def add_clips(card: Path, count: int = 100, start: int = DEFAULT_START, interval: int = 60, video_bytes: int = 16 * KIB,
-              image_bytes: int = 4 * KIB) -> None:
-    """Adds `count` clips, a video and its picture each, to a card without recordings.
+              image_bytes: int = 4 * KIB, filler: int = 0) -> None:
+    """Adds `count` clips, a video and its picture each, to a card without recordings, and a file of `filler` bytes that
+    is no clip.
 
     The files have their size but no content: their clusters are chained, yet nothing is written there, so that even a
     full card is made in a moment and takes no room on the host.
@@ -93,6 +94,8 @@ def add_clips(card: Path, count: int = 100, start: int = DEFAULT_START, interval
     for ts in range(start, start + count * interval, interval):
         _, period, clip = clip_path(ts).split("/")
         periods.setdefault(period, []).extend([(f"{clip}.mp4", video_bytes, ts), (f"{clip}.jpeg", image_bytes, ts)])
+    if filler:
+        periods["filler"] = [("filler.bin", filler, start)]
     with card.open("r+b") as file:
         Fat(file, filesystem_offset(card)).add_tree(RECORD_DIR, periods)
 
