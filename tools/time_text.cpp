@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string_view>
 #include <system_error>
@@ -121,5 +122,24 @@ bool size_from_text(const char* text, uint32_t* bytes) {
         return false;
     }
     *bytes = static_cast<uint32_t>(value * factor);
+    return true;
+}
+
+bool number_from_text(const char* text, uint32_t low, uint32_t high, uint32_t* value) {
+    uint64_t parsed = 0;
+    if (!number(text, &parsed) || parsed < low || parsed > high) {
+        return false;
+    }
+    *value = static_cast<uint32_t>(parsed);
+    return true;
+}
+
+bool seconds_from_text(const char* text, double low, double* seconds) {
+    char* end = nullptr;
+    const double parsed = strtod(text, &end);
+    if (end == text || *end != '\0' || !(parsed >= low && parsed <= DAY_S)) {  // the negation keeps "nan" out
+        return false;
+    }
+    *seconds = parsed;
     return true;
 }

@@ -1,4 +1,4 @@
-// Times and sizes as people write them. Pure.
+// Times, sizes and numbers as people write them. Pure.
 #pragma once
 
 #include <cstddef>
@@ -18,3 +18,9 @@ void size_to_text(uint64_t bytes, char (&text)[SIZE_TEXT]);
 
 // Reads a number of bytes, with "k", "M" or "G" behind it for binary multiples. False: not that, or above 4 GiB - 1.
 bool size_from_text(const char* text, uint32_t* bytes);
+
+// Reads a decimal number from low to high. False: not that.
+bool number_from_text(const char* text, uint32_t low, uint32_t high, uint32_t* value);
+
+// Reads seconds, with a fraction or without, from low to 86400. False: not that.
+bool seconds_from_text(const char* text, double low, double* seconds);

@@ -23,7 +23,7 @@ namespace {
 constexpr int EXIT_USAGE = 2;
 constexpr int EXIT_NO_SERVICE = 3;
 constexpr int EXIT_NO_CARD = 4;
-constexpr int SERVICE_PATIENCE_S = 10;  // how long an announcement is tried before it is given up
+constexpr double SERVICE_PATIENCE_S = 10;  // how long an announcement is tried before it is given up
 constexpr unsigned SHUFFLE_MAX = 4096;
 constexpr char FOLDER[] = "/mnt/sdcard/ZOLTA_RECORD_VIDEO";
 constexpr size_t PATH_SIZE = 4096;
@@ -52,7 +52,7 @@ void usage(FILE* out) {
             "usage: vesk_recorder [options]\n"
             "Writes clips to the card as the camera's recorder does, and announces each one.\n"
             "  --count N          stop after N clips (default: go on until killed)\n"
-            "  --size SIZE        bytes of each .mp4, with k, M or G (default: %u bytes, unpadded)\n"
+            "  --size SIZE        bytes of each .mp4, at least %u, with k, M or G (default: unpadded)\n"
             "  --start TIME       first clip's time, 2026-11-21T08:00:00Z or seconds since 1970 (default: now)\n"
             "  --seconds N        length of a clip, 1 to 255 (default: 10); the next one starts so much later\n"
             "  --interval S       seconds to wait between two clips (default: a clip's length; 0: none)\n"
@@ -65,7 +65,7 @@ void usage(FILE* out) {
             "  --version, --help\n"
             "exit codes: 0 done, 1 a clip could not be written, 2 usage, 3 an announcement was not taken,\n"
             "            4 no recordings folder (no card)\n",
-            clip_min_bytes() - 8, FOLDER, bus_address());
+            clip_min_bytes(), FOLDER, bus_address());
 }
 
 void on_taken(karvel_response*, void*) {
@@ -91,12 +91,20 @@ void wait_s(double seconds) {
     ev_timer_stop(EV_DEFAULT, &timer);
 }
 
+double monotonic_s() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
 // Announces one clip and waits until the service has taken it; opens the link anew when it is lost.
 bool announce(uint32_t ts) {
     char text[64];
     snprintf(text, sizeof text, chosen.persistent ? "%u,%u,1" : "%u,%u", ts, chosen.seconds);
-    for (int attempt = 0; attempt < SERVICE_PATIENCE_S; ++attempt) {
+    const double deadline = monotonic_s() + SERVICE_PATIENCE_S;
+    while (monotonic_s() < deadline) {
         last_answer = answer::NONE;
+        // Short of a third of the patience: a service that has died and come back is asked again in time.
         if (libkarvel_set_value(service, "mem", nullptr, "sdcard_kyt", 0, text, on_taken, on_refused, 3, nullptr)) {
             ev_timer tick;
             ev_timer_init(&tick, on_wake, 1.0, 1.0);
@@ -130,12 +138,17 @@ int write_clip(uint32_t ts) {
         fprintf(stderr, "vesk_recorder: no path for %u: %s\n", ts, strerror(errno));
         return EXIT_FAILURE;
     }
-    snprintf(path, sizeof path, "%s%s", chosen.folder, standard + sizeof FOLDER - 1);
+    if (static_cast<size_t>(snprintf(path, sizeof path, "%s%s", chosen.folder, standard + sizeof FOLDER - 1)) >=
+        sizeof path) {
+        fprintf(stderr, "vesk_recorder: %s: %s\n", chosen.folder, strerror(ENAMETOOLONG));
+        return EXIT_FAILURE;
+    }
     char* const last = strrchr(path, '/');
     *last = '\0';
     if (mkdir(path, 0755) != 0 && errno != EEXIST) {
-        fprintf(stderr, "vesk_recorder: %s: %s\n", path, strerror(errno));
-        return errno == ENOENT ? EXIT_NO_CARD : EXIT_FAILURE;
+        const int error = errno;
+        fprintf(stderr, "vesk_recorder: %s: %s\n", path, strerror(error));
+        return error == ENOENT ? EXIT_NO_CARD : EXIT_FAILURE;
     }
     *last = '/';
     if (clip_write(path, chosen.size) != 0) {
@@ -143,22 +156,6 @@ int write_clip(uint32_t ts) {
         return EXIT_FAILURE;
     }
     return 0;
-}
-
-bool number_option(const char* text, unsigned low, unsigned high, uint32_t* value) {
-    char* end = nullptr;
-    const unsigned long parsed = strtoul(text, &end, 10);
-    if (*text < '0' || *text > '9' || *end != '\0' || parsed < low || parsed > high) {
-        return false;
-    }
-    *value = static_cast<uint32_t>(parsed);
-    return true;
-}
-
-bool interval_option(const char* text) {
-    char* end = nullptr;
-    chosen.interval_s = strtod(text, &end);
-    return end != text && *end == '\0' && chosen.interval_s >= 0 && chosen.interval_s <= 86400;
 }
 
 // 0: go on. Above 0: the process ends with this code - 1.
@@ -176,7 +173,7 @@ int read_options(int argc, char** argv) {
         bool fits = true;
         switch (letter) {
             case 'n':
-                fits = number_option(optarg, 1, UINT32_MAX, &chosen.count);
+                fits = number_from_text(optarg, 1, UINT32_MAX, &chosen.count);
                 break;
             case 's':
                 fits = size_from_text(optarg, &chosen.size) && chosen.size >= clip_min_bytes();
@@ -185,16 +182,16 @@ int read_options(int argc, char** argv) {
                 fits = time_from_text(optarg, &chosen.start);
                 break;
             case 'l':
-                fits = number_option(optarg, 1, 255, &chosen.seconds);
+                fits = number_from_text(optarg, 1, 255, &chosen.seconds);
                 break;
             case 'i':
-                fits = interval_option(optarg);
+                fits = seconds_from_text(optarg, 0, &chosen.interval_s);
                 break;
             case 'p':
                 chosen.persistent = true;
                 break;
             case 'x':
-                fits = number_option(optarg, 1, SHUFFLE_MAX, &chosen.shuffle);
+                fits = number_from_text(optarg, 1, SHUFFLE_MAX, &chosen.shuffle);
                 break;
             case 'a':
                 chosen.announce = false;
@@ -262,12 +259,12 @@ int main(int argc, char** argv) {
     static uint32_t held[SHUFFLE_MAX];
     uint32_t held_count = 0;
     int result = 0;
-    for (uint32_t made = 0; chosen.count == 0 || made < chosen.count; ++made, ts += chosen.seconds) {
+    for (uint32_t made = 0; chosen.count == 0 || made < chosen.count; ++made) {
         int failed = write_clip(ts);
         if (failed == 0 && chosen.announce) {
             held[held_count++] = ts;
         }
-        if (held_count == chosen.shuffle || (held_count > 0 && made + 1 == chosen.count)) {
+        if (held_count == chosen.shuffle) {
             if (!announce_all(held, held_count)) {
                 failed = EXIT_NO_SERVICE;
             }
@@ -279,9 +276,20 @@ int main(int argc, char** argv) {
                 break;
             }
         }
-        if (made + 1 != chosen.count) {
-            wait_s(interval_s);
+        if (made + 1 == chosen.count) {
+            break;
         }
+        if (ts > UINT32_MAX - chosen.seconds) {
+            fprintf(stderr, "vesk_recorder: no time is left after %u\n", ts);
+            result = EXIT_FAILURE;
+            break;
+        }
+        ts += chosen.seconds;
+        wait_s(interval_s);
+    }
+    // What was held back is on the card, however the run ended.
+    if (held_count > 0 && !announce_all(held, held_count) && result == 0) {
+        result = EXIT_NO_SERVICE;
     }
     libkarvel_close(service);
     return result;

@@ -2,7 +2,6 @@
 #include "tools/veskctl.h"
 
 #include <cerrno>
-#include <clocale>
 #include <cstdlib>
 #include <cstring>
 #include <getopt.h>
@@ -10,6 +9,7 @@
 #include <unistd.h>
 
 #include "bus/bus.h"
+#include "kyt_rdonly.h"
 
 namespace {
 
@@ -47,6 +47,25 @@ void usage(FILE* out) {
             bus_address());
 }
 
+// The length of the character that the bytes begin with, 1 to 4; 0: they are no UTF-8.
+size_t utf8_length(const char* text, size_t left) {
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text);
+    const unsigned lead = bytes[0];
+    const size_t length = lead < 0x80 ? 1 : lead < 0xc2 ? 0 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : lead < 0xf5 ? 4 : 0;
+    if (length > left) {
+        return 0;
+    }
+    for (size_t i = 1; i < length; ++i) {
+        if ((bytes[i] & 0xc0) != 0x80) {
+            return 0;
+        }
+    }
+    // Written longer than need be, half of a pair, or beyond the last character.
+    const bool wrong = (lead == 0xe0 && bytes[1] < 0xa0) || (lead == 0xed && bytes[1] >= 0xa0) ||
+                       (lead == 0xf0 && bytes[1] < 0x90) || (lead == 0xf4 && bytes[1] >= 0x90);
+    return wrong ? 0 : length;
+}
+
 }  // namespace
 
 const char* veskctl_state_name(long number) {
@@ -64,6 +83,71 @@ const char* veskctl_plain(const veskctl_options& options) {
 void veskctl_print_json(json_object* object) {
     puts(json_object_to_json_string_ext(object, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE));
     json_object_put(object);
+}
+
+bool veskctl_arguments(int argc, char** argv, int at_most) {
+    static const option none[] = {{}};
+    if (getopt_long(argc, argv, "", none, nullptr) != -1) {
+        return false;
+    }
+    if (argc - optind > at_most) {
+        fprintf(stderr, "veskctl: %s does not take \"%s\"\n", argv[0], argv[optind + at_most]);
+        return false;
+    }
+    return true;
+}
+
+int veskctl_no_service() {
+    fprintf(stderr, "veskctl: the configuration service does not answer at %s\n", bus_address());
+    return VESKCTL_NO_SERVICE;
+}
+
+kyt_handle* veskctl_open_list(const char* folder, int* code) {
+    kyt_handle* list = kyt_open_rdonly(folder);
+    if (list != nullptr) {
+        return list;
+    }
+    const int error = errno;
+    *code = error == ENOENT ? VESKCTL_NO_CARD : error == EBADMSG ? VESKCTL_BAD_LIST : VESKCTL_FAILED;
+    if (error != ENOENT) {
+        fprintf(stderr, "veskctl: %s: %s\n", folder,
+                error == EBADMSG ? "the clip index cannot be read" : strerror(error));
+    }
+    return nullptr;
+}
+
+json_object* veskctl_text_json(const char* bytes, size_t length) {
+    constexpr char REPLACEMENT[] = "\xef\xbf\xbd";
+    auto* text = static_cast<char*>(malloc(length * 3 + 1));
+    if (text == nullptr) {
+        return nullptr;
+    }
+    size_t written = 0;
+    for (size_t at = 0; at < length;) {
+        const size_t taken = utf8_length(bytes + at, length - at);
+        memcpy(text + written, taken > 0 ? bytes + at : REPLACEMENT, taken > 0 ? taken : 3);
+        written += taken > 0 ? taken : 3;
+        at += taken > 0 ? taken : 1;
+    }
+    json_object* object = json_object_new_string_len(text, static_cast<int>(written));
+    free(text);
+    return object;
+}
+
+void veskctl_print_text(const char* bytes, size_t length) {
+    for (size_t at = 0; at < length;) {
+        const size_t taken = utf8_length(bytes + at, length - at);
+        const auto lead = static_cast<unsigned char>(bytes[at]);
+        // Beside the control characters of ASCII, those of Latin 1 (c2 80 to c2 9f) move cursors too.
+        const bool control = lead < 0x20 || lead == 0x7f ||
+                             (taken == 2 && lead == 0xc2 && static_cast<unsigned char>(bytes[at + 1]) < 0xa0);
+        if (taken == 0 || control) {
+            putchar('?');
+        } else {
+            fwrite(bytes + at, 1, taken, stdout);
+        }
+        at += taken > 0 ? taken : 1;
+    }
 }
 
 int veskctl_finish(int code) {

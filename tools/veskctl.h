@@ -1,6 +1,7 @@
 // What veskctl's subcommands share.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 
@@ -21,6 +22,8 @@ struct veskctl_options {
 
 constexpr char VESKCTL_FOLDER[] = "/mnt/sdcard/ZOLTA_RECORD_VIDEO";
 
+constexpr double VESKCTL_PATIENCE_S = 5;  // how long the configuration service may take to answer
+
 // Each gets its own arguments, argv[0] being its name.
 int veskctl_status(const veskctl_options& options, int argc, char** argv);
 int veskctl_watch(const veskctl_options& options, int argc, char** argv);
@@ -32,6 +35,23 @@ const char* veskctl_state_name(long number);
 // A state's colour, or "" without colours; veskctl_plain ends it.
 const char* veskctl_state_colour(const veskctl_options& options, long number);
 const char* veskctl_plain(const veskctl_options& options);
+
+// Reads a subcommand's arguments where it has no options of its own and takes at most so many; they begin at optind.
+// False after a message.
+bool veskctl_arguments(int argc, char** argv, int at_most);
+
+// Says that the service does not answer. VESKCTL_NO_SERVICE.
+int veskctl_no_service();
+
+// Opens the list of a recordings folder for reading. Null: *code is the exit code, after a message unless there is just
+// no list (VESKCTL_NO_CARD).
+struct kyt_handle* veskctl_open_list(const char* folder, int* code);
+
+// Bytes from outside as text: what is not UTF-8 becomes U+FFFD. A string object, or null when out of memory.
+struct json_object* veskctl_text_json(const char* bytes, size_t length);
+
+// Prints bytes from outside so that a terminal obeys none of them.
+void veskctl_print_text(const char* bytes, size_t length);
 
 // Prints an object as one line of JSON and releases it.
 void veskctl_print_json(struct json_object* object);

@@ -1,6 +1,5 @@
 // veskctl clips [FOLDER]: the clip index, read without changing anything; works on a copied recordings folder too.
-#include <cerrno>
-#include <cstring>
+#include <getopt.h>
 #include <json-c/json.h>
 
 #include "kyt_rdonly.h"
@@ -47,19 +46,17 @@ void print_text(const kyt_record* record) {
 }  // namespace
 
 int veskctl_clips(const veskctl_options& options, int argc, char** argv) {
-    if (argc > 2) {
-        fprintf(stderr, "veskctl: clips takes one folder, not \"%s\" too\n", argv[2]);
+    if (!veskctl_arguments(argc, argv, 1)) {
         return VESKCTL_USAGE;
     }
-    const char* folder = argc == 2 ? argv[1] : VESKCTL_FOLDER;
-    kyt_handle* list = kyt_open_rdonly(folder);
+    const char* folder = optind < argc ? argv[optind] : VESKCTL_FOLDER;
+    int code = VESKCTL_DONE;
+    kyt_handle* list = veskctl_open_list(folder, &code);
     if (list == nullptr) {
-        const int error = errno;
-        fprintf(stderr, "veskctl: %s: %s\n", folder,
-                error == ENOENT    ? "no clip index there"
-                : error == EBADMSG ? "the clip index cannot be read"
-                                   : strerror(error));
-        return error == ENOENT ? VESKCTL_NO_CARD : error == EBADMSG ? VESKCTL_BAD_LIST : VESKCTL_FAILED;
+        if (code == VESKCTL_NO_CARD) {
+            fprintf(stderr, "veskctl: %s: no clip index there\n", folder);
+        }
+        return code;
     }
     // One array, but never all of it in memory: the index of a large card is larger than a camera likes.
     bool first = true;

@@ -17,7 +17,6 @@ namespace {
 constexpr char MOUNT_POINT[] = "/mnt/sdcard";
 constexpr char STATUS_TOPIC[] = "karvel/mem/default/sdcard_status";
 constexpr char ACCESS_TOPIC[] = "karvel/mem/default/sdcard_rw";
-constexpr double PATIENCE_S = 5;
 
 // What could be learnt; a false flag: nothing known.
 struct findings {
@@ -51,7 +50,7 @@ void on_message(bus_session*, const bus_message* message, void* context) {
     if (strcmp(message->topic, STATUS_TOPIC) == 0) {
         char* end = nullptr;
         const long number = strtol(text, &end, 10);
-        found->state = end != text && *end == '\0' ? number : -1;
+        found->state = end != text && *end == '\0' && veskctl_state_name(number) != nullptr ? number : -1;
     } else if (strcmp(message->topic, ACCESS_TOPIC) == 0) {
         memcpy(found->access, text, sizeof text);
     }
@@ -94,7 +93,8 @@ void read_keys(findings* found) {
         return;
     }
     ev_timer patience;
-    ev_timer_init(&patience, on_late, PATIENCE_S, 0);
+    ev_now_update(EV_DEFAULT);
+    ev_timer_init(&patience, on_late, VESKCTL_PATIENCE_S, 0);
     ev_timer_start(EV_DEFAULT, &patience);
     ev_run(EV_DEFAULT, 0);
     ev_timer_stop(EV_DEFAULT, &patience);
@@ -115,10 +115,15 @@ void measure_card(findings* found) {
     found->free = uint64_t{space.f_bavail} * space.f_frsize;
 }
 
-void read_index(findings* found) {
-    kyt_handle* list = found->card ? kyt_open_rdonly(VESKCTL_FOLDER) : nullptr;
+// VESKCTL_DONE also where there is no list: a card that is new has none.
+int read_index(findings* found) {
+    if (!found->card) {
+        return VESKCTL_DONE;
+    }
+    int code = VESKCTL_DONE;
+    kyt_handle* list = veskctl_open_list(VESKCTL_FOLDER, &code);
     if (list == nullptr) {
-        return;
+        return code == VESKCTL_NO_CARD ? VESKCTL_DONE : code;
     }
     found->index = true;
     found->clips = kyt_count(list);
@@ -129,6 +134,7 @@ void read_index(findings* found) {
         found->newest = record->ts;
     }
     kyt_close(list);
+    return VESKCTL_DONE;
 }
 
 json_object* time_json(uint32_t ts) {
@@ -147,7 +153,7 @@ void print_json(const findings& found) {
     json_object_object_add(object, "state", name != nullptr ? json_object_new_string(name) : nullptr);
     json_object_object_add(object, "state_number", number_json(found.state >= 0, static_cast<uint64_t>(found.state)));
     json_object_object_add(object, "writable",
-                           found.access[0] != '\0' ? json_object_new_string(found.access) : nullptr);
+                           found.access[0] != '\0' ? veskctl_text_json(found.access, strlen(found.access)) : nullptr);
     json_object_object_add(object, "total", number_json(found.card, found.total));
     json_object_object_add(object, "free", number_json(found.card, found.free));
     json_object_object_add(object, "used", number_json(found.card, found.total - found.free));
@@ -165,7 +171,10 @@ void print_text(const veskctl_options& options, const findings& found) {
     } else {
         puts("state     not known");
     }
-    printf("writable  %s\n", found.access[0] != '\0' ? found.access : "not known");
+    fputs("writable  ", stdout);
+    const char* access = found.access[0] != '\0' ? found.access : "not known";
+    veskctl_print_text(access, strlen(access));
+    putchar('\n');
     if (found.card) {
         char free_text[SIZE_TEXT];
         char used_text[SIZE_TEXT];
@@ -194,23 +203,18 @@ void print_text(const veskctl_options& options, const findings& found) {
 }  // namespace
 
 int veskctl_status(const veskctl_options& options, int argc, char** argv) {
-    if (argc > 1) {
-        fprintf(stderr, "veskctl: status takes no \"%s\"\n", argv[1]);
+    if (!veskctl_arguments(argc, argv, 0)) {
         return VESKCTL_USAGE;
     }
     findings found = {};
     found.state = -1;
     read_keys(&found);
     measure_card(&found);
-    read_index(&found);
+    const int code = read_index(&found);
     if (options.json) {
         print_json(found);
     } else {
         print_text(options, found);
     }
-    if (!found.service) {
-        fprintf(stderr, "veskctl: the configuration service does not answer at %s\n", bus_address());
-        return VESKCTL_NO_SERVICE;
-    }
-    return VESKCTL_DONE;
+    return found.service ? code : veskctl_no_service();
 }

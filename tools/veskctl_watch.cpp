@@ -1,6 +1,5 @@
 // veskctl watch: every key change and every report, as it happens, until interrupted.
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <ev.h>
@@ -19,8 +18,10 @@ constexpr const char* FILTERS[] = {"karvel/#", "vesk/+/report/#", "vesk/+/status
 
 struct watching {
     const veskctl_options* options;
-    unsigned long left;  // messages until the end; 0: no end
+    uint32_t count;  // messages until the end; 0: no end
+    uint32_t shown;  // so far, modulo 2^32 when there is no end
     bool connected;
+    bool timed_out;
 };
 
 // A payload that is JSON is shown as what it is, anything else as text.
@@ -29,6 +30,7 @@ json_object* payload_json(const char* text, size_t length) {
     if (tokener == nullptr) {
         return nullptr;
     }
+    json_tokener_set_flags(tokener, JSON_TOKENER_VALIDATE_UTF8);
     json_object* parsed = json_tokener_parse_ex(tokener, text, static_cast<int>(length));
     const bool whole = json_tokener_get_error(tokener) == json_tokener_success &&
                        json_tokener_get_parse_end(tokener) == length && json_object_is_type(parsed, json_type_object);
@@ -37,16 +39,15 @@ json_object* payload_json(const char* text, size_t length) {
         return parsed;
     }
     json_object_put(parsed);
-    return json_object_new_string_len(text, static_cast<int>(length));
+    return veskctl_text_json(text, length);
 }
 
 void print_text(const veskctl_options& options, const char* now, const bus_message* message) {
     const bool key = strncmp(message->topic, KEY_PREFIX, sizeof KEY_PREFIX - 1) == 0;
     printf("%s %s = ", now, key ? message->topic + sizeof KEY_PREFIX - 1 : message->topic);
-    const auto* bytes = static_cast<const unsigned char*>(message->payload);
-    for (size_t i = 0; bytes != nullptr && i < message->length; ++i) {
-        // A value may hold anything; a terminal must not obey it.
-        putchar(bytes[i] < 0x20 || bytes[i] == 0x7f ? '?' : bytes[i]);
+    const auto* bytes = static_cast<const char*>(message->payload);
+    if (bytes != nullptr) {
+        veskctl_print_text(bytes, message->length);
     }
     if (bytes != nullptr && strcmp(message->topic, STATUS_KEY) == 0 && message->length == 1) {
         const long number = bytes[0] - '0';
@@ -80,7 +81,7 @@ void on_message(bus_session*, const bus_message* message, void* context) {
         print_text(*watch->options, now, message);
     }
     fflush(stdout);
-    if (ferror(stdout) != 0 || (watch->left > 0 && --watch->left == 0)) {
+    if (ferror(stdout) != 0 || ++watch->shown == watch->count) {
         ev_break(EV_DEFAULT, EVBREAK_ALL);
     }
 }
@@ -97,7 +98,14 @@ void on_lost(bus_session*, int error, void*) {
     fprintf(stderr, "veskctl: the configuration service went away (%s); waiting for it\n", strerror(error));
 }
 
-void on_end(struct ev_loop* loop, ev_timer*, int) {
+void on_late(struct ev_loop* loop, ev_timer* timer, int) {
+    if (!static_cast<watching*>(timer->data)->connected) {
+        ev_break(loop, EVBREAK_ALL);
+    }
+}
+
+void on_end(struct ev_loop* loop, ev_timer* timer, int) {
+    static_cast<watching*>(timer->data)->timed_out = true;
     ev_break(loop, EVBREAK_ALL);
 }
 void on_interrupt(struct ev_loop* loop, ev_signal*, int) {
@@ -112,20 +120,14 @@ int veskctl_watch(const veskctl_options& options, int argc, char** argv) {
     watching watch = {};
     watch.options = &options;
     double timeout_s = 0;
-    for (int letter; (letter = getopt_long(argc, argv, "", table, nullptr)) != -1;) {
-        char* end = nullptr;
-        switch (letter) {
-            case 'n':
-                watch.left = strtoul(optarg, &end, 10);
-                break;
-            case 't':
-                timeout_s = strtod(optarg, &end);
-                break;
-            default:
-                return VESKCTL_USAGE;
+    int index = 0;
+    for (int letter; (letter = getopt_long(argc, argv, "", table, &index)) != -1;) {
+        if (letter != 'n' && letter != 't') {
+            return VESKCTL_USAGE;
         }
-        if (end == optarg || *end != '\0' || *optarg == '-') {
-            fprintf(stderr, "veskctl: \"%s\" is no number\n", optarg);
+        if (letter == 'n' ? !number_from_text(optarg, 1, UINT32_MAX, &watch.count)
+                          : !seconds_from_text(optarg, 0.001, &timeout_s)) {
+            fprintf(stderr, "veskctl: --%s cannot be \"%s\"\n", table[index].name, optarg);
             return VESKCTL_USAGE;
         }
     }
@@ -142,19 +144,31 @@ int veskctl_watch(const veskctl_options& options, int argc, char** argv) {
         fprintf(stderr, "veskctl: %s: %s\n", bus_address(), strerror(errno));
         return VESKCTL_FAILED;
     }
+    ev_now_update(EV_DEFAULT);
+    ev_timer patience;
+    ev_timer_init(&patience, on_late, VESKCTL_PATIENCE_S, 0);
+    patience.data = &watch;
+    ev_timer_start(EV_DEFAULT, &patience);
     ev_timer end;
     ev_timer_init(&end, on_end, timeout_s, 0);
+    end.data = &watch;
     if (timeout_s > 0) {
         ev_timer_start(EV_DEFAULT, &end);
     }
     ev_signal interrupt;
     ev_signal_init(&interrupt, on_interrupt, SIGINT);
     ev_signal_start(EV_DEFAULT, &interrupt);
+    ev_signal terminate;
+    ev_signal_init(&terminate, on_interrupt, SIGTERM);
+    ev_signal_start(EV_DEFAULT, &terminate);
     ev_run(EV_DEFAULT, 0);
     bus_close(session);
     if (!watch.connected) {
-        fprintf(stderr, "veskctl: the configuration service does not answer at %s\n", bus_address());
-        return VESKCTL_NO_SERVICE;
+        return veskctl_no_service();
+    }
+    if (watch.timed_out && watch.shown < watch.count) {
+        fprintf(stderr, "veskctl: %u of %u messages came within %g s\n", watch.shown, watch.count, timeout_s);
+        return VESKCTL_FAILED;
     }
     return VESKCTL_DONE;
 }
