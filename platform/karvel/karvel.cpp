@@ -231,7 +231,8 @@ void expire(karvel_connection* connection) {
             break;
         }
     }
-    release(connection);
+    // Held above, so no release inside a callback was the last one; the analyzer does not count.
+    release(connection);  // NOLINT(clang-analyzer-unix.Malloc)
 }
 
 void on_timer(struct ev_loop*, ev_timer* watcher, int) {

@@ -62,11 +62,12 @@ Broker::Broker() : port_(free_port()) {
         die("mkdtemp");
     }
     folder_ = name;
-    std::ofstream(folder_ + "/conf") << "per_listener_settings false\nallow_anonymous true\nuser root\n"
-                                     << "persistence true\nautosave_on_changes true\nautosave_interval 1\n"
-                                     << "persistence_location " << folder_ << "/\n"
-                                     << "listener 0 " << folder_ << "/sock\n"
-                                     << "listener " << port_ << " 127.0.0.1\n";
+    std::ofstream(folder_ + "/conf")
+        << "per_listener_settings false\nallow_anonymous true\nuser root\nset_tcp_nodelay true\n"
+        << "persistence true\nautosave_on_changes true\nautosave_interval 1\n"
+        << "persistence_location " << folder_ << "/\n"
+        << "listener 0 " << folder_ << "/sock\n"
+        << "listener " << port_ << " 127.0.0.1\n";
     setenv("VESK_BUS", address().c_str(), 1);
     start();
 }
