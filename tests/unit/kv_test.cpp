@@ -92,6 +92,7 @@ bool usable(karvel_handle* handle) {
 extern "C" {
 
 // Takes the place of the C library's for libev too.
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the C library's names are reserved ones
 int clock_gettime(clockid_t, timespec* out) {
     ++clock_us;
     out->tv_sec = static_cast<time_t>(clock_us / 1'000'000);
