@@ -57,7 +57,8 @@ void flush(keeper* k) {
         k->flush_due -= k->flush_due > 0 ? 1 : 0;
         if (k->failing) {
             k->failing = false;
-            log_info("kyt: the card takes the list again");
+            // No more than that: on a card that is gone the kernel reports the failure once and success ever after.
+            log_info("kyt: no further error from the card");
         }
         return;
     }
