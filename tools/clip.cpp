@@ -43,7 +43,7 @@ int write_all(int fd, const unsigned char* bytes, size_t count) {
 
 // A box of type "free" and this many bytes, header included.
 int write_padding(int fd, uint32_t bytes) {
-    static const unsigned char zeros[65536] = {};
+    static unsigned char zeros[65536];  // not const, so that they take no room in the file
     const unsigned char header[BOX_HEADER] = {static_cast<unsigned char>(bytes >> 24),
                                               static_cast<unsigned char>(bytes >> 16),
                                               static_cast<unsigned char>(bytes >> 8),
