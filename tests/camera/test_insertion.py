@@ -19,7 +19,8 @@ def test_a_card_with_a_filesystem_is_mounted_and_normal(camera: Camera, card: Ma
     # On 64 MiB the eight partitions would leave a full card.
     mark = camera.log_mark()
     insert_normal(camera, card(kind, 128 * MIB))
-    assert camera.key("sdcard_rw") == "rdwr"
+    # Published behind the state, a moment later.
+    wait_until(lambda: camera.key("sdcard_rw") == "rdwr", 5, "a writable card")
     assert camera.check("awk '$2 == \"/mnt/sdcard\" { print $1 }' /proc/mounts") == f"/dev/{device}"
     assert camera.run("test -d /mnt/sdcard/ZOLTA_RECORD_VIDEO").code == 0
     assert ("Too many partitions" in camera.log_since(mark)) == (kind == "eight_partitions")

@@ -50,9 +50,10 @@ def test_pulled_while_recording(camera: Camera, card: MakeCard, pulls: int) -> N
 
 def test_pulled_while_deleting(camera: Camera, card: MakeCard, pulls: int) -> None:
     pid = wait_daemon(camera)
-    made = card("clips", count=1200, video_bytes=16384, image_bytes=4096)
     start = int(time.time())
     for round_ in range(pulls):
+        # A card of its own each time: one whose FAT was torn apart by the pull may be turned read-only by the kernel.
+        made = card("clips", count=1200, video_bytes=16384, image_bytes=4096)
         insert_normal(camera, made)
         # What is recorded brings the card below its free space, so that small old clips go by the dozen.
         camera.spawn(f"vesk_recorder --size 2M --interval 0 --keep-going --seconds 1 --start {start + 100 * round_}")
@@ -63,7 +64,14 @@ def test_pulled_while_deleting(camera: Camera, card: MakeCard, pulls: int) -> No
             camera.pull()
         camera.run("killall vesk_recorder")
         camera.wait_state("not_exists")
-    check_card(camera, made)
+    # The torn card comes back as what it is: in service, or read-only and then called broken.
+    camera.insert(made)
+    wait_until(lambda: camera.state() in ("normal", "full", "broken"), 20, "the torn card's state")
+    read_only = camera.run("grep -q ' /mnt/sdcard vfat ro' /proc/mounts").code == 0
+    wait_until(lambda: camera.state() == ("broken" if read_only else "normal"), 20, "the state that the card is in")
+    camera.pull()
+    camera.wait_state("not_exists")
+    check_card(camera, card("clips", 128 * MIB, count=100))
     assert wait_daemon(camera) == pid, "the daemon did not survive"
 
 

@@ -53,7 +53,7 @@ def test_the_start_script_refuses_on_a_board_that_lives_on_such_a_device(camera:
     camera.check("mount -t vfat /dev/mmcblk0p1 /usr/local")
     try:
         result = camera.run("/etc/init.d/S60vesk_sdcard start")
-        assert result.code == 1
+        assert result.code == 6
         assert b"/usr/local is mounted from device 179:" in result.err
         assert camera.run("pidof vesk_sdcard").code == 1
     finally:
