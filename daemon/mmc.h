@@ -52,6 +52,24 @@ void mmc_dev_exit();
 // it was) or when the disk found cannot be opened.
 int mmc_rescan();
 
+// Makes the kernel refuse every write to the disk and its partitions until it is removed. 0: done, now or before.
+// -1/ENODEV: no card.
+int mmc_eject();
+
+// Asks the kernel to read the partition table again. 0, or -1 with the kernel's errno (EBUSY while a partition is
+// mounted); -1/EINVAL when the disk is not open.
+int mmc_partprobe();
+
+constexpr int MMC_SPEED_NO_BASELINE = -61;
+
+// Takes one sample of the kernel's statistics of the disk. 0, or -1 with errno and the last sample kept.
+int mmc_read_stat();
+
+// Bytes per second of device busy time since the last call; 0: too little was written to judge; -1: the sample failed
+// (errno); MMC_SPEED_NO_BASELINE: the first call since the start or since the disk was removed.
+// written: null, or where the number of 512-byte sectors written goes (untouched when nothing was written).
+int mmc_calc_write_speed(uint32_t* written);
+
 // --- used inside the module and by its tests ---------------------------------------------------------------------
 
 // Applies one datagram of `length` bytes; buffer[length] must be there and NUL. 0: it was about the card. -1: ignored.

@@ -33,6 +33,24 @@ int records_delete_oldest();
 // errno is its unlink's. Any thread.
 int record_delete(char* path, size_t size, int base_length);
 
+// One batch of the deletion list: what a remote request wants deleted. One allocation.
+struct del_list_entry {
+    del_list_entry* prev;  // the head's points to the tail
+    del_list_entry* next;  // null at the tail
+    uint32_t count;
+    uint32_t ts[];  // 0: skipped
+};
+
+// A batch with room for `count` timestamps, all of which the caller fills; null when memory is short.
+del_list_entry* records_del_begin(uint32_t count);
+
+// Drops the batch's clips from the index, protected ones included, and has a thread remove their files. 0: taken, the
+// batch is the list's. -1: the index is not open; the batch is still the caller's.
+int records_del_commit(del_list_entry* batch);
+
+// Protects a clip from being deleted to free space. 0, or -1/ENOENT: no such clip, -1/EINVAL: the index is not open.
+int records_mark_persistent(uint32_t ts);
+
 // Appends one line to the operation log on the card; the format carries the line break. Never fails the caller. Any
 // thread.
 void log_record(const char* format, ...) __attribute__((format(printf, 1, 2)));

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <ev.h>
+#include <stddef.h>
 #include <stdint.h>
 
 enum sdcard_state : int32_t {
@@ -44,3 +45,16 @@ void sdcard_set_state(sdcard_state state);
 
 // Derives the state, deletes the oldest clips while the card is full, and publishes a change.
 void sdcard_update_state();
+
+// The card operations: each starts one job on the manager's frame. 0: started. -1 with errno: EBUSY while a job runs,
+// EINVAL when the block device is not writable. How a job ended shows in the state.
+int sdcard_mkfs();
+int sdcard_fsck();
+
+// 0 also when the card is ejected already; -1 without errno when there is no card.
+int sdcard_eject();
+
+// Told about the request keys: a value that begins with "start" asks for a format, or for an eject. Answered at once
+// with "end<time>" in the same key, whether or not the job could be started.
+void on_spec_sdcard_format(void* context, const char* value, size_t length);
+void on_spec_sdcard_unmount(void* context, const char* value, size_t length);
