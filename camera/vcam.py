@@ -311,6 +311,10 @@ class Camera:
         value = self.bus.retained(f"karvel/mem/default/{name}")
         return value.decode(errors="replace") if value else None
 
+    def wait_key(self, name: str, value: str, deadline: float = 10) -> None:
+        """Waits until a key of namespace "mem", group "default" has the value."""
+        self.wait_for(f"karvel/mem/default/{name}", lambda payload: payload == value.encode(), deadline)
+
     def state(self) -> str | None:
         """The published card state in words."""
         value = self.key("sdcard_status")

@@ -20,7 +20,7 @@ def test_a_card_with_a_filesystem_is_mounted_and_normal(camera: Camera, card: Ma
     mark = camera.log_mark()
     insert_normal(camera, card(kind, 128 * MIB))
     # Published behind the state, a moment later.
-    wait_until(lambda: camera.key("sdcard_rw") == "rdwr", 5, "a writable card")
+    camera.wait_key("sdcard_rw", "rdwr")
     assert camera.check("awk '$2 == \"/mnt/sdcard\" { print $1 }' /proc/mounts") == f"/dev/{device}"
     assert camera.run("test -d /mnt/sdcard/ZOLTA_RECORD_VIDEO").code == 0
     assert ("Too many partitions" in camera.log_since(mark)) == (kind == "eight_partitions")
@@ -30,7 +30,7 @@ def test_a_card_with_a_filesystem_is_mounted_and_normal(camera: Camera, card: Ma
 def test_a_card_without_a_filesystem_is_broken(camera: Camera, card: MakeCard, kind: str) -> None:
     camera.insert(card(kind))
     camera.wait_state("broken")
-    assert camera.key("sdcard_rw") == "none"
+    camera.wait_key("sdcard_rw", "none")
     camera.pull()
     camera.wait_state("not_exists")
 
@@ -45,7 +45,7 @@ def test_a_card_formatted_by_hand_is_mounted_within_seconds(camera: Camera, card
 def test_a_write_protected_card_is_broken_and_not_mounted(camera: Camera, card: MakeCard) -> None:
     camera.insert(card("fat"), write_protected=True)
     camera.wait_state("broken")
-    assert camera.key("sdcard_rw") == "none"
+    camera.wait_key("sdcard_rw", "none")
     assert camera.run("grep ' /mnt/sdcard ' /proc/mounts").code == 1
 
 
@@ -61,7 +61,7 @@ def test_a_small_card_with_nothing_to_delete_is_full(camera: Camera, card: MakeC
     mark = camera.log_mark()
     camera.insert(card("fat", 32 * MIB))
     camera.wait_state("full")
-    assert camera.key("sdcard_rw") == "rdonly"
+    camera.wait_key("sdcard_rw", "rdonly")
     assert "records_delete_oldest: " in camera.log_since(mark)
 
 
