@@ -27,7 +27,8 @@ def pytest_addoption(parser: pytest.Parser) -> None:
 
 @pytest.fixture(scope="session")
 def _image() -> None:
-    subprocess.run([ROOT / "camera/build-image"], check=True)
+    # Several of these processes may run beside each other, each with a camera of its own.
+    subprocess.run(["flock", ROOT / "build/target", ROOT / "camera/build-image"], check=True)
 
 
 @pytest.fixture(scope="session")
