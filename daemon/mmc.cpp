@@ -13,6 +13,7 @@
 #include <string_view>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "mountpoint.h"
@@ -32,6 +33,9 @@ constexpr char SYS_BLOCK_PREFIX[] = "/sys/block/";
 constexpr int BLOCK_NAME_MAX = 32;  // the width in PARTITIONS_LINE
 constexpr char PARTITIONS_LINE[] = "%4u %7u %*u %32s";
 static_assert(sizeof mmc_block::path == DEV_PREFIX_LENGTH + BLOCK_NAME_MAX + 1);
+
+constexpr uint32_t SECTOR_BYTES = 512;      // of the kernel's counters, whatever the card's are
+constexpr uint32_t SPEED_MIN_SECTORS = 40;  // less than this says nothing about a card's speed
 
 constinit mmc_manager manager;
 
@@ -125,6 +129,7 @@ void remove_disk() {
     close_disk();
     mmc_block_clear(&manager.disk);
     remove_all_partitions();
+    manager.stat_time_ms = 0;  // the next card's counters start anew
 }
 
 // Goes by the minor, not by the name: it is what the table is looked up by.
@@ -387,4 +392,115 @@ void mmc_refresh_rdonly() {
         manager.state = readonly != 0 ? MMC_STATE_RDONLY : MMC_STATE_RDWR;
     }
     mountpoint_refresh_delay();
+}
+
+int mmc_eject() {
+    switch (manager.state) {
+        case MMC_STATE_NONE:
+            errno = ENODEV;
+            return -1;
+        case MMC_STATE_EJECTED:
+            return 0;
+        case MMC_STATE_RDWR:
+        case MMC_STATE_RDONLY:
+            break;
+    }
+    // Nothing is mounted by now, so the flag is a second safeguard: what it cannot be set on is not worth a failure.
+    const int readonly = 1;
+    for (int32_t i = 0; i < manager.partition_count; ++i) {
+        const int fd = open(manager.partitions[i].path, O_RDWR | O_CLOEXEC);
+        if (fd >= 0) {
+            (void)ioctl(fd, BLKROSET, &readonly);
+            close(fd);
+        }
+    }
+    (void)ioctl(manager.disk_fd, BLKROSET, &readonly);
+    // Until the state is worked out anew. The flags stay with the device, so that it then reads as read-only.
+    manager.state = MMC_STATE_EJECTED;
+    return 0;
+}
+
+int mmc_partprobe() {
+    if (manager.disk_fd < 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    return ioctl(manager.disk_fd, BLKRRPART);
+}
+
+int mmc_read_stat() {
+    if (manager.state != MMC_STATE_RDWR) {
+        errno = EINVAL;
+        return -1;
+    }
+    char path[51];
+    snprintf(path, sizeof path, "%s%s/stat", SYS_BLOCK_PREFIX, manager.disk.name);
+    FILE* file = fopen(path, "re");
+    if (file == nullptr) {
+        const int error = errno;
+        device_warning("Unable to read statistics of %s: %s\n", manager.disk.name, strerror(error));
+        errno = error;
+        return -1;
+    }
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    // The kernel's order, which is not the one they are kept in.
+    unsigned long read_ios;
+    unsigned long read_merges;
+    unsigned long read_sectors;
+    unsigned long read_ticks;
+    unsigned long write_ios;
+    unsigned long write_merges;
+    unsigned long write_sectors;
+    unsigned long write_ticks;
+    unsigned long in_flight;
+    unsigned long io_ticks;
+    unsigned long time_in_queue;
+    const int fields =
+        fscanf(file, "%lu%lu%lu%lu%lu%lu%lu%lu%lu%lu%lu", &read_ios, &read_merges, &read_sectors, &read_ticks,
+               &write_ios, &write_merges, &write_sectors, &write_ticks, &in_flight, &io_ticks, &time_in_queue);
+    (void)fclose(file);  // only read from
+    if (fields != 11) {
+        errno = EFAULT;
+        return -1;
+    }
+    // Unsigned numbers of 64 bits on the workbench, where they are cut to what the camera's 32 hold.
+    manager.stat = {.read_sectors = static_cast<uint32_t>(read_sectors),
+                    .write_sectors = static_cast<uint32_t>(write_sectors),
+                    .read_ios = static_cast<uint32_t>(read_ios),
+                    .write_ios = static_cast<uint32_t>(write_ios),
+                    .read_merges = static_cast<uint32_t>(read_merges),
+                    .write_merges = static_cast<uint32_t>(write_merges),
+                    .read_ticks = static_cast<uint32_t>(read_ticks),
+                    .write_ticks = static_cast<uint32_t>(write_ticks),
+                    .io_ticks = static_cast<uint32_t>(io_ticks),
+                    .time_in_queue = static_cast<uint32_t>(time_in_queue),
+                    .in_flight = static_cast<uint32_t>(in_flight)};
+    manager.stat_time_ms = static_cast<uint32_t>(now.tv_sec) * 1000U + static_cast<uint32_t>(now.tv_nsec / 1'000'000);
+    return 0;
+}
+
+int mmc_calc_write_speed(uint32_t* written) {
+    if (manager.stat_time_ms == 0) {
+        (void)mmc_read_stat();  // a failure leaves no baseline, and the next call tries again
+        return MMC_SPEED_NO_BASELINE;
+    }
+    const mmc_stat last = manager.stat;
+    const int result = mmc_read_stat();
+    if (result < 0) {
+        return result;
+    }
+    // A counter that wrapped is reported like one that stood still: once in a long while a measurement is missing.
+    if (manager.stat.write_sectors <= last.write_sectors || manager.stat.io_ticks <= last.io_ticks) {
+        return 0;
+    }
+    const uint32_t sectors = manager.stat.write_sectors - last.write_sectors;
+    const uint32_t busy_ms = manager.stat.io_ticks - last.io_ticks;
+    if (written != nullptr) {
+        *written = sectors;
+    }
+    if (sectors < SPEED_MIN_SECTORS) {
+        return 0;
+    }
+    return static_cast<int>(static_cast<uint32_t>(uint64_t{sectors} * (SECTOR_BYTES * 1000) / busy_ms));
 }

@@ -26,6 +26,21 @@ struct mmc_block {
     const char* name = nullptr;       // into path, behind "/dev/"; null when the slot is empty
 };
 
+// The kernel's counters of the disk's statistics file, each cut to 32 bits, in the order in which they are kept.
+struct mmc_stat {
+    uint32_t read_sectors;  // of 512 bytes
+    uint32_t write_sectors;
+    uint32_t read_ios;
+    uint32_t write_ios;
+    uint32_t read_merges;
+    uint32_t write_merges;
+    uint32_t read_ticks;  // ms
+    uint32_t write_ticks;
+    uint32_t io_ticks;  // ms during which the device was busy
+    uint32_t time_in_queue;
+    uint32_t in_flight;
+};
+
 // The table. There is one, owned by this module; other modules read it.
 struct mmc_manager {
     int32_t uevent_fd = -1;  // -1 when closed
@@ -35,6 +50,8 @@ struct mmc_manager {
     mmc_block disk;
     mmc_block partitions[MMC_MAX_PARTITIONS];  // dense, in the order they were added; [count..] may be stale
     int32_t partition_count = 0;               // 0 to MMC_MAX_PARTITIONS
+    mmc_stat stat{};                           // the last sample
+    uint32_t stat_time_ms = 0;                 // when it was taken, by the monotonic clock, wrapping; 0: no sample
 };
 
 mmc_manager* mmc_get_manager();
@@ -60,6 +77,7 @@ int mmc_eject();
 // mounted); -1/EINVAL when the disk is not open.
 int mmc_partprobe();
 
+// Not an errno: a value that no measurement has. It is the ENODATA of the camera's kernel.
 constexpr int MMC_SPEED_NO_BASELINE = -61;
 
 // Takes one sample of the kernel's statistics of the disk. 0, or -1 with errno and the last sample kept.

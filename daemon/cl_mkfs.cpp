@@ -1,0 +1,96 @@
+// The card made new: unmounted, given one partition that spans it, and a FAT filesystem on that. Whatever a stage
+// comes to, the card is mounted again behind it: the fresh filesystem, or what a failed stage has left of the old one.
+#include "cl_mkfs.h"
+
+#include <errno.h>
+#include <stdarg.h>
+#include <string.h>
+
+#include "cl_execvp.h"
+#include "cl_umount.h"
+#include "closure.h"
+#include "mmc.h"
+#include "mountpoint.h"
+#include "vesk_util.h"
+
+namespace {
+
+// The steps, in the order in which they fire:
+//   cl_next_mkfs                                       takes the card off its mount point
+void next_fdisk(closure_frame* frame, void*);      // writes the partition table
+void next_partprobe(closure_frame* frame, void*);  // has the kernel read it, and makes the filesystem
+void next_finish(closure_frame* frame, void*);     // mounts the card again
+
+// To fdisk: a new DOS table (o), a new partition (n), primary (p), number 1 (1), from the first sector to the last (two
+// empty lines), of type (t) FAT32 with LBA (c), written (w).
+constexpr char fdisk_script[] = "o\nn\np\n1\n\n\nt\nc\nw\n";
+// Its NUL is sent too. fdisk has what it needs by then and leaves at the "w".
+static_assert(sizeof fdisk_script == 17);
+
+__attribute__((format(printf, 1, 2))) void cl_mkfs_err(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    log_vperr("cl_mkfs: ", format, args);
+    va_end(args);
+}
+
+}  // namespace
+
+void cl_next_mkfs(closure_frame* frame) {
+    closure_debug_next("cl_next_mkfs", "cl_next_umount", "next_fdisk");
+    closure_setup_frame(frame, next_fdisk, nullptr);
+    frame->status = CLOSURE_BUSY;
+    cl_next_umount(frame);
+}
+
+namespace {
+
+void next_fdisk(closure_frame* frame, void*) {
+    if (frame->status != CLOSURE_OK) {
+        cl_mkfs_err("Unable to umount sdcard.");
+        (void)mountpoint_mount();  // a card that cannot be mounted shows in the state
+        closure_return(frame);
+        return;
+    }
+    const char* const fdisk_argv[] = {"fdisk", mmc_get_manager()->disk.path, nullptr};
+    closure_debug_next("next_fdisk", "cl_next_execvp_write", "next_partprobe");
+    closure_setup_frame(frame, next_partprobe, nullptr);
+    frame->status = CLOSURE_BUSY;
+    cl_next_execvp_write(frame, fdisk_argv, fdisk_script, sizeof fdisk_script);
+}
+
+void next_partprobe(closure_frame* frame, void*) {
+    const mmc_manager* const mmc = mmc_get_manager();
+    int32_t code = 0;
+    if (frame->status != CLOSURE_OK) {
+        code = frame->result;
+        cl_mkfs_err("unable to re-create the partition table.");
+    } else if (mmc_partprobe() < 0) {
+        code = errno;
+        cl_mkfs_err("can not rescan partitions: %s", strerror(code));
+    } else if (mmc->partition_count != 1) {
+        // Looked at once: fdisk has had the table read before, and the events of that have been applied by now. Those
+        // of the re-read just asked for have not, and they come to the same partition.
+        code = EINVAL;
+        cl_mkfs_err("Unexpected partition count: %d.", static_cast<int>(mmc->partition_count));
+    } else {
+        const char* const mkfs_argv[] = {"mkfs.fat", "-n", "QX_CAM", mmc->partitions[0].path, nullptr};
+        closure_debug_next("next_partprobe", "cl_next_execvp", "next_finish");
+        closure_setup_frame(frame, next_finish, nullptr);
+        frame->status = CLOSURE_BUSY;
+        cl_next_execvp(frame, mkfs_argv);
+        return;
+    }
+    (void)mountpoint_mount();
+    closure_fail(frame, code);
+}
+
+void next_finish(closure_frame* frame, void*) {
+    if (frame->status != CLOSURE_OK) {
+        cl_mkfs_err("unable to make new filesystem.");
+    }
+    (void)mountpoint_mount();
+    closure_return(frame);
+}
+
+}  // namespace
