@@ -10,6 +10,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "actions.h"
 #include "kv.h"
 #include "sdcard.h"
 #include "vesk_util.h"
@@ -23,7 +24,7 @@ constexpr int64_t NS_PER_S = 1'000'000'000;
 constexpr int32_t SLOW_BATCH_NS = NS_PER_S + 1;
 constexpr size_t DUMP_READ_BYTES = 80;
 
-constexpr vesk_app_descriptor descriptor = {.name = "vesk_sdcard", .actions = nullptr, .reserved = {}};
+constexpr vesk_app_descriptor descriptor = {.name = "vesk_sdcard", .actions = action_table, .reserved = {}};
 
 void on_sigterm(struct ev_loop*, ev_signal*, int) {
     ev_break(ev_default_loop(0), EVBREAK_ALL);
@@ -119,6 +120,9 @@ int main(int argc, char** argv) {
         return 1;
     }
     (void)kv_init();  // a service that is away is tried again every second
+    // Without memory for these nobody can ask for a format or an eject by key; the rest works.
+    (void)kv_register("mem", "default", "spec_sdcard_format", on_spec_sdcard_format, nullptr);
+    (void)kv_register("mem", "default", "spec_sdcard_unmount", on_spec_sdcard_unmount, nullptr);
     sdcard_init();
 
     struct ev_loop* const loop = ev_default_loop(0);

@@ -9,6 +9,7 @@
 // recovery does no more than it must while the card is vanishing. record_dir_open and record_dir_close tidy them up.
 #include "records.h"
 
+#include <atomic>
 #include <dirent.h>
 #include <errno.h>
 #include <ev.h>
@@ -24,6 +25,7 @@
 #include <time.h>
 #include <unistd.h>
 #include <uthash.h>
+#include <utlist.h>
 
 #include "kv.h"
 #include "kyt.h"
@@ -41,6 +43,8 @@ constexpr size_t CLIP_PATH_SIZE = 4096;
 constexpr size_t CLIP_BASE_SIZE = 4092;         // what of it the path without extension may take
 constexpr size_t RELATIVE = sizeof RECORD_DIR;  // where a clip's path below the folder begins, behind the slash
 static_assert(RELATIVE == 31);
+
+constexpr int MAX_WORKERS = 5;
 
 constexpr char MOTION_DIR[] = "/mnt/sdcard/ZOLTA_RECORD_MOTION";
 constexpr char MOTION_MESSAGE[] = "/motion_record_msg";
@@ -64,6 +68,14 @@ record_dir_entry* record_dir_table;  // in order of insertion; null when empty
 ev_timer rescan_timer;               // every 12 h while the folder is open
 ev_timer optimise_timer;             // every 30 min while the folder is open
 bool list_faulted;                   // a bus fault was met in the list and it is not closed yet
+
+// The deletion list: batches that wait for a worker, oldest first. Its links change only with ctx_del_list_lock held;
+// the head is also read without it. The two locks are never held together.
+std::atomic<del_list_entry*> del_list;
+pthread_mutex_t ctx_del_list_lock;
+pthread_mutex_t del_list_lock;  // of the count; held across the creation of a thread
+int32_t del_list_thread_num;    // workers started and not yet finished
+ev_async del_async;             // nobody signals it
 
 // --- the table of period directories ---------------------------------------------------------------------------------
 
@@ -345,6 +357,117 @@ void recover_from_bus_fault() {
     errno = EFAULT;
 }
 
+// --- the deletion list -----------------------------------------------------------------------------------------------
+//
+// Removing files from a card is slow. So the loop thread drops the clips from the index and queues them, and up to five
+// detached threads remove the files; a thread ends when it finds nothing to do. Workers outlive whatever they have to:
+// a card that is gone makes their unlinks fail, and the end of the process ends them wherever they are.
+
+// A list whose links are broken: to go on would mean to free what is not ours. The text and the place that it names are
+// what those who read the camera's logs look for, whatever line this is on today.
+[[noreturn]] void list_is_corrupt(int line, const char* function) {
+    fprintf(stderr, "vesk_sdcard: daemon/records:%d: %s: Assertion `(l)->prev != ((void *)0)' failed.\n", line,
+            function);
+    abort();
+}
+
+enum { IN_LIST, NOT_IN_LIST, CORRUPT };
+
+// Takes a batch out of the list, if it is still in there; ctx_del_list_lock is held. The batch itself is touched only
+// after it was found: it may be freed already. Should a new batch have come to its place in memory, that one is taken,
+// which is as good.
+int unlink_batch(del_list_entry* batch) {
+    del_list_entry* head = del_list.load(std::memory_order_relaxed);
+    del_list_entry* entry = head;
+    while (entry != nullptr && entry != batch) {
+        entry = entry->next;
+    }
+    if (entry == nullptr) {
+        return NOT_IN_LIST;
+    }
+    if (entry->prev == nullptr) {
+        return CORRUPT;
+    }
+    DL_DELETE(head, entry);
+    del_list.store(head, std::memory_order_relaxed);
+    return IN_LIST;
+}
+
+// Removes the files of a batch and frees it. The number of timestamps in it that are not 0.
+int remove_files(del_list_entry* batch, char (&path)[CLIP_PATH_SIZE]) {
+    int processed = 0;
+    for (uint32_t i = 0; i < batch->count; ++i) {
+        if (batch->ts[i] == 0) {
+            continue;
+        }
+        ++processed;
+        // A clip without a path, or without files, is as good as deleted; record_delete says what it could not do.
+        (void)record_delete(path, sizeof path, kyt_ts2path(batch->ts[i], path, sizeof path, 0));
+    }
+    free(batch);
+    return processed;
+}
+
+// False: the list is empty by now, and the worker no longer counts. A batch is queued before its workers are counted,
+// so that whoever queues one while five are counted finds one of them here, about to look again.
+bool worker_goes_on(int processed) {
+    pthread_mutex_lock(&del_list_lock);
+    const bool goes_on = del_list.load(std::memory_order_relaxed) != nullptr;
+    if (!goes_on) {
+        log_err("del_list file_count = %d=========================\n", processed);
+        --del_list_thread_num;
+    }
+    pthread_mutex_unlock(&del_list_lock);
+    return goes_on;
+}
+
+// A worker's body. It calls nothing of the record list library but kyt_ts2path, which may run beside everything else.
+// A bus fault in here is outside of the guard and ends the process.
+void* thread_Del_list_File(void*) {
+    char path[CLIP_PATH_SIZE] = "";
+    int processed = 0;
+    do {
+        // The head is read without the lock, and two workers may read the same one. Whoever comes second finds that it
+        // is not there any more and reads the next.
+        while (del_list_entry* const batch = del_list.load(std::memory_order_relaxed)) {
+            pthread_mutex_lock(&ctx_del_list_lock);
+            const int found = unlink_batch(batch);
+            pthread_mutex_unlock(&ctx_del_list_lock);
+            if (found == CORRUPT) {
+                list_is_corrupt(501, "thread_Del_list_File");
+            }
+            if (found == IN_LIST) {
+                processed += remove_files(batch, path);
+            }
+        }
+    } while (worker_goes_on(processed));
+    return nullptr;
+}
+
+// A thread that cannot be created leaves its place in the count taken: the caller counted it, and each failure lowers
+// the number of workers until the next start. Accepted: without memory for a thread there are worse things to do.
+void create_del_list_file_thread() {
+    pthread_t thread;
+    const int error = pthread_create(&thread, nullptr, thread_Del_list_File, nullptr);
+    if (error != 0) {
+        log_err("pthread_create ret=%d\n", error);
+        return;
+    }
+    pthread_detach(thread);
+}
+
+// The same on the loop thread, without a lock. Registered for whoever has a reason to drain the list from there; while
+// nobody signals the watcher it does not run.
+void on_async_del(struct ev_loop*, ev_async*, int) {
+    char path[CLIP_PATH_SIZE] = "";
+    while (del_list_entry* const batch = del_list.load(std::memory_order_relaxed)) {
+        if (unlink_batch(batch) == CORRUPT) {
+            list_is_corrupt(585, "on_async_del");
+        }
+        (void)remove_files(batch, path);
+    }
+}
+
 // --- the operation log -----------------------------------------------------------------------------------------------
 
 // The operation log never makes anything fail: a line that cannot be written is lost.
@@ -364,15 +487,28 @@ int records_init() {
     sigemptyset(&action.sa_mask);
     sigaction(SIGBUS, &action, nullptr);
 
+    ev_async_init(&del_async, on_async_del);
+    ev_async_start(EV_DEFAULT, &del_async);
     ev_timer_init(&optimise_timer, on_timer_optimise, -1.0, -1.0);
     if (kv_register("mem", "default", "sdcard_kyt", on_new_record, nullptr) < 0) {
         log_crit("kv_register: %s", strerror(errno));
     }
+    pthread_mutex_init(&del_list_lock, nullptr);
+    pthread_mutex_init(&ctx_del_list_lock, nullptr);
     return 0;
 }
 
 void records_exit() {
     record_dir_close(0);
+    // Workers are not waited for: a card may take minutes. Nor is a lock taken from under one that is still at work,
+    // which would be undefined; then the locks stay until the process is gone, and that is next.
+    pthread_mutex_lock(&del_list_lock);
+    const bool has_workers = del_list_thread_num > 0;
+    pthread_mutex_unlock(&del_list_lock);
+    if (!has_workers) {
+        pthread_mutex_destroy(&del_list_lock);
+        pthread_mutex_destroy(&ctx_del_list_lock);
+    }
 }
 
 void record_dir_open() {
@@ -468,6 +604,65 @@ int records_delete_oldest() {
     }
     bus_guard_thread = 0;
     return result;
+}
+
+del_list_entry* records_del_begin(uint32_t count) {
+    if (count > (SIZE_MAX - sizeof(del_list_entry)) / sizeof(uint32_t)) {
+        return nullptr;
+    }
+    auto* const batch = static_cast<del_list_entry*>(malloc(sizeof(del_list_entry) + count * sizeof(uint32_t)));
+    if (batch != nullptr) {
+        batch->count = count;
+    }
+    return batch;
+}
+
+int records_del_commit(del_list_entry* batch) {
+    if (record_list_handle == nullptr) {
+        return -1;
+    }
+    // An explicit request spares no clip, protected or not.
+    for (uint32_t i = 0; i < batch->count; ++i) {
+        kyt_record* const record = kyt_get(record_list_handle, batch->ts[i]);
+        if (record != nullptr) {
+            (void)kyt_mark_deleted(record_list_handle, record);
+        } else {
+            batch->ts[i] = 0;
+        }
+    }
+    pthread_mutex_lock(&ctx_del_list_lock);
+    del_list_entry* head = del_list.load(std::memory_order_relaxed);
+    DL_APPEND(head, batch);
+    del_list.store(head, std::memory_order_relaxed);
+    pthread_mutex_unlock(&ctx_del_list_lock);
+
+    pthread_mutex_lock(&del_list_lock);
+    if (del_list_thread_num < 0) {
+        del_list_thread_num = 0;
+    }
+    if (del_list_thread_num < MAX_WORKERS) {
+        ++del_list_thread_num;
+        log_err("del_list_thread_num = %d\n", static_cast<int>(del_list_thread_num));
+        create_del_list_file_thread();
+    } else {
+        log_err(" 5 del_list thread alerady running\n");  // spelt so by everybody who looks for it
+    }
+    pthread_mutex_unlock(&del_list_lock);
+    return 0;
+}
+
+int records_mark_persistent(uint32_t ts) {
+    if (record_list_handle == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    kyt_record* const record = kyt_get(record_list_handle, ts);
+    if (record == nullptr) {
+        errno = ENOENT;
+        return -1;
+    }
+    record->flags |= KYT_PERSISTENT;  // the library takes it to the card
+    return 0;
 }
 
 int record_delete(char* path, size_t size, int base_length) {

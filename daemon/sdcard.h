@@ -5,6 +5,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "closure.h"
+
 enum sdcard_state : int32_t {
     SDCARD_NORMAL = 0,            // mounted, writable, at least SDCARD_FULL_KIB free
     SDCARD_NOT_EXISTS = 1,        // no card, or nothing mounted
@@ -20,11 +22,16 @@ enum sdcard_state : int32_t {
 extern const char* const sdstate2str[7];  // by state, SDCARD_NORMAL to SDCARD_FIXING
 
 constexpr uint32_t SDCARD_FULL_KIB = 40960;  // below this much free space the card is full
+constexpr int SDCARD_SLOW_BPS = 204800;      // below this many bytes a second of busy time the card is slow
 
 // The card manager's record. There is one.
 struct sdcard_manager {
     sdcard_state state;      // as published
     ev_timer refresh_timer;  // every 1800 s
+    ev_timer info_timer;     // about once a day, drawn anew each time
+    int32_t slow_since;      // seconds since 1970: start of the period in which the card writes slowly; -1: none
+    ev_timer speed_timer;    // every 60 s
+    closure_frame closure;   // of the one job that may run
 };
 extern sdcard_manager sd;
 
@@ -32,7 +39,8 @@ extern sdcard_manager sd;
 void sdcard_init();
 void sdcard_exit();
 
-// Derives the state anew after an event; the reason goes to the log. Ignored until sdcard_init is through.
+// Derives the state anew after an event; the reason goes to the log. Ignored until sdcard_init is through, and
+// while a job runs: then the job owns the state.
 void sdcard_refresh(const char* reason);
 
 sdcard_state sdcard_get_state();
