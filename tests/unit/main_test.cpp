@@ -18,6 +18,7 @@
 #include <time.h>
 #include <vector>
 
+#include "actions.h"
 #include "kv.h"
 #include "sdcard.h"
 #include "support/child.h"
@@ -112,6 +113,19 @@ int kv_init() {
     return kv_init_result;
 }
 
+int kv_register(const char* name_space, const char* group, const char* key, kv_callback callback, void* context) {
+    const bool is_right =
+        context == nullptr &&
+        callback == (std::string(key) == "spec_sdcard_format" ? on_spec_sdcard_format : on_spec_sdcard_unmount);
+    called.push_back(std::string("kv_register ") + name_space + " " + group + " " + key + (is_right ? "" : " wrongly"));
+    return kv_init_result;
+}
+
+void on_spec_sdcard_format(void*, const char*, size_t) {}
+void on_spec_sdcard_unmount(void*, const char*, size_t) {}
+
+const remote_action action_table[] = {{}};
+
 void kv_exit() {
     called.emplace_back("kv_exit");
 }
@@ -148,7 +162,15 @@ class MainTest : public testing::Test {
     }
 };
 
-const strings WHOLE_RUN = {"app_init", "kv_init", "sdcard_init", "app_run", "sdcard_exit", "kv_exit", "app_fini"};
+const strings WHOLE_RUN = {"app_init",
+                           "kv_init",
+                           "kv_register mem default spec_sdcard_format",
+                           "kv_register mem default spec_sdcard_unmount",
+                           "sdcard_init",
+                           "app_run",
+                           "sdcard_exit",
+                           "kv_exit",
+                           "app_fini"};
 
 TEST_F(MainTest, StartsInOrderAndStopsInReverse) {
     const auto outcome = child::run([] {
@@ -168,7 +190,7 @@ TEST_F(MainTest, DescribesItselfToTheFramework) {
         run_main();
         char name[sizeof given_descriptor->name] = "vesk_sdcard";
         EXPECT_EQ(memcmp(given_descriptor->name, name, sizeof name), 0) << "NUL-padded to the end";
-        EXPECT_EQ(given_descriptor->actions, nullptr);
+        EXPECT_EQ(given_descriptor->actions, action_table);
         for (const uint32_t word : given_descriptor->reserved) {
             EXPECT_EQ(word, 0U);
         }

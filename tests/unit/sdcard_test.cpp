@@ -2,160 +2,19 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
-#include <cstdio>
-#include <deque>
-#include <gtest/gtest.h>
 #include <string>
-#include <vector>
 
-#include "kv.h"
-#include "mmc.h"
-#include "mountpoint.h"
-#include "records.h"
-#include "support/kernel.h"
-#include "support/log.h"
+#include "support/card_rig.h"
 
-using strings = std::vector<std::string>;
+using rig::tell_on_abort;
+using rig::world;
 
 namespace {
-
-constexpr char CARD[] = "/mnt/sdcard";
-
-// What the neighbours say, and what they were asked, in order.
-struct neighbours {
-    mmc_state block = MMC_STATE_RDWR;
-    mountpoint_manager mountpoint = {};
-    uint64_t f_bavail = 1 << 20;
-    int32_t f_bsize = 4096;
-    int statfs_result = 0;
-    int mountpoint_init_result = 0;
-    int mmc_dev_init_result = 0;
-    int delete_errno = 0;               // not 0: records_delete_oldest fails with it
-    std::deque<uint64_t> after_delete;  // f_bavail after each deletion
-    bool refresh_from_mountinfo = false;
-    strings steps;
-};
-neighbours world;
 
 const sdcard_state state_at_birth = sd.state;  // as the process began
 
-void step(const char* name) {
-    world.steps.emplace_back(name);
-}
-
-}  // namespace
-
-mmc_state mmc_get_state() {
-    return world.block;
-}
-int mmc_dev_init() {
-    step("mmc_dev_init");
-    return world.mmc_dev_init_result;
-}
-void mmc_dev_exit() {
-    step("mmc_dev_exit");
-}
-int mmc_rescan() {
-    step(sd.state == SDCARD_UNKNOWN ? "mmc_rescan" : "mmc_rescan while the state is known");
-    return -1;  // no card is no failure of the start
-}
-mountpoint_manager* mountpoint_get_manager() {
-    return &world.mountpoint;
-}
-int mountpoint_statfs(struct statfs* buffer) {
-    if (world.statfs_result == 0) {
-        buffer->f_bavail = world.f_bavail;
-        buffer->f_bsize = world.f_bsize;
-    }
-    return world.statfs_result;
-}
-int mountpoint_init() {
-    step("mountpoint_init");
-    return world.mountpoint_init_result;
-}
-void mountpoint_exit() {
-    step("mountpoint_exit");
-}
-void mountinfo_refresh_state() {
-    step("mountinfo_refresh_state");
-    if (world.refresh_from_mountinfo) {
-        sdcard_refresh("Mountinfo changed.");
-    }
-}
-int records_init() {
-    step("records_init");
-    return 0;
-}
-void records_exit() {
-    step("records_exit");
-}
-int records_delete_oldest() {
-    step("records_delete_oldest");
-    if (world.delete_errno != 0) {
-        errno = world.delete_errno;
-        return -1;
-    }
-    if (world.after_delete.empty()) {
-        ADD_FAILURE() << "deletes on";
-        errno = ENOENT;
-        return -1;
-    }
-    world.f_bavail = world.after_delete.front();
-    world.after_delete.pop_front();
-    return 0;
-}
-void kvmem_set(const char* key, const char* value) {
-    world.steps.push_back(std::string(key) + "=" + value);
-}
-
-namespace {
-
-class sdcard : public testing::Test {
-  protected:
-    void SetUp() override {
-        kernel::reset();
-        logged::reset();
-        kernel::make_dir(CARD);
-        world = neighbours{};
-        world.mountpoint.mounted = MOUNT_OK;
-        ev_timer_stop(EV_DEFAULT, &sd.refresh_timer);
-        sd = {};
-        sd.state = SDCARD_UNKNOWN;
-    }
-    void TearDown() override { ev_timer_stop(EV_DEFAULT, &sd.refresh_timer); }
-
-    // Starts and forgets what was seen of it.
-    static void start() {
-        sdcard_init();
-        logged::reset();
-        kernel::forget_calls();
-        world.steps.clear();
-    }
-    static void fill(uint64_t free_kib = 0) {
-        world.f_bavail = free_kib;
-        world.f_bsize = 1024;
-    }
-    static double remaining_s() {
-        ev_now_update(EV_DEFAULT);
-        return ev_timer_remaining(EV_DEFAULT, &sd.refresh_timer);
-    }
-};
-
+using sdcard = rig::test;
 using sdcard_death = sdcard;
-
-// What a test that ends by abort has logged and done, for the parent to read.
-void tell_on_abort() {
-    std::signal(SIGABRT, [](int) {
-        for (const auto& line : logged::lines()) {
-            fprintf(stderr, "[%s]", line.c_str());
-        }
-        for (const auto& name : world.steps) {
-            fprintf(stderr, "(%s)", name.c_str());
-        }
-        fputs("(abort)", stderr);
-    });
-}
 
 // --- the derivation --------------------------------------------------------------------------------------------------
 
@@ -202,7 +61,7 @@ TEST_F(sdcard, merge_state_first_match_wins) {
         SCOPED_TRACE(row.what);
         SetUp();
         sd.state = SDCARD_FIXING;
-        world.block = row.block;
+        world.mmc.state = row.block;
         world.mountpoint.mounted = row.mounted;
         world.statfs_result = row.statfs_result;
         if (row.access_errno != 0) {
@@ -256,18 +115,25 @@ TEST_F(sdcard, publishes_every_state) {
         sdcard_state state;
         const char* status;
         const char* rw;
+        strings reports;
     } rows[] = {
-        {SDCARD_NORMAL, "0", "rdwr"}, {SDCARD_NOT_EXISTS, "1", "none"}, {SDCARD_FULL, "2", "rdonly"},
-        {SDCARD_BROKEN, "3", "none"}, {SDCARD_FORMATTING, "4", "none"}, {SDCARD_EJECT, "5", "none"},
-        {SDCARD_FIXING, "6", "none"}, {SDCARD_EJECTING, "7", "none"},
+        {SDCARD_NORMAL, "0", "rdwr", {"rpc_send_sdcard_info"}},  // the first state after the start
+        {SDCARD_NOT_EXISTS, "1", "none", {"rpc_send_alert 5"}},
+        {SDCARD_FULL, "2", "rdonly", {"rpc_send_sdcard_info"}},
+        {SDCARD_BROKEN, "3", "none", {"rpc_send_alert 4", "rpc_send_sdcard_info"}},
+        {SDCARD_FORMATTING, "4", "none", {}},
+        {SDCARD_EJECT, "5", "none", {}},
+        {SDCARD_FIXING, "6", "none", {}},
+        {SDCARD_EJECTING, "7", "none", {}},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.status);
         world.steps.clear();
         sdcard_set_state(row.state);
         EXPECT_EQ(row.state, sdcard_get_state());
-        EXPECT_EQ((strings{std::string("sdcard_status=") + row.status, std::string("sdcard_rw=") + row.rw}),
-                  world.steps);
+        strings expected{std::string("sdcard_status=") + row.status, std::string("sdcard_rw=") + row.rw};
+        expected.insert(expected.end(), row.reports.begin(), row.reports.end());
+        EXPECT_EQ(expected, world.steps);
     }
     EXPECT_EQ(strings{}, logged::lines());
 }
@@ -278,24 +144,47 @@ TEST_F(sdcard, same_state_again_does_nothing) {
     sdcard_set_state(SDCARD_EJECTING);
     EXPECT_EQ(strings{}, world.steps);
 
-    world.block = MMC_STATE_RDONLY;
+    world.mmc.state = MMC_STATE_RDONLY;
     sdcard_update_state();
-    EXPECT_EQ((strings{"sdcard_status=3", "sdcard_rw=none"}), world.steps);
+    EXPECT_EQ((strings{"sdcard_status=3", "sdcard_rw=none", "rpc_send_alert 4", "rpc_send_sdcard_info"}), world.steps);
     world.steps.clear();
     sdcard_update_state();
     EXPECT_EQ(strings{}, world.steps);
 }
 
 TEST_F(sdcard, ejected_until_the_block_table_forgets) {
-    world.block = MMC_STATE_EJECTED;
+    world.mmc.state = MMC_STATE_EJECTED;
     world.mountpoint.mounted = MOUNT_NONE;
     sdcard_update_state();
     sdcard_update_state();
     EXPECT_EQ(SDCARD_EJECT, sdcard_get_state());
-    world.block = MMC_STATE_NONE;
+    world.mmc.state = MMC_STATE_NONE;
     world.steps.clear();
     sdcard_update_state();
-    EXPECT_EQ((strings{"sdcard_status=1", "sdcard_rw=none"}), world.steps);
+    EXPECT_EQ((strings{"sdcard_status=1", "sdcard_rw=none", "rpc_send_sdcard_info"}), world.steps) << "and no alert";
+}
+
+TEST_F(sdcard, reports_of_every_transition) {
+    constexpr sdcard_state STATES[] = {SDCARD_NORMAL, SDCARD_NOT_EXISTS, SDCARD_FULL,
+                                       SDCARD_BROKEN, SDCARD_FORMATTING, SDCARD_EJECT,
+                                       SDCARD_FIXING, SDCARD_EJECTING,   SDCARD_UNKNOWN};
+    for (auto from : STATES) {
+        for (auto to : STATES) {
+            if (from == to || to == SDCARD_UNKNOWN) {
+                continue;
+            }
+            SCOPED_TRACE(std::to_string(from) + " to " + std::to_string(to));
+            sd.state = from;
+            world.steps.clear();
+            sdcard_set_state(to);
+            const auto has = [](const char* text) { return std::count(world.steps.begin(), world.steps.end(), text); };
+            EXPECT_EQ(to == SDCARD_BROKEN ? 1 : 0, has("rpc_send_alert 4"));
+            EXPECT_EQ(to == SDCARD_NOT_EXISTS && from != SDCARD_EJECT ? 1 : 0, has("rpc_send_alert 5"));
+            const bool informs = from == SDCARD_UNKNOWN || from == SDCARD_NOT_EXISTS || to == SDCARD_BROKEN ||
+                                 (from == SDCARD_EJECT && to == SDCARD_NOT_EXISTS);
+            EXPECT_EQ(informs ? 1 : 0, has("rpc_send_sdcard_info"));
+        }
+    }
 }
 
 // --- freeing space ---------------------------------------------------------------------------------------------------
@@ -305,7 +194,7 @@ TEST_F(sdcard, deletes_one_clip_for_each_look_until_there_is_room) {
     world.after_delete = {20, 40959, 40960};
     sdcard_update_state();
     EXPECT_EQ((strings{"records_delete_oldest", "records_delete_oldest", "records_delete_oldest", "sdcard_status=0",
-                       "sdcard_rw=rdwr"}),
+                       "sdcard_rw=rdwr", "rpc_send_sdcard_info"}),
               world.steps);
     EXPECT_EQ((strings{"info size available: 10 KiB", "info size available: 20 KiB", "info size available: 40959 KiB"}),
               logged::lines());
@@ -315,7 +204,8 @@ TEST_F(sdcard, full_when_nothing_can_be_deleted) {
     fill();
     world.delete_errno = EFAULT;
     sdcard_update_state();
-    EXPECT_EQ((strings{"records_delete_oldest", "sdcard_status=2", "sdcard_rw=rdonly"}), world.steps);
+    EXPECT_EQ((strings{"records_delete_oldest", "sdcard_status=2", "sdcard_rw=rdonly", "rpc_send_sdcard_info"}),
+              world.steps);
     EXPECT_EQ((strings{"info size available: 0 KiB", "err records_delete_oldest: Bad address"}), logged::lines());
 }
 
@@ -328,7 +218,8 @@ TEST_F(sdcard, full_after_some_were_deleted) {
         }
     };
     sdcard_update_state();
-    EXPECT_EQ((strings{"records_delete_oldest", "records_delete_oldest", "sdcard_status=2", "sdcard_rw=rdonly"}),
+    EXPECT_EQ((strings{"records_delete_oldest", "records_delete_oldest", "sdcard_status=2", "sdcard_rw=rdonly",
+                       "rpc_send_sdcard_info"}),
               world.steps);
     EXPECT_EQ("err records_delete_oldest: Input/output error", logged::lines().back());
 }
@@ -342,12 +233,14 @@ TEST_F(sdcard, card_that_goes_while_clips_are_deleted) {
         }
     };
     sdcard_update_state();
-    EXPECT_EQ((strings{"records_delete_oldest", "sdcard_status=3", "sdcard_rw=none"}), world.steps);
+    EXPECT_EQ((strings{"records_delete_oldest", "sdcard_status=3", "sdcard_rw=none", "rpc_send_alert 4",
+                       "rpc_send_sdcard_info"}),
+              world.steps);
 }
 
 TEST_F(sdcard, nothing_is_deleted_unless_full) {
     for (auto block : {MMC_STATE_NONE, MMC_STATE_RDWR, MMC_STATE_RDONLY, MMC_STATE_EJECTED}) {
-        world.block = block;
+        world.mmc.state = block;
         sdcard_update_state();
     }
     EXPECT_EQ(0, std::count(world.steps.begin(), world.steps.end(), "records_delete_oldest"));
@@ -359,13 +252,14 @@ TEST_F(sdcard, starts_in_order) {
     world.refresh_from_mountinfo = true;
     sd.state = SDCARD_NORMAL;
     sdcard_init();
-    EXPECT_EQ((strings{"records_init", "mountpoint_init", "mmc_dev_init", "mmc_rescan", "mountinfo_refresh_state",
-                       "sdcard_status=0", "sdcard_rw=rdwr"}),
+    EXPECT_EQ((strings{"records_init", "mountpoint_init", "mmc_dev_init", "rand_range 0 1800", "mmc_rescan",
+                       "mountinfo_refresh_state", "sdcard_status=0", "sdcard_rw=rdwr", "rpc_send_sdcard_info"}),
               world.steps);
     EXPECT_TRUE(ev_is_active(&sd.refresh_timer));
     EXPECT_EQ(-2, ev_priority(&sd.refresh_timer));
     EXPECT_DOUBLE_EQ(1800, sd.refresh_timer.repeat);
-    EXPECT_NEAR(1800, remaining_s(), 5);
+    EXPECT_NEAR(1800, rig::remaining_s(&sd.refresh_timer), 5);
+    EXPECT_EQ(-1, sd.slow_since);
 }
 
 TEST_F(sdcard, refresh_is_ignored_until_started) {
@@ -386,7 +280,9 @@ TEST_F(sdcard, stops_in_order) {
     start();
     sdcard_exit();
     EXPECT_EQ((strings{"records_exit", "mmc_dev_exit", "mountpoint_exit"}), world.steps);
-    EXPECT_FALSE(ev_is_active(&sd.refresh_timer));
+    for (auto* timer : {&sd.refresh_timer, &sd.info_timer, &sd.speed_timer}) {
+        EXPECT_FALSE(ev_is_active(timer));
+    }
 }
 
 TEST_F(sdcard_death, no_mount_table_no_daemon) {
@@ -418,19 +314,19 @@ TEST_F(sdcard, refresh_says_why_derives_and_postpones_the_periodic_one) {
     ev_timer_stop(EV_DEFAULT, &sd.refresh_timer);
     ev_timer_set(&sd.refresh_timer, 7.0, 1800.0);
     ev_timer_start(EV_DEFAULT, &sd.refresh_timer);
-    world.block = MMC_STATE_NONE;
+    world.mmc.state = MMC_STATE_NONE;
     sdcard_refresh("New Record");
     EXPECT_EQ(strings{"info refresh sdcard state due to New Record"}, logged::lines());
-    EXPECT_EQ((strings{"sdcard_status=1", "sdcard_rw=none"}), world.steps);
-    EXPECT_NEAR(1800, remaining_s(), 5);
+    EXPECT_EQ((strings{"sdcard_status=1", "sdcard_rw=none", "rpc_send_alert 5"}), world.steps);
+    EXPECT_NEAR(1800, rig::remaining_s(&sd.refresh_timer), 5);
 }
 
 TEST_F(sdcard, periodic_refresh_derives_without_a_line) {
     start();
-    world.block = MMC_STATE_RDONLY;
+    world.mmc.state = MMC_STATE_RDONLY;
     ev_invoke(EV_DEFAULT, &sd.refresh_timer, EV_TIMER);
     EXPECT_EQ(strings{}, logged::lines());
-    EXPECT_EQ((strings{"sdcard_status=3", "sdcard_rw=none"}), world.steps);
+    EXPECT_EQ((strings{"sdcard_status=3", "sdcard_rw=none", "rpc_send_alert 4", "rpc_send_sdcard_info"}), world.steps);
 
     // It does not wait for the first derivation either, and takes the place of a job's state.
     for (auto state : {SDCARD_UNKNOWN, SDCARD_FORMATTING, SDCARD_EJECTING}) {
@@ -501,7 +397,7 @@ TEST_F(sdcard, marker_is_asked_for_afresh) {
         strings renamed;
         kernel::on().before = [&](const char* call, const char* path) {
             if (std::string(call) == "rename") {
-                renamed.push_back(std::string(path).substr(sizeof CARD));
+                renamed.push_back(std::string(path).substr(sizeof rig::CARD));
                 if (renamed.back() == row.after) {
                     kernel::write("/mnt/sdcard/manu_test/update.txt", "");
                 }

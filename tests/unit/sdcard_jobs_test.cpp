@@ -1,0 +1,291 @@
+// The card operations: which are refused, what a job begins and ends with, and the keys by which they are asked for.
+#include <cerrno>
+#include <iterator>
+#include <string>
+
+#include "support/card_rig.h"
+
+using rig::tell_on_abort;
+using rig::world;
+
+namespace {
+
+class sdcard_jobs : public rig::test {
+  protected:
+    void SetUp() override {
+        rig::test::SetUp();
+        snprintf(world.mmc.disk.path, sizeof world.mmc.disk.path, "/dev/mmcblk0");
+        snprintf(world.mmc.partitions[0].path, sizeof world.mmc.partitions[0].path, "/dev/mmcblk0p1");
+        world.mmc.partition_count = 1;
+        start();
+    }
+
+    // Ends the chain that runs; the bottom continuation runs nested in it.
+    static void end_chain(bool ok, int code) {
+        closure_frame* frame = world.running;
+        world.running = nullptr;
+        ASSERT_NE(nullptr, frame);
+        ok ? closure_succeed(frame, code) : closure_fail(frame, code);
+    }
+};
+using sdcard_jobs_death = sdcard_jobs;
+
+struct job {
+    int (*start)();
+    const char* operation;
+    const char* chain;
+    const char* chain_step;
+    const char* name;
+    const char* status;
+};
+constexpr job JOBS[] = {
+    {sdcard_mkfs, "sdcard_mkfs", "cl_next_mkfs", "cl_next_mkfs", "mkfs", "4"},
+    {sdcard_eject, "sdcard_eject", "cl_next_eject", "cl_next_eject", "eject", "7"},
+    {sdcard_fsck, "sdcard_fsck", "cl_next_fsck", "cl_next_fsck /dev/mmcblk0p1", "fsck", "6"},
+};
+
+TEST_F(sdcard_jobs, publishes_its_state_runs_and_gives_the_card_its_own_state_back) {
+    for (const auto& job : JOBS) {
+        for (bool ok : {true, false}) {
+            SCOPED_TRACE(std::string(job.name) + (ok ? " succeeds" : " fails"));
+            SetUp();
+            EXPECT_EQ(0, job.start());
+            EXPECT_EQ((strings{std::string("sdcard_status=") + job.status, "sdcard_rw=none", job.chain_step}),
+                      world.steps);
+            EXPECT_EQ(
+                strings{std::string("debug closure: ") + job.operation + "(): " + job.chain + " -> on_closure_done"},
+                logged::lines());
+            EXPECT_EQ(CLOSURE_BUSY, sd.closure.status);
+
+            world.steps.clear();
+            logged::reset();
+            end_chain(ok, ok ? 0 : 16);
+            EXPECT_EQ(
+                strings{std::string(ok ? "info" : "err") + " closure: " + job.name + (ok ? " successful" : " failed")},
+                logged::lines());
+            EXPECT_EQ((strings{"sdcard_status=0", "sdcard_rw=rdwr"}), world.steps);
+            EXPECT_EQ(ok ? CLOSURE_OK : CLOSURE_FAILED, sd.closure.status);
+            EXPECT_EQ(sd.closure.slots - 1, sd.closure.top);
+        }
+    }
+}
+
+TEST_F(sdcard_jobs, only_one_at_a_time) {
+    for (const auto& running : JOBS) {
+        for (const auto& refused : JOBS) {
+            SCOPED_TRACE(std::string(refused.name) + " while there is " + running.name);
+            SetUp();
+            ASSERT_EQ(0, running.start());
+            world.steps.clear();
+            logged::reset();
+            errno = 0;
+            EXPECT_EQ(-1, refused.start());
+            EXPECT_EQ(EBUSY, errno);
+            EXPECT_EQ(strings{std::string("err ") + refused.operation + ": closure is busy"}, logged::lines());
+            EXPECT_EQ(strings{}, world.steps);
+
+            end_chain(true, 0);
+            EXPECT_EQ(0, refused.start()) << "free again";
+            end_chain(true, 0);
+        }
+    }
+}
+
+TEST_F(sdcard_jobs, busy_is_told_before_anything_else) {
+    ASSERT_EQ(0, sdcard_mkfs());
+    world.mmc.state = MMC_STATE_NONE;
+    sd.state = SDCARD_NOT_EXISTS;
+    for (const auto& job : JOBS) {
+        errno = 0;
+        EXPECT_EQ(-1, job.start());
+        EXPECT_EQ(EBUSY, errno);
+    }
+}
+
+TEST_F(sdcard_jobs, format_and_check_need_a_writable_card) {
+    for (int state : {0, 2, 3, 9}) {
+        world.mmc.state = static_cast<mmc_state>(state);
+        logged::reset();
+        errno = 0;
+        EXPECT_EQ(-1, sdcard_mkfs());
+        EXPECT_EQ(EINVAL, errno);
+        errno = 0;
+        EXPECT_EQ(-1, sdcard_fsck());
+        EXPECT_EQ(EINVAL, errno);
+        const std::string number = std::to_string(state);
+        EXPECT_EQ((strings{"err sdcard_mkfs: Unable to format sdcard when mmc device in " + number + " state.",
+                           "err sdcard_fsck: Unable to check filesystem when mmc device in " + number + " state."}),
+                  logged::lines());
+    }
+    EXPECT_EQ(strings{}, world.steps);
+    EXPECT_EQ(SDCARD_NORMAL, sd.state);
+}
+
+TEST_F(sdcard_jobs, check_takes_the_first_partition_or_else_the_disk) {
+    world.mmc.partition_count = 7;
+    ASSERT_EQ(0, sdcard_fsck());
+    EXPECT_EQ("cl_next_fsck /dev/mmcblk0p1", world.steps.back());
+    end_chain(true, 0);
+    world.mmc.partition_count = 0;
+    ASSERT_EQ(0, sdcard_fsck());
+    EXPECT_EQ("cl_next_fsck /dev/mmcblk0", world.steps.back());
+}
+
+TEST_F(sdcard_jobs, eject_goes_by_the_card_state) {
+    struct {
+        sdcard_state state;
+        int result;
+        const char* line;
+        bool starts;
+    } rows[] = {
+        {SDCARD_NORMAL, 0, "", true},
+        {SDCARD_FULL, 0, "", true},
+        {SDCARD_BROKEN, 0, "", true},
+        {static_cast<sdcard_state>(8), 0, "", true},
+        {SDCARD_NOT_EXISTS, -1, "debug sdcard_eject: sdcard is not exists", false},
+        {SDCARD_EJECT, 0, "", false},
+        {SDCARD_EJECTING, 0, "", false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.state);
+        SetUp();
+        sd.state = row.state;
+        errno = 77;
+        EXPECT_EQ(row.result, sdcard_eject());
+        if (!row.starts) {
+            EXPECT_EQ(77, errno);
+            EXPECT_EQ(row.line[0] != '\0' ? strings{row.line} : strings{}, logged::lines());
+            EXPECT_EQ(strings{}, world.steps);
+            EXPECT_EQ(row.state, sd.state);
+        } else {
+            EXPECT_EQ(SDCARD_EJECTING, sd.state);
+            EXPECT_EQ("cl_next_eject", world.steps.back());
+        }
+    }
+}
+
+TEST_F(sdcard_jobs_death, eject_in_a_job_state_without_a_job_ends_the_process) {
+    struct {
+        sdcard_state state;
+        const char* said;
+    } rows[] = {
+        {SDCARD_FORMATTING, "^\\[crit sdcard_eject: Unexpected sdcard status formatting.\\]\\(abort\\)"},
+        {SDCARD_FIXING, "^\\[crit sdcard_eject: Unexpected sdcard status fixing.\\]\\(abort\\)"},
+        {SDCARD_UNKNOWN, "^\\(abort\\)"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EXIT(
+            {
+                tell_on_abort();
+                sd.state = row.state;
+                sdcard_eject();
+            },
+            testing::KilledBySignal(SIGABRT), row.said);
+    }
+}
+
+TEST_F(sdcard_jobs, nobody_derives_a_state_while_a_job_runs_but_the_periodic_refresh) {
+    ASSERT_EQ(0, sdcard_mkfs());
+    ev_timer_stop(EV_DEFAULT, &sd.refresh_timer);
+    ev_timer_set(&sd.refresh_timer, 7.0, 1800.0);
+    ev_timer_start(EV_DEFAULT, &sd.refresh_timer);
+    world.steps.clear();
+    logged::reset();
+    world.mmc.state = MMC_STATE_NONE;
+    sdcard_refresh("Mountinfo changed.");
+    EXPECT_EQ(strings{}, world.steps);
+    EXPECT_EQ(strings{}, logged::lines());
+    EXPECT_EQ(SDCARD_FORMATTING, sd.state);
+    EXPECT_LT(rig::remaining_s(&sd.refresh_timer), 8) << "the periodic refresh is not postponed";
+
+    ev_invoke(EV_DEFAULT, &sd.refresh_timer, EV_TIMER);
+    EXPECT_EQ(SDCARD_NOT_EXISTS, sd.state);
+    EXPECT_EQ(CLOSURE_BUSY, sd.closure.status);
+}
+
+TEST_F(sdcard_jobs, a_job_that_has_ended_lets_refreshes_through) {
+    for (bool ok : {true, false}) {
+        ASSERT_EQ(0, sdcard_mkfs());
+        end_chain(ok, 1);
+        logged::reset();
+        sdcard_refresh("New Record");
+        EXPECT_EQ(strings{"info refresh sdcard state due to New Record"}, logged::lines());
+    }
+}
+
+TEST_F(sdcard_jobs, the_end_of_a_job_frees_space_like_any_derivation) {
+    ASSERT_EQ(0, sdcard_mkfs());
+    world.steps.clear();
+    fill();
+    world.after_delete = {40960};
+    end_chain(true, 0);
+    EXPECT_EQ((strings{"records_delete_oldest", "sdcard_status=0", "sdcard_rw=rdwr"}), world.steps);
+}
+
+TEST_F(sdcard_jobs, stopping_leaves_a_job_alone) {
+    ASSERT_EQ(0, sdcard_mkfs());
+    world.steps.clear();
+    sdcard_exit();
+    EXPECT_EQ((strings{"records_exit", "mmc_dev_exit", "mountpoint_exit"}), world.steps);
+    EXPECT_EQ(CLOSURE_BUSY, sd.closure.status);
+}
+
+// --- the request keys ------------------------------------------------------------------------------------------------
+
+struct request {
+    void (*notify)(void*, const char*, size_t);
+    const char* key;
+    const char* chain;
+};
+constexpr request REQUESTS[] = {
+    {on_spec_sdcard_format, "spec_sdcard_format", "cl_next_mkfs"},
+    {on_spec_sdcard_unmount, "spec_sdcard_unmount", "cl_next_eject"},
+};
+
+TEST_F(sdcard_jobs, a_request_starts_the_job_and_is_answered_with_the_time) {
+    for (const auto& request : REQUESTS) {
+        for (const char* value : {"start", "start1234", "starting"}) {
+            SCOPED_TRACE(value);
+            SetUp();
+            kernel::on().now = 1'795'231'084;
+            request.notify(nullptr, value, 0);  // the length is not looked at
+            ASSERT_EQ(4U, world.steps.size());
+            EXPECT_EQ(request.chain, world.steps[2]);
+            EXPECT_EQ(std::string(request.key) + "=end1795231084", world.steps[3]);
+        }
+    }
+}
+
+TEST_F(sdcard_jobs, what_does_not_begin_with_start_is_no_request) {
+    for (const auto& request : REQUESTS) {
+        request.notify(nullptr, nullptr, 0);
+        for (const char* value : {"", "stop", "star", "Start", " start", "end1795231084"}) {
+            request.notify(nullptr, value, 5);
+        }
+    }
+    EXPECT_EQ(strings{}, world.steps);
+    EXPECT_EQ(strings{}, logged::lines());
+}
+
+TEST_F(sdcard_jobs, a_refused_request_is_answered_all_the_same) {
+    kernel::on().now = 1000;
+    ASSERT_EQ(0, sdcard_fsck());
+    for (const auto& request : REQUESTS) {
+        world.steps.clear();
+        request.notify(nullptr, "start", 5);
+        EXPECT_EQ(strings{std::string(request.key) + "=end1000"}, world.steps);
+    }
+    end_chain(true, 0);
+    world.mmc.state = MMC_STATE_RDONLY;
+    world.steps.clear();
+    on_spec_sdcard_format(nullptr, "start", 5);
+    EXPECT_EQ(strings{"spec_sdcard_format=end1000"}, world.steps);
+}
+
+TEST_F(sdcard_jobs, the_answer_is_the_time_as_a_signed_32_bit_number) {
+    kernel::on().now = -5;
+    on_spec_sdcard_format(nullptr, "start", 5);
+    EXPECT_EQ("spec_sdcard_format=end-5", world.steps.back());
+}
+
+}  // namespace

@@ -1,0 +1,61 @@
+// What surrounds the card manager in its unit tests: the card's devices, mount and recordings, the keys, the reports,
+// and the chains of the jobs, which end when the test says so. The closure engine is the real one.
+#pragma once
+
+#include <deque>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+#include "closure.h"
+#include "mmc.h"
+#include "mountpoint.h"
+#include "sdcard.h"
+#include "support/kernel.h"
+#include "support/log.h"
+
+using strings = std::vector<std::string>;
+
+namespace rig {
+
+constexpr char CARD[] = "/mnt/sdcard";
+
+// What the neighbours say, and what they were asked, in order.
+struct neighbours {
+    mmc_manager mmc;
+    mountpoint_manager mountpoint = {};
+    uint64_t f_bavail = 1 << 20;
+    int32_t f_bsize = 4096;
+    int statfs_result = 0;
+    int mountpoint_init_result = 0;
+    int mmc_dev_init_result = 0;
+    int delete_errno = 0;               // not 0: records_delete_oldest fails with it
+    std::deque<uint64_t> after_delete;  // f_bavail after each deletion
+    bool refresh_from_mountinfo = false;
+    int speed = MMC_SPEED_NO_BASELINE;  // mmc_calc_write_speed
+    int speed_errno = 0;
+    uint32_t written = 0;              // sectors; told only when the speed is not negative
+    std::deque<int> random;            // what rand_range gives; empty: its lower end
+    closure_frame* running = nullptr;  // the frame of a chain that was started and has not ended
+    strings steps;                     // "mmc_rescan", "sdcard_status=0", "rpc_send_alert 5", "cl_next_mkfs"
+};
+extern neighbours world;
+
+// Which timer is due in how many seconds.
+double remaining_s(ev_timer* timer);
+
+// A fresh card, mounted, on a daemon that has not started.
+class test : public testing::Test {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Starts and forgets what was seen of it.
+    static void start();
+    static void fill(uint64_t free_kib = 0);
+};
+
+// What a test that ends by abort has logged and done, for the parent to read.
+void tell_on_abort();
+
+}  // namespace rig
