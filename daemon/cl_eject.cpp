@@ -11,8 +11,7 @@
 
 namespace {
 
-// The steps, in the order in which they fire:
-//   cl_next_eject                                   takes the card off its mount point
+// The steps, in the order in which they fire. cl_next_eject takes the card off its mount point; then
 void next_eject(closure_frame* frame, void*);  // closes it to writes
 
 }  // namespace

@@ -13,8 +13,8 @@
 
 namespace {
 
-// The steps, in the order in which they fire. The argument is the device's path, a copy of the job's own:
-//   cl_next_fsck                                             takes the card off its mount point
+// The steps, in the order in which they fire. cl_next_fsck takes the card off its mount point; then these, whose
+// argument is the device's path, a copy of the job's own:
 void next_fsck(closure_frame* frame, void* argument);    // checks the filesystem
 void next_finish(closure_frame* frame, void* argument);  // mounts the card again
 

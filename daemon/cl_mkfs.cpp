@@ -15,8 +15,7 @@
 
 namespace {
 
-// The steps, in the order in which they fire:
-//   cl_next_mkfs                                       takes the card off its mount point
+// The steps, in the order in which they fire. cl_next_mkfs takes the card off its mount point; then
 void next_fdisk(closure_frame* frame, void*);      // writes the partition table
 void next_partprobe(closure_frame* frame, void*);  // has the kernel read it, and makes the filesystem
 void next_finish(closure_frame* frame, void*);     // mounts the card again
@@ -24,7 +23,9 @@ void next_finish(closure_frame* frame, void*);     // mounts the card again
 // To fdisk: a new DOS table (o), a new partition (n), primary (p), number 1 (1), from the first sector to the last (two
 // empty lines), of type (t) FAT32 with LBA (c), written (w).
 constexpr char fdisk_script[] = "o\nn\np\n1\n\n\nt\nc\nw\n";
-// Its NUL is sent too. fdisk has what it needs by then and leaves at the "w".
+// Its NUL is sent too. fdisk has what it needs by then and leaves at the "w". That holds for BusyBox's, which cameras
+// have. The one of util-linux (2.38) takes all lines in at once and then, before each of them, waits for more to come:
+// with the pipe open until it ends, it never does.
 static_assert(sizeof fdisk_script == 17);
 
 __attribute__((format(printf, 1, 2))) void cl_mkfs_err(const char* format, ...) {

@@ -17,8 +17,7 @@
 
 namespace {
 
-// The steps, in the order in which they fire; the last two take turns:
-//   cl_next_umount                                               the first try
+// The steps, in the order in which they fire. cl_next_umount is the first try; then these two take turns:
 void on_retry_umount(struct ev_loop*, ev_timer* timer, int);  // half a second later: the next try, then fuser
 void fuser_done(closure_frame* frame, void* argument);        // reports the holders; waits for the next try or gives up
 

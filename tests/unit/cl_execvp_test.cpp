@@ -413,7 +413,8 @@ TEST_F(cl_execvp, our_ends_do_not_block_and_both_ends_are_close_on_exec) {
 TEST_F(cl_execvp, seventeen_bytes_arrive_and_are_told_once) {
     static constexpr char script[] = "o\nn\np\n1\n\n\nt\nc\nw\n";  // its NUL is the seventeenth
     static_assert(sizeof script == 17);
-    make_program("fdisk", "head -c 17 >" + folder + "/got");
+    make_gate();
+    make_program("fdisk", "head -c 17 >" + folder + "/got; read x <&9");
     const char* path = getenv("PATH");
     ASSERT_NE(path, nullptr);
     const std::string old = path;
@@ -421,6 +422,9 @@ TEST_F(cl_execvp, seventeen_bytes_arrive_and_are_told_once) {
     push();
     cl_next_execvp_write(&frame, vector_of({"fdisk", "/dev/mmcblk0"}).data(), script, sizeof script);
     setenv("PATH", old.c_str(), 1);
+    turn_until("all is sent", [] { return !logged::lines().empty(); });
+    EXPECT_FALSE(ev_is_active(io_started[0])) << "nothing more is written";
+    open_gate();
     EXPECT_EQ(outcome(), "2 0");
     EXPECT_EQ(file_content(folder + "/got"), std::string(script, sizeof script));
     EXPECT_EQ(logged::lines(), list{"debug exec-fdisk: all stdin data has been sent."});
@@ -457,6 +461,7 @@ TEST_F(cl_execvp, child_that_closes_its_input) {
 
 TEST_F(cl_execvp, child_that_ends_with_input_unread) {
     start_write("exit 0", std::string(200000, 'x'));
+    wait_for_zombie();  // so that its end is seen before the broken pipe, with writing still under way
     EXPECT_EQ(outcome(), "2 0") << "what it did not want is no failure";
     EXPECT_FALSE(logged::has("debug exec-sh: all stdin data has been sent."));
 }
@@ -494,6 +499,7 @@ TEST_F(cl_execvp, capture_of_every_length) {
         start_read("head -c " + std::to_string(printed) + " /dev/zero | tr '\\0' x; read x <&9; exit 0", buffer, size);
         if (printed >= size) {
             turn_until("it is full", [] { return logged::has(OVERFLOWN); });
+            EXPECT_FALSE(ev_is_active(io_started.back())) << "nothing more is read";
         } else if (printed > 0) {
             const uint32_t last = printed - 1;
             turn_until("all has arrived", [&] { return buffer[last] == 'x'; });

@@ -6,6 +6,7 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include "cl_execvp.h"
@@ -116,9 +117,18 @@ std::string stat_of(int pid, const std::string& name) {
     return std::to_string(pid) + " (" + name + ") S 1 1 1 0 -1 4194560 0 0\n";
 }
 
+// The number that the next descriptor gets.
+int next_descriptor() {
+    ev_default_loop(0);  // made by the first who asks, with descriptors of its own
+    const int fd = dup(STDERR_FILENO);
+    close(fd);
+    return fd;
+}
+
 class cl_umount : public testing::Test {
   protected:
     closure_frame frame;
+    const int free_before = next_descriptor();
 
     void SetUp() override {
         kernel::reset();
@@ -133,7 +143,10 @@ class cl_umount : public testing::Test {
         closure_init(&frame, nullptr);
     }
 
-    void TearDown() override { EXPECT_EQ(ev_run(ev_default_loop(0), EVRUN_NOWAIT), 0) << "a watcher is left behind"; }
+    void TearDown() override {
+        EXPECT_EQ(ev_run(ev_default_loop(0), EVRUN_NOWAIT), 0) << "a watcher is left behind";
+        EXPECT_EQ(next_descriptor(), free_before) << "a descriptor is left behind";
+    }
 
     void start() {
         closure_setup_frame(&frame, on_closure_done, nullptr);
@@ -274,6 +287,7 @@ TEST_F(cl_umount, reports_who_holds_the_card) {
         {"blanks only", " \n  \n", {}},
         {"one", "71", {"recorder"}},
         {"several, blanks and newlines between", " 71 72\n 73\n", {"recorder", "sh", "a b"}},
+        {"newlines only between", "71\n72\n73", {"recorder", "sh", "a b"}},
         {"the same twice", "71 71", {"recorder", "recorder"}},
         {"five", "71 72 73 74 75", {"recorder", "sh", "a b", "n4", "n5"}},
         {"more than five", "71 72 73 74 75 76 77", {"recorder", "sh", "a b", "n4", "n5"}},
