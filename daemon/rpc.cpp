@@ -145,12 +145,13 @@ json_object* fs_to_json() {
     if (object == nullptr) {
         return nullptr;
     }
-    // Each with the sign that its field has: a magic number with the highest bit set is negative on the camera.
     const auto add = [object](const char* name, auto value) {
         json_object_object_add(object, name, json_object_new_int64(static_cast<int64_t>(value)));
     };
-    add("f_type", space.f_type);
-    add("f_bsize", space.f_bsize);
+    // Signed words, so that a magic number with the highest bit set is negative on the camera, also with a C library
+    // that declares them unsigned.
+    add("f_type", static_cast<long>(space.f_type));
+    add("f_bsize", static_cast<long>(space.f_bsize));
     add("f_blocks", space.f_blocks);
     add("f_bfree", space.f_bfree);
     add("f_bavail", space.f_bavail);

@@ -6,8 +6,8 @@
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 #include <map>
+#include <memory>
 #include <string>
-#include <sys/statfs.h>
 #include <vector>
 
 #include "mountpoint.h"
@@ -16,284 +16,382 @@
 #include "support/kernel.h"
 #include "support/log.h"
 
-using strings = std::vector<std::string>;
+using namespace std::string_literals;
+using list = std::vector<std::string>;
+using timestamps = std::vector<uint32_t>;
 
-// --- stand-ins for the neighbours ------------------------------------------------------------------------------------
+// --- stand-ins for the neighbours: the recordings, the mount, the card -----------------------------------------------
 
 namespace {
 
-sdcard_state state;
-int statfs_result;
-struct statfs space;
-uint64_t used;
-int begin_errno;
+list told;  // calls into the neighbours, in order
+bool memory_is_short;
 int commit_result;
-int job_result;
-std::map<uint32_t, int> mark_errno;  // by timestamp
-strings calls;
+std::vector<timestamps> batches;      // as committed
+std::map<uint32_t, int> mark_errors;  // by timestamp; the others can be marked
+uint64_t used_bytes;
+bool is_mounted;
+struct statfs space;
+sdcard_state state;
+int operation_result;  // of a format or an eject
+std::vector<json_object*> made_arrays;
 
 }  // namespace
 
-sdcard_state sdcard_get_state() {
-    return state;
-}
-int sdcard_mkfs() {
-    calls.emplace_back("sdcard_mkfs");
-    return job_result;
-}
-int sdcard_eject() {
-    calls.emplace_back("sdcard_eject");
-    return job_result;
-}
-int mountpoint_statfs(struct statfs* buffer) {
-    calls.emplace_back("mountpoint_statfs");
-    if (statfs_result == 0) {
-        *buffer = space;
-    }
-    return statfs_result;
-}
-uint64_t record_dir_size() {
-    calls.emplace_back("record_dir_size");
-    return used;
-}
 del_list_entry* records_del_begin(uint32_t count) {
-    if (begin_errno != 0) {
-        errno = begin_errno;
+    told.push_back("begin " + std::to_string(count));
+    if (memory_is_short) {
         return nullptr;
     }
-    auto* batch = static_cast<del_list_entry*>(malloc(sizeof(del_list_entry) + count * sizeof(uint32_t)));
-    memset(batch->ts, 0xee, count * sizeof(uint32_t));
+    const size_t size = sizeof(del_list_entry) + count * sizeof(uint32_t);
+    auto* batch = static_cast<del_list_entry*>(malloc(size));
+    memset(batch, 0xa5, size);  // what the caller does not fill shows
     batch->count = count;
     return batch;
 }
 int records_del_commit(del_list_entry* batch) {
-    std::string text = "commit";
-    for (uint32_t i = 0; i < batch->count; ++i) {
-        text += " " + std::to_string(batch->ts[i]);
-    }
-    calls.push_back(text);
-    free(batch);  // the list's, whatever the result: what the caller does with it afterwards would show
+    told.push_back("commit " + std::to_string(batch->count));
+    batches.emplace_back(batch->ts, batch->ts + batch->count);
+    free(batch);
     return commit_result;
 }
 int records_mark_persistent(uint32_t ts) {
-    calls.push_back("mark " + std::to_string(ts));
-    errno = mark_errno[ts];
-    return errno == 0 ? 0 : -1;
+    told.push_back("mark " + std::to_string(ts));
+    errno = mark_errors.count(ts) != 0 ? mark_errors[ts] : 0;
+    return errno != 0 ? -1 : 0;
+}
+uint64_t record_dir_size() {
+    told.emplace_back("size");
+    return used_bytes;
+}
+int mountpoint_statfs(struct statfs* buffer) {
+    told.emplace_back("statfs");
+    if (!is_mounted) {
+        return -1;
+    }
+    *buffer = space;
+    return 0;
+}
+sdcard_state sdcard_get_state() {
+    told.emplace_back("state");
+    return state;
+}
+int sdcard_mkfs() {
+    told.emplace_back("mkfs");
+    return operation_result;
+}
+int sdcard_eject() {
+    told.emplace_back("eject");
+    return operation_result;
 }
 
 extern "C" {
-
-bool array_fails = false;
 json_object* __real_json_object_new_array();
 json_object* __wrap_json_object_new_array() {
-    return array_fails ? nullptr : __real_json_object_new_array();
+    if (kernel::must_fail("json_object_new_array")) {
+        return nullptr;
+    }
+    made_arrays.push_back(__real_json_object_new_array());
+    return made_arrays.back();
+}
 }
 
-}  // extern "C"
-
 namespace {
+
+struct answer {
+    int32_t code;
+    std::string reply;
+};
+bool operator==(const answer& a, const answer& b) {
+    return a.code == b.code && a.reply == b.reply;
+}
+std::ostream& operator<<(std::ostream& out, const answer& a) {
+    return out << a.code << " " << a.reply;
+}
+
+constexpr int32_t ANSWERED = 0x7fffffff;
 
 class actions : public testing::Test {
   protected:
     void SetUp() override {
         kernel::reset();
         logged::reset();
-        state = SDCARD_NORMAL;
-        statfs_result = begin_errno = commit_result = job_result = 0;
+        told.clear();
+        batches.clear();
+        mark_errors.clear();
+        made_arrays.clear();
+        memory_is_short = false;
+        commit_result = 0;
+        used_bytes = 0;
+        is_mounted = true;
         space = {};
-        used = 0;
-        array_fails = false;
-        mark_errno.clear();
-        calls.clear();
-        reply.clear();
+        state = SDCARD_NORMAL;
+        operation_result = 0;
     }
 
-    // The code that the action gives for these parameters; what it says goes to `reply`.
-    int32_t act(const std::string& name, const char* parameters) {
-        json_object* params = json_tokener_parse(parameters);
-        json_object* object = json_object_new_object();
-        int32_t code = 1;
-        for (const remote_action* action = action_table; action->name != nullptr; ++action) {
-            if (action->name == name) {
-                code = action->handler(nullptr, params, object);
+    // Runs the table's handler of this name as the framework does: with parameters as parsed from a request.
+    static answer run(const std::string& name, const std::string& params) {
+        told.clear();
+        batches.clear();
+        logged::reset();
+        json_object* parsed = params.empty() ? nullptr : json_tokener_parse(params.c_str());
+        EXPECT_EQ(params.empty() || params == "null", parsed == nullptr) << params;
+        const auto text = [](json_object* object) { return json_object_to_json_string_ext(object, 0); };
+        const std::string before = text(parsed);
+        json_object* reply = json_object_new_object();
+        answer result{1, "no such action"};
+        for (const remote_action* row = action_table; row->name != nullptr; ++row) {
+            if (name == row->name) {
+                result.code = row->handler(nullptr, parsed, reply);
+                result.reply = text(reply);
             }
         }
-        reply = json_object_to_json_string_ext(object, JSON_C_TO_STRING_PLAIN);
-        json_object_put(object);
-        json_object_put(params);
-        return code;
+        EXPECT_EQ(json_object_put(reply), 1);
+        if (parsed != nullptr) {
+            EXPECT_EQ(text(parsed), before);
+            EXPECT_EQ(json_object_put(parsed), 1);  // the framework's: nobody else holds it
+        }
+        return result;
     }
-
-    std::string reply;
 };
 
-constexpr const char* BOTH_DELETIONS[] = {"deleteVideo", "deleteSaveVideo"};
-constexpr const char* NO_ARRAYS[] = {"{}", "{\"ts\":1}", "1", "\"1\"", "true", "null", "1.5"};
+const answer DONE{0, "{}"};
 
-TEST_F(actions, the_table) {
-    strings names;
-    const remote_action* action = action_table;
-    for (; action->name != nullptr; ++action) {
-        names.emplace_back(action->name);
-        EXPECT_NE(nullptr, action->handler);
-        EXPECT_EQ(0U, action->reserved[0]);
-        EXPECT_EQ(0U, action->reserved[1]);
+TEST_F(actions, table_in_order_and_ended_by_zeros) {
+    const list names = {"deleteVideo", "deleteSaveVideo", "saveVideo", "sd_storge", "sd_format", "sd_umount"};
+    for (size_t i = 0; i < names.size(); ++i) {
+        EXPECT_EQ(action_table[i].name, names[i]);
+        EXPECT_NE(action_table[i].handler, nullptr);
+        EXPECT_EQ(action_table[i].reserved[0], 0U);
+        EXPECT_EQ(action_table[i].reserved[1], 0U);
     }
-    EXPECT_EQ((strings{"deleteVideo", "deleteSaveVideo", "saveVideo", "sd_storge", "sd_format", "sd_umount"}), names);
-    EXPECT_EQ(nullptr, action->handler);
+    const remote_action zeros{};
+    EXPECT_EQ(memcmp(&action_table[names.size()], &zeros, sizeof zeros), 0);
     EXPECT_EQ(action_table[0].handler, action_table[1].handler);
-}
-
-// --- deleting --------------------------------------------------------------------------------------------------------
-
-TEST_F(actions, deletes_what_is_listed) {
-    struct {
-        const char* parameters;
-        const char* committed;
-    } rows[] = {
-        {"[]", "commit"},
-        {"[1795231084]", "commit 1795231084"},
-        {"[3,1,2,1]", "commit 3 1 2 1"},
-        {"[null,7,null]", "commit 0 7 0"},
-        {"[4294967295,4294967296,4294967303]", "commit 4294967295 0 7"},
-        {"[-1,-4294967295]", "commit 4294967295 1"},
-        {"[9223372036854775807,99999999999999999999]", "commit 4294967295 4294967295"},
-        {"[\"1795231084\",\"x\",true,1.9,{},[5]]", "commit 1795231084 0 1 1 0 0"},
-    };
-    for (const char* name : BOTH_DELETIONS) {
-        for (const auto& row : rows) {
-            SCOPED_TRACE(row.parameters);
-            calls.clear();
-            EXPECT_EQ(0, act(name, row.parameters));
-            EXPECT_EQ(strings{row.committed}, calls);
-            EXPECT_EQ("{}", reply);
-        }
+    for (size_t i = 1; i + 1 < names.size(); ++i) {
+        EXPECT_NE(action_table[i].handler, action_table[i + 1].handler);
     }
-    EXPECT_EQ(strings{}, logged::lines());
 }
 
-TEST_F(actions, what_is_no_array_changes_nothing) {
+// --- deletion and protection -----------------------------------------------------------------------------------------
+
+// What an element of the array is read as. What is no integer follows json-c's conversion, pinned here.
+const struct {
+    const char* json;
+    uint32_t ts;
+} ELEMENTS[] = {
+    {"1790000000", 1'790'000'000},
+    {"0", 0},
+    {"4294967295", 4'294'967'295},  // the largest timestamp
+    {"4294967296", 0},              // cut to 32 bits from here on
+    {"4294967297", 1},
+    {"6084967296", 1'790'000'000},
+    {"-1", 4'294'967'295},
+    {"-2504967296", 1'790'000'000},
+    {"9223372036854775807", 4'294'967'295},
+    {"-9223372036854775808", 0},
+    {"9223372036854775808", 4'294'967'295},  // the nearest 64-bit integer from here on
+    {"18446744073709551615", 4'294'967'295},
+    {"18446744073709551616", 4'294'967'295},
+    {"-9223372036854775809", 0},
+    {"99999999999999999999999999999999999999", 4'294'967'295},
+    {"1790000000.9", 1'790'000'000},
+    {"-1.9", 4'294'967'295},
+    {"1.79e9", 1'790'000'000},
+    {"1e300", 4'294'967'295},
+    {"-1e300", 0},
+    {"true", 1},
+    {"false", 0},
+    {"\"1790000000\"", 1'790'000'000},
+    {"\" 12 and more\"", 12},
+    {"\"-1\"", 4'294'967'295},
+    {"\"4294967297\"", 1},
+    {"\"99999999999999999999\"", 4'294'967'295},
+    {"\"today\"", 0},
+    {"\"\"", 0},
+    {"[1790000000]", 0},
+    {"{\"ts\":1790000000}", 0},
+};
+
+TEST_F(actions, delete_takes_each_element_in_its_place) {
+    std::string params = "[";
+    timestamps expected;
+    for (const auto& element : ELEMENTS) {
+        params += element.json + ","s;
+        expected.push_back(element.ts);
+    }
+    params += "null]";
+    expected.push_back(0);
+    for (const char* name : {"deleteVideo", "deleteSaveVideo"}) {
+        EXPECT_EQ(run(name, params), DONE);
+        const std::string count = std::to_string(expected.size());
+        EXPECT_EQ(told, (list{"begin " + count, "commit " + count}));
+        ASSERT_EQ(batches.size(), 1U);
+        ASSERT_EQ(batches[0].size(), expected.size());
+        for (size_t i = 0; i + 1 < expected.size(); ++i) {
+            EXPECT_EQ(batches[0][i], expected[i]) << ELEMENTS[i].json;
+        }
+        EXPECT_EQ(batches[0].back(), 0U);
+        EXPECT_TRUE(logged::lines().empty());
+    }
+}
+
+TEST_F(actions, save_takes_each_element_but_null) {
+    for (const auto& element : ELEMENTS) {
+        EXPECT_EQ(run("saveVideo", "["s + element.json + "]"), DONE);
+        EXPECT_EQ(told, list{"mark " + std::to_string(element.ts)}) << element.json;
+    }
+    EXPECT_EQ(run("saveVideo", "[null,7,null,5,7,null]"), DONE);
+    EXPECT_EQ(told, (list{"mark 7", "mark 5", "mark 7"}));
+    EXPECT_TRUE(logged::lines().empty());
+}
+
+TEST_F(actions, parameters_that_are_no_array_change_nothing) {
     for (const char* name : {"deleteVideo", "deleteSaveVideo", "saveVideo"}) {
-        for (const char* parameters : NO_ARRAYS) {
-            SCOPED_TRACE(parameters);
-            EXPECT_EQ(-22, act(name, parameters));
+        for (const char* params :
+             {"", "null", "{}", R"({"ts":[1790000000]})", "1790000000", "\"[1]\"", "true", "1.5"}) {
+            EXPECT_EQ(run(name, params), (answer{-22, "{}"})) << name << " " << params;
+            EXPECT_TRUE(told.empty()) << name << " " << params;
+            EXPECT_TRUE(logged::lines().empty());
         }
     }
-    EXPECT_EQ(strings{}, calls);
 }
 
-TEST_F(actions, deletion_without_memory) {
-    begin_errno = ENOMEM;
-    EXPECT_EQ(-12, act("deleteVideo", "[1]"));
-    EXPECT_EQ(strings{}, calls);
+TEST_F(actions, empty_arrays) {
+    EXPECT_EQ(run("deleteVideo", "[]"), DONE);
+    EXPECT_EQ(told, (list{"begin 0", "commit 0"}));  // a batch like any other
+    EXPECT_EQ(run("saveVideo", "[]"), DONE);
+    EXPECT_TRUE(told.empty());
 }
 
-TEST_F(actions, deletion_while_the_index_is_closed_is_answered_like_any_other) {
+TEST_F(actions, delete_without_memory) {
+    memory_is_short = true;
+    EXPECT_EQ(run("deleteVideo", "[1,2,3]"), (answer{-12, "{}"}));
+    EXPECT_EQ(told, list{"begin 3"});
+}
+
+TEST_F(actions, delete_without_an_index_is_done_too) {
     commit_result = -1;
-    EXPECT_EQ(0, act("deleteVideo", "[1]"));
+    EXPECT_EQ(run("deleteVideo", "[1,2,3]"), DONE);
+    EXPECT_EQ(told, (list{"begin 3", "commit 3"}));
+    EXPECT_TRUE(logged::lines().empty());
 }
 
-TEST_F(actions, many_at_once) {
-    std::string parameters = "[1";
-    for (int i = 2; i <= 90000; ++i) {
-        parameters += "," + std::to_string(i);
+TEST_F(actions, as_many_as_a_request_may_carry) {
+    std::string params = "[";
+    for (uint32_t ts = 1'790'000'000; ts < 1'790'090'000; ++ts) {
+        params += std::to_string(ts) + ",";
     }
-    EXPECT_EQ(0, act("deleteVideo", (parameters + "]").c_str()));
-    ASSERT_EQ(1U, calls.size());
-    EXPECT_TRUE(calls[0].ends_with(" 89999 90000"));
+    params.back() = ']';
+    ASSERT_LE(params.size(), 1U << 20);
+    EXPECT_EQ(run("deleteVideo", params), DONE);
+    ASSERT_EQ(batches.size(), 1U);
+    ASSERT_EQ(batches[0].size(), 90'000U);
+    for (uint32_t i = 0; i < 90'000; ++i) {
+        ASSERT_EQ(batches[0][i], 1'790'000'000 + i);
+    }
+    EXPECT_EQ(run("saveVideo", params), DONE);
+    EXPECT_EQ(told.size(), 90'000U);
 }
 
-// --- protecting ------------------------------------------------------------------------------------------------------
-
-TEST_F(actions, marks_each_and_warns_of_those_that_are_not_there) {
-    mark_errno = {{2, ENOENT}, {4294967295, EINVAL}};
-    EXPECT_EQ(0, act("saveVideo", "[1,2,null,-1,4294967299]"));
-    EXPECT_EQ((strings{"mark 1", "mark 2", "mark 4294967295", "mark 3"}), calls);
-    EXPECT_EQ((strings{"warning Error mark 2 as persistent. No such file or directory",
-                       "warning Error mark 4294967295 as persistent. Invalid argument"}),
-              logged::lines());
-    EXPECT_EQ("{}", reply);
+TEST_F(actions, save_warns_once_for_each_that_cannot_be_marked) {
+    mark_errors = {{7, ENOENT}, {4'294'967'295, ENOENT}, {9, EINVAL}, {0, ENOENT}};
+    logged::disturb_errno(EIO);
+    EXPECT_EQ(run("saveVideo", "[7,5,-1,9,0,7]"), DONE);
+    logged::disturb_errno(0);
+    EXPECT_EQ(told, (list{"mark 7", "mark 5", "mark 4294967295", "mark 9", "mark 0", "mark 7"}));
+    const std::string unknown = "warning Error mark 7 as persistent. "s + strerror(ENOENT);
+    EXPECT_EQ(logged::lines(), (list{unknown, "warning Error mark 4294967295 as persistent. "s + strerror(ENOENT),
+                                     "warning Error mark 9 as persistent. "s + strerror(EINVAL),
+                                     "warning Error mark 0 as persistent. "s + strerror(ENOENT), unknown}));
 }
 
-TEST_F(actions, nothing_to_mark) {
-    EXPECT_EQ(0, act("saveVideo", "[]"));
-    EXPECT_EQ(0, act("saveVideo", "[null]"));
-    EXPECT_EQ(strings{}, calls);
-}
+// --- storage ---------------------------------------------------------------------------------------------------------
 
-// --- figures ---------------------------------------------------------------------------------------------------------
-
-TEST_F(actions, figures_by_card_state) {
-    struct {
+TEST_F(actions, storage_by_state) {
+    const struct {
         int32_t state;
-        int32_t code;
-    } rows[] = {{0, 0x7fffffff}, {1, -2003}, {2, 0x7fffffff}, {3, -2002},          {4, -2000},
-                {5, -2005},      {6, -2000}, {7, -2000},      {0x7fffffff, -2003}, {8, 0x7fffffff}};
+        answer expected;
+    } rows[] = {
+        {SDCARD_NORMAL, {ANSWERED, R"({"result":[40960,12345,8192,0]})"}},
+        {SDCARD_NOT_EXISTS, {-2003, "{}"}},
+        {SDCARD_FULL, {ANSWERED, R"({"result":[40960,12345,8192,2]})"}},
+        {SDCARD_BROKEN, {-2002, "{}"}},
+        {SDCARD_FORMATTING, {-2000, "{}"}},
+        {SDCARD_EJECT, {-2005, "{}"}},
+        {SDCARD_FIXING, {-2000, "{}"}},
+        {SDCARD_EJECTING, {-2000, "{}"}},
+        {SDCARD_UNKNOWN, {-2003, "{}"}},
+        {8, {ANSWERED, R"({"result":[40960,12345,8192,8]})"}},
+        {-1, {ANSWERED, R"({"result":[40960,12345,8192,-1]})"}},
+    };
+    space.f_bsize = 4096;
+    space.f_blocks = 10;
+    space.f_bfree = 3;  // what root may take beside is not offered
+    space.f_bavail = 2;
+    used_bytes = 12345;
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.state);
-        calls.clear();
         state = static_cast<sdcard_state>(row.state);
-        EXPECT_EQ(row.code, act("sd_storge", "null"));
-        if (row.code == 0x7fffffff) {
-            EXPECT_EQ((strings{"record_dir_size", "mountpoint_statfs"}), calls);
-            EXPECT_EQ("{\"result\":[0,0,0," + std::to_string(row.state) + "]}", reply);
-        } else {
-            EXPECT_EQ(strings{}, calls);
-            EXPECT_EQ("{}", reply);
+        EXPECT_EQ(run("sd_storge", "{}"), row.expected) << row.state;
+        // The folder is looked at before the filesystem, and neither without a card to look at.
+        EXPECT_EQ(told, row.expected.code == ANSWERED ? (list{"state", "size", "statfs"}) : list{"state"}) << row.state;
+        EXPECT_TRUE(logged::lines().empty());
+    }
+}
+
+TEST_F(actions, storage_in_64_bits) {
+    space.f_bsize = 32768;
+    space.f_blocks = 7'800'000;
+    space.f_bavail = 4'000'000;
+    used_bytes = 5'000'000'000;
+    EXPECT_EQ(run("sd_storge", "{}"), (answer{ANSWERED, R"({"result":[255590400000,5000000000,131072000000,0]})"}));
+    space.f_blocks = 1ULL << 33;
+    space.f_bavail = (1ULL << 33) - 1;
+    used_bytes = 1ULL << 62;
+    EXPECT_EQ(run("sd_storge", "[]"),
+              (answer{ANSWERED, R"({"result":[281474976710656,4611686018427387904,281474976677888,0]})"}));
+}
+
+TEST_F(actions, storage_takes_any_parameters) {
+    for (const char* params : {"", "null", "{}", "[1,2]", "\"x\"", "7"}) {
+        EXPECT_EQ(run("sd_storge", params), (answer{ANSWERED, R"({"result":[0,0,0,0]})"})) << params;
+    }
+}
+
+TEST_F(actions, storage_without_a_mount_keeps_the_array) {
+    is_mounted = false;
+    EXPECT_EQ(run("sd_storge", "{}"), (answer{-2002, "{}"}));
+    EXPECT_EQ(told, (list{"state", "size", "statfs"}));
+    ASSERT_EQ(made_arrays.size(), 1U);
+    EXPECT_EQ(json_object_put(made_arrays[0]), 1);  // still there, and nobody else's
+}
+
+TEST_F(actions, storage_without_memory) {
+    kernel::fail("json_object_new_array", ENOMEM);
+    EXPECT_EQ(run("sd_storge", "{}"), (answer{-12, "{}"}));
+    EXPECT_EQ(told, list{"state"});
+}
+
+// --- format and eject ------------------------------------------------------------------------------------------------
+
+TEST_F(actions, format_and_eject) {
+    const struct {
+        const char* name;
+        int result;
+        int32_t code;
+        const char* call;
+    } rows[] = {
+        {"sd_format", 0, 0, "mkfs"},  {"sd_format", -1, -2003, "mkfs"},  {"sd_format", 1, 0, "mkfs"},
+        {"sd_umount", 0, 0, "eject"}, {"sd_umount", -1, -2002, "eject"}, {"sd_umount", 1, 0, "eject"},
+    };
+    for (const auto& row : rows) {
+        for (const char* params : {"", "{}", "[1]", "\"start\""}) {
+            operation_result = row.result;
+            EXPECT_EQ(run(row.name, params), (answer{row.code, "{}"})) << row.name << " " << row.result;
+            EXPECT_EQ(told, list{row.call});
+            EXPECT_TRUE(logged::lines().empty());
         }
     }
-}
-
-TEST_F(actions, figures_in_bytes_of_64_bits) {
-    state = SDCARD_FULL;
-    space.f_blocks = 0xf0000000U;
-    space.f_bsize = 32768;
-    space.f_bavail = 0x80000000U;
-    space.f_bfree = 1;
-    used = 0x123456789a;
-    EXPECT_EQ(0x7fffffff, act("sd_storge", "[1,2]"));
-    EXPECT_EQ(R"({"result":[131941395333120,78187493530,70368744177664,2]})", reply);
-}
-
-TEST_F(actions, no_figures_without_memory) {
-    array_fails = true;
-    EXPECT_EQ(-12, act("sd_storge", "{}"));
-    EXPECT_EQ(strings{}, calls);
-}
-
-// --- jobs ------------------------------------------------------------------------------------------------------------
-
-TEST_F(actions, jobs_are_started_whatever_the_parameters) {
-    for (const char* parameters : NO_ARRAYS) {
-        calls.clear();
-        EXPECT_EQ(0, act("sd_format", parameters));
-        EXPECT_EQ(0, act("sd_umount", parameters));
-        EXPECT_EQ((strings{"sdcard_mkfs", "sdcard_eject"}), calls);
-        EXPECT_EQ("{}", reply);
-    }
-    job_result = -1;
-    EXPECT_EQ(-2003, act("sd_format", "[]"));
-    EXPECT_EQ(-2002, act("sd_umount", "[]"));
-}
-
-}  // namespace
-
-// The figures' array is not released when the card vanishes between two questions, and that is so on purpose; the leak
-// checker need not hear of it.
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/lsan_interface.h>
-#endif
-
-namespace {
-
-TEST_F(actions, no_figures_of_a_card_that_is_not_mounted) {
-    statfs_result = -1;
-#if defined(__SANITIZE_ADDRESS__)
-    const __lsan::ScopedDisabler kept;
-#endif
-    EXPECT_EQ(-2002, act("sd_storge", "{}"));
-    EXPECT_EQ((strings{"record_dir_size", "mountpoint_statfs"}), calls);
-    EXPECT_EQ("{}", reply);
 }
 
 }  // namespace

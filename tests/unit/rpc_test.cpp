@@ -1,12 +1,15 @@
 #include "rpc.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <json-c/json.h>
-#include <map>
 #include <string>
-#include <sys/statfs.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -17,382 +20,637 @@
 #include "support/log.h"
 #include "vesk_statistics.h"
 
-using strings = std::vector<std::string>;
+using namespace std::string_literals;
+using list = std::vector<std::string>;
 
-// --- stand-ins for the neighbours ------------------------------------------------------------------------------------
+// --- stand-ins for the neighbours: the block devices, the mount, the card's state, the statistics library -----------
 
 namespace {
 
-mmc_manager mmc;
+mmc_manager block_devices;
 sdcard_state state;
-int statfs_result;
+bool is_mounted;
 struct statfs space;
-strings sent;  // "<event> <JSON>"
+list reports;  // "<event name> <JSON>"
+int report_result;
+bool types_are_told;         // by readdir
+std::vector<int> inherited;  // descriptors read from that a child would inherit
+list entries;                // names in the order in which readdir gave them
 
 }  // namespace
 
 mmc_manager* mmc_get_manager() {
-    return &mmc;
+    return &block_devices;
 }
 sdcard_state sdcard_get_state() {
     return state;
 }
 int mountpoint_statfs(struct statfs* buffer) {
-    if (statfs_result == 0) {
-        *buffer = space;
+    if (!is_mounted) {
+        return -1;
     }
-    return statfs_result;
+    *buffer = space;
+    return 0;
 }
-int report_stat_object(const char* event_name, json_object* object) {
-    sent.push_back(std::string(event_name) + " " + json_object_to_json_string_ext(object, JSON_C_TO_STRING_PLAIN));
-    json_object_put(object);
-    return -1;  // whatever becomes of a report is nobody's business here
+extern "C" int report_stat_object(const char* event_name, json_object* object) {
+    reports.push_back(event_name + " "s + json_object_to_json_string_ext(object, JSON_C_TO_STRING_PLAIN));
+    EXPECT_EQ(json_object_put(object), 1);  // ours now: nobody else holds it
+    return report_result;
 }
 
 extern "C" {
-
-// Of json-c's objects, the n-th that is made, counted from now, cannot be; 0: all can.
-int objects_until_failure = 0;
-bool object_fails() {
-    return objects_until_failure > 0 && --objects_until_failure == 0;
-}
 json_object* __real_json_object_new_object();
-json_object* __wrap_json_object_new_object() {
-    return object_fails() ? nullptr : __real_json_object_new_object();
-}
 json_object* __real_json_object_new_array();
-json_object* __wrap_json_object_new_array() {
-    return object_fails() ? nullptr : __real_json_object_new_array();
-}
+DIR* __real_fdopendir(int);
+dirent* __real_readdir64(DIR*);
+ssize_t __real_read(int, void*, size_t);
 
-}  // extern "C"
+json_object* __wrap_json_object_new_object() {
+    return kernel::must_fail("json_object_new_object") ? nullptr : __real_json_object_new_object();
+}
+json_object* __wrap_json_object_new_array() {
+    return kernel::must_fail("json_object_new_array") ? nullptr : __real_json_object_new_array();
+}
+DIR* __wrap_fdopendir(int fd) {
+    return kernel::must_fail("fdopendir") ? nullptr : __real_fdopendir(fd);
+}
+dirent* __wrap_readdir64(DIR* dir) {
+    dirent* entry = __real_readdir64(dir);
+    if (entry != nullptr) {
+        entries.emplace_back(entry->d_name);
+        if (!types_are_told) {
+            entry->d_type = DT_UNKNOWN;
+        }
+    }
+    return entry;
+}
+ssize_t __wrap_read(int fd, void* buffer, size_t size) {
+    if ((fcntl(fd, F_GETFD) & FD_CLOEXEC) == 0) {
+        inherited.push_back(fd);
+    }
+    return kernel::must_fail("read") ? -1 : __real_read(fd, buffer, size);
+}
+}
 
 namespace {
 
-int next_free_descriptor() {
-    const int fd = dup(STDERR_FILENO);
-    close(fd);
-    return fd;
+constexpr char DISK[] = "/sys/devices/host/mmc0:0001/block/mmcblk0/";
+constexpr char CARD[] = "/sys/devices/host/mmc0:0001/";
+
+constexpr char SLOW[] = R"(sdcard.alert {"type":1,"mean_speed":100000,"elapse":60,"active_sec":2048)";
+constexpr char BUSY[] = R"(sdcard.alert {"type":2,"fuser":["recorder"])";
+
+// The clock, which never goes back here: the module remembers when it sent its alerts.
+int64_t now_s;
+
+void advance(int64_t seconds) {
+    now_s += seconds;
+    kernel::on().now = static_cast<time_t>(now_s);
 }
 
-// The cool-downs live as long as the process; each test begins long after the last one's end.
-time_t clock_s = 1'790'000'000;
+void send_slow() {
+    rpc_send_alert_slow(100'000, 60, 2048);
+}
+void send_busy() {
+    const char names[][RPC_FUSER_NAME_SIZE] = {"recorder"};
+    rpc_send_alert_umount_fail(1, names);
+}
+void send_broken() {
+    rpc_send_alert(RPC_ALERT_BROKEN);
+}
+void send_gone() {
+    rpc_send_alert(RPC_ALERT_NOT_EXISTS);
+}
+
+// What a process that has just started sends at 299 s and at 300 s after 1970, which only the first tests of a process
+// could see.
+class fresh_process : public testing::Environment {
+  public:
+    static list at_299;
+    static list at_300;
+
+  private:
+    void SetUp() override {
+        kernel::reset();
+        now_s = 0;
+        send_at(0);
+        send_at(299);
+        at_299 = reports;
+        send_at(300);
+        at_300 = reports;
+    }
+    static void send_at(int64_t seconds) {
+        advance(seconds - now_s);
+        send_broken();
+        send_slow();
+        send_busy();
+    }
+};
+list fresh_process::at_299;
+list fresh_process::at_300;
+const testing::Environment* const added = testing::AddGlobalTestEnvironment(new fresh_process);
+
+// The report of a normal card.
+std::string info_with(const std::string& mmc, const std::string& block, const std::string& fs = "null") {
+    return R"(sdcard.info {"state":0,"mmc":)" + mmc + R"(,"block":)" + block + R"(,"fs":)" + fs + "}";
+}
 
 class rpc : public testing::Test {
   protected:
+    int fds = 0;
+
     void SetUp() override {
         kernel::reset();
-        logged::reset();
-        mmc = {};
+        block_devices = mmc_manager{};
+        set_disk("mmcblk0");
         state = SDCARD_NORMAL;
-        statfs_result = -1;
+        is_mounted = false;
         space = {};
-        objects_until_failure = 0;
-        // What the last test suppressed would otherwise show in this one's first alerts.
-        sleep_s(100'000);
-        rpc_send_alert(RPC_ALERT_BROKEN);
-        rpc_send_alert_slow(0, 0, 0);
-        rpc_send_alert_umount_fail(0, nullptr);
-        sleep_s(100'000);
-        sent.clear();
+        report_result = 0;
+        types_are_told = true;
+        // Whatever was sent or dropped before is forgotten.
+        now_s = now_s < 1'790'000'000 ? 1'790'000'000 : now_s;
+        for (int i = 0; i < 2; ++i) {
+            advance(1000);
+            send_broken();
+            send_slow();
+            send_busy();
+        }
+        advance(1000);
+        forget();
+        inherited.clear();
+        fds = open_descriptors();
+    }
+    void TearDown() override {
+        EXPECT_EQ(open_descriptors(), fds);
+        EXPECT_TRUE(inherited.empty());
+    }
+    static void forget() {
+        reports.clear();
+        entries.clear();
         logged::reset();
+        kernel::forget_calls();
     }
-
-    static void sleep_s(int32_t seconds) {
-        clock_s += seconds;
-        kernel::on().now = clock_s;
+    static int open_descriptors() {
+        int count = 0;
+        for (int fd = 0; fd < 256; ++fd) {
+            count += fcntl(fd, F_GETFD) != -1;
+        }
+        return count;
     }
-    static void insert_disk() {
-        snprintf(mmc.disk.path, sizeof mmc.disk.path, "/dev/mmcblk0");
-        mmc.disk.name = mmc.disk.path + 5;
+    static void set_disk(const char* name) {
+        mmc_block* disk = &block_devices.disk;
+        snprintf(disk->path, sizeof disk->path, "/dev/%s", name);
+        disk->name = disk->path + 5;
+        disk->minor = 0;
+    }
+    static void link(const std::string& path, const std::string& target) {
+        std::filesystem::create_directories(std::filesystem::path(kernel::host(path)).parent_path());
+        std::filesystem::create_symlink(target, kernel::host(path));
+    }
+    // The folders and links of sysfs, without a file in them.
+    static void make_sysfs() {
+        kernel::make_dir(DISK);
+        link("/sys/block/mmcblk0", "../devices/host/mmc0:0001/block/mmcblk0");
+        link(DISK + "device"s, "../..");
     }
     static std::string info() {
-        sent.clear();
+        forget();
         rpc_send_sdcard_info();
-        EXPECT_EQ(1U, sent.size());
-        return sent.empty() ? "" : sent.back();
+        EXPECT_EQ(reports.size(), 1U);
+        return reports.empty() ? "" : reports[0];
     }
 };
 
 // --- the information report ------------------------------------------------------------------------------------------
 
-TEST_F(rpc, without_a_card_everything_but_the_state_is_null) {
+TEST_F(rpc, info_without_a_card) {
+    block_devices = mmc_manager{};
     state = SDCARD_NOT_EXISTS;
-    EXPECT_EQ(R"(sdcard.info {"state":1,"mmc":null,"block":null,"fs":null})", info());
-    EXPECT_EQ(strings{}, kernel::calls()) << "no path is formed from a name that is not there";
-    EXPECT_EQ(strings{R"(debug rpc_send_sdcard_info: { "state": 1, "mmc": null, "block": null, "fs": null })"},
-              logged::lines());
+    EXPECT_EQ(info(), R"(sdcard.info {"state":1,"mmc":null,"block":null,"fs":null})");
+    EXPECT_EQ(kernel::calls(), list{});
+    EXPECT_EQ(logged::lines(),
+              list{R"(debug rpc_send_sdcard_info: { "state": 1, "mmc": null, "block": null, "fs": null })"});
 }
 
-TEST_F(rpc, with_a_disk_whose_directories_are_gone) {
-    insert_disk();
-    EXPECT_EQ(R"(sdcard.info {"state":0,"mmc":null,"block":null,"fs":null})", info());
-}
-
-TEST_F(rpc, the_block_device) {
-    insert_disk();
-    kernel::write("/sys/block/mmcblk0/stat", "     236      12   18304\n");
-    kernel::write("/sys/block/mmcblk0/ro", "0\n");
-    kernel::write("/sys/block/mmcblk0/force_ro", "1\n");
-    kernel::write("/sys/block/mmcblk0/size", "15523840\n");
-    EXPECT_EQ(R"(sdcard.info {"state":0,"mmc":null,"block":{"stat":"     236      12   18304","ro":0,"force_ro":1,)"
-              R"("size":15523840},"fs":null})",
-              info());
-}
-
-TEST_F(rpc, what_cannot_be_read_of_the_block_device_is_left_out) {
-    insert_disk();
-    kernel::write("/sys/block/mmcblk0/size", "");
-    kernel::write("/sys/block/mmcblk0/ro", "no number\n");
-    EXPECT_EQ(R"(sdcard.info {"state":0,"mmc":null,"block":{"ro":0},"fs":null})", info());
-}
-
-TEST_F(rpc, numbers_are_read_as_32_bits_from_40_bytes) {
-    insert_disk();
-    struct {
-        std::string text;
-        const char* number;
-    } rows[] = {{"  42 sectors", "42"},
-                {"-7", "-7"},
-                {"99999999999", "2147483647"},
-                {"-99999999999", "-2147483648"},
-                {std::string(39, '0') + "15", "1"}};
-    for (const auto& row : rows) {
-        kernel::write("/sys/block/mmcblk0/size", row.text);
-        EXPECT_EQ(std::string(R"(sdcard.info {"state":0,"mmc":null,"block":{"size":)") + row.number + R"(},"fs":null})",
-                  info());
-    }
-}
-
-// Members of "mmc", by name, as they stand in the report.
-std::map<std::string, std::string> mmc_members(const std::string& report) {
-    std::map<std::string, std::string> members;
-    json_object* root = json_tokener_parse(report.c_str() + strlen("sdcard.info "));
-    json_object* object = nullptr;
-    EXPECT_TRUE(json_object_object_get_ex(root, "mmc", &object));
-    json_object_object_foreach(object, key, value) {
-        EXPECT_TRUE(json_object_is_type(value, json_type_string));
-        members[key] = json_object_get_string(value);
-    }
-    json_object_put(root);
-    return members;
-}
-
-TEST_F(rpc, the_cards_own_registers) {
-    insert_disk();
-    kernel::make_dir("/sys/block/mmcblk0/device/power");
-    kernel::write("/sys/block/mmcblk0/device/uevent", "DRIVER=mmcblk\n");
-    kernel::write("/sys/block/mmcblk0/device/name", "QEMU!\n");
-    kernel::write("/sys/block/mmcblk0/device/two_lines", "a\nb\n\n");
-    kernel::write("/sys/block/mmcblk0/device/empty", "");
-    kernel::write("/sys/block/mmcblk0/device/one", "\n");
-    kernel::write("/sys/block/mmcblk0/device/cid", std::string(127, 'c') + "\n");
-    kernel::write("/sys/block/mmcblk0/device/long", std::string(200, 'l'));
-    kernel::write("/sys/block/mmcblk0/device/long_line", std::string(128, 'm') + "\n");
-    ASSERT_EQ(0, symlink("name", kernel::host("/sys/block/mmcblk0/device/driver").c_str()));
-    EXPECT_EQ((std::map<std::string, std::string>{{"name", "QEMU!"},
-                                                  {"two_lines", "a\nb\n"},
-                                                  {"one", ""},
-                                                  {"cid", std::string(127, 'c')},
-                                                  {"long", std::string(128, 'l')},
-                                                  {"long_line", std::string(128, 'm')}}),
-              mmc_members(info()));
-}
-
-TEST_F(rpc, a_register_that_cannot_be_opened_is_left_out) {
-    insert_disk();
-    kernel::write("/sys/block/mmcblk0/device/name", "QEMU!\n");
-    kernel::fail("openat", EACCES);
-    EXPECT_EQ(R"(sdcard.info {"state":0,"mmc":{},"block":{},"fs":null})", info());
-}
-
-TEST_F(rpc, the_filesystem_as_statfs_has_it) {
-    statfs_result = 0;
+TEST_F(rpc, info_of_a_card) {
+    make_sysfs();
+    kernel::write(CARD + "name"s, "SD32G\n");
+    kernel::write(DISK + "size"s, "15523840\n");
+    kernel::write(DISK + "force_ro"s, "1\n");
+    kernel::write(DISK + "stat"s, "     12        3      450       70        0        0\n");
+    kernel::write(DISK + "ro"s, "0\n");
+    kernel::write(DISK + "uevent"s, "MAJOR=179\n");
+    is_mounted = true;
     space.f_type = 0x4d44;
-    space.f_bsize = 32768;
-    space.f_blocks = 0xf0000000U;
-    space.f_bfree = 5;
-    space.f_bavail = 4;
-    space.f_files = 3;
-    space.f_ffree = 2;
-    EXPECT_EQ(R"(sdcard.info {"state":0,"mmc":null,"block":null,"fs":{"f_type":19780,"f_bsize":32768,)"
-              R"("f_blocks":4026531840,"f_bfree":5,"f_bavail":4,"f_files":3,"f_ffree":2}})",
-              info());
-    space.f_type = -2;
-    EXPECT_NE(std::string::npos, info().find(R"("f_type":-2,)"));
+    space.f_bsize = 4096;
+    space.f_blocks = 7'000'000;
+    space.f_bfree = 6'000'000;
+    space.f_bavail = 5'000'000;
+    space.f_files = 4;
+    space.f_ffree = 3;
+    EXPECT_EQ(info(), R"(sdcard.info {"state":0,"mmc":{"name":"SD32G"},)"
+                      R"("block":{"stat":"     12        3      450       70        0        0","ro":0,"force_ro":1,)"
+                      R"("size":15523840},"fs":{"f_type":19780,"f_bsize":4096,"f_blocks":7000000,"f_bfree":6000000,)"
+                      R"("f_bavail":5000000,"f_files":4,"f_ffree":3}})");
+    EXPECT_EQ(logged::lines().size(), 1U);
+    EXPECT_EQ(kernel::calls(), (list{"open /sys/block/mmcblk0/device", "open /sys/block/mmcblk0"}));
 }
 
-TEST_F(rpc, every_state_has_its_number) {
-    for (auto each : {SDCARD_FULL, SDCARD_EJECTING, SDCARD_UNKNOWN}) {
+TEST_F(rpc, info_under_the_longest_name_of_a_disk) {
+    const std::string name(32, 'd');
+    set_disk(name.c_str());
+    info();
+    EXPECT_EQ(kernel::calls(), (list{"open /sys/block/" + name + "/device", "open /sys/block/" + name}));
+}
+
+TEST_F(rpc, info_with_each_state) {
+    block_devices = mmc_manager{};
+    for (const sdcard_state each : {SDCARD_NORMAL, SDCARD_FULL, SDCARD_EJECTING, SDCARD_UNKNOWN}) {
         state = each;
-        EXPECT_EQ("sdcard.info {\"state\":" + std::to_string(each) + R"(,"mmc":null,"block":null,"fs":null})", info());
+        EXPECT_EQ(info(), "sdcard.info {\"state\":" + std::to_string(each) + R"(,"mmc":null,"block":null,"fs":null})");
     }
 }
 
-TEST_F(rpc, a_report_keeps_no_descriptor_and_needs_no_memory_to_fail) {
-    insert_disk();
-    statfs_result = 0;
-    kernel::write("/sys/block/mmcblk0/device/name", "QEMU!\n");
-    kernel::write("/sys/block/mmcblk0/ro", "0\n");
-    const int free_descriptor = next_free_descriptor();
-    const std::string nulls[] = {
-        R"({"state":0,"mmc":null,"block":{"ro":0},"fs":{"f_type")",
-        R"({"state":0,"mmc":{"name":"QEMU!"},"block":null,"fs":{"f_type")",
-        R"({"state":0,"mmc":{"name":"QEMU!"},"block":{"ro":0},"fs":null})",
-    };
-    for (int i = 0; i < 3; ++i) {
-        objects_until_failure = i + 2;
-        EXPECT_EQ(0U, info().find("sdcard.info " + nulls[i])) << sent.back();
+// The card's files in the directory's order; folders, links and the event file left out, with and without a filesystem
+// that tells types.
+TEST_F(rpc, info_of_the_cards_regular_files) {
+    make_sysfs();
+    for (const char* name : {"name", "cid", "csd", "serial", "manfid", "oemid", "date", "ssr", "uevent2", "Uevent"}) {
+        kernel::write(CARD + std::string(name), name + " text\n"s);
     }
-    objects_until_failure = 1;
-    sent.clear();
+    kernel::write(CARD + "uevent"s, "DRIVER=mmcblk\n");
+    kernel::write(CARD + "power/control"s, "auto\n");
+    link(CARD + "driver"s, "power");
+    link(CARD + "alias"s, "name");
+    ASSERT_EQ(mkfifo(kernel::host(CARD + "pipe"s).c_str(), 0600), 0);
+    const list others = {".", "..", "uevent", "power", "driver", "alias", "pipe", "block"};
+    for (const bool told : {true, false}) {
+        types_are_told = told;
+        const std::string report = info();
+        std::string expected;
+        int files = 0;
+        for (const auto& name : entries) {
+            if (std::find(others.begin(), others.end(), name) == others.end()) {
+                expected.append(files++ == 0 ? "\"" : ",\"").append(name);
+                expected.append("\":\"").append(name).append(" text\"");
+            }
+        }
+        EXPECT_EQ(files, 10);
+        EXPECT_EQ(report, info_with("{" + expected + "}", "{}")) << told;
+    }
+}
+
+TEST_F(rpc, info_text_of_a_file) {
+    const struct {
+        const char* what;
+        std::string file;
+        std::string json;  // "": left out
+    } rows[] = {
+        {"a line", "0x000003\n", "\"0x000003\""},
+        {"no line break", "0x000003", "\"0x000003\""},
+        {"two line breaks", "a\n\n", R"("a\n")"},
+        {"blanks stay", " a \t \n", R"(" a \t ")"},
+        {"a line break alone", "\n", "\"\""},
+        {"empty", "", ""},
+        {"a quote", "a\"b\n", R"("a\"b")"},
+        {"a NUL", std::string("a\0b\n", 4), R"("a\u0000b")"},
+        {"127 and a line break", std::string(127, 'x') + "\n", "\"" + std::string(127, 'x') + "\""},
+        {"128", std::string(128, 'x'), "\"" + std::string(128, 'x') + "\""},
+        {"128 and a line break", std::string(128, 'x') + "\n", "\"" + std::string(128, 'x') + "\""},
+        {"127, a line break, and more", std::string(127, 'x') + "\ny\n", "\"" + std::string(127, 'x') + "\""},
+        {"300", std::string(299, 'x') + "\n", "\"" + std::string(128, 'x') + "\""},
+    };
+    make_sysfs();
+    for (const auto& row : rows) {
+        kernel::write(CARD + "csd"s, row.file);
+        kernel::write(DISK + "stat"s, row.file);
+        const std::string mmc = row.json.empty() ? "{}" : "{\"csd\":" + row.json + "}";
+        const std::string block = row.json.empty() ? "{}" : "{\"stat\":" + row.json + "}";
+        EXPECT_EQ(info(), info_with(mmc, block)) << row.what;
+    }
+}
+
+TEST_F(rpc, info_number_of_a_file) {
+    const struct {
+        std::string file;
+        const char* json;  // null: left out
+    } rows[] = {
+        {"15523840\n", "15523840"},
+        {"1", "1"},
+        {"  -7 8\n", "-7"},
+        {"+5\n", "5"},
+        {"010\n", "10"},
+        {"0x10\n", "0"},
+        {"yes\n", "0"},
+        {"\n", "0"},
+        {"", nullptr},
+        {"2147483647\n", "2147483647"},
+        {"2147483648\n", "2147483647"},  // of a card of 1 TiB
+        {"4294967296\n", "2147483647"},
+        {"-2147483648\n", "-2147483648"},
+        {"-2147483649\n", "-2147483648"},
+        {"99999999999999999999\n", "2147483647"},
+        {std::string(39, ' ') + "12\n", "1"},
+        {std::string(40, ' ') + "12\n", "0"},
+        {std::string(40, '0') + "7\n", "0"},
+    };
+    make_sysfs();
+    for (const auto& row : rows) {
+        for (const char* name : {"ro", "force_ro", "size"}) {
+            kernel::write(DISK + std::string(name), row.file);
+        }
+        const std::string block = row.json == nullptr ? "{}"
+                                                      : R"({"ro":)"s + row.json + R"(,"force_ro":)" + row.json +
+                                                            R"(,"size":)" + row.json + "}";
+        EXPECT_EQ(info(), info_with("{}", block)) << row.file;
+    }
+}
+
+TEST_F(rpc, info_leaves_out_what_cannot_be_read) {
+    make_sysfs();
+    kernel::write(CARD + "name"s, "SD32G\n");
+    kernel::write(DISK + "stat"s, "1 2\n");
+    kernel::write(DISK + "ro"s, "0\n");
+    kernel::write(DISK + "force_ro"s, "0\n");
+    kernel::write(DISK + "size"s, "8\n");
+    const struct {
+        const char* mmc;
+        const char* block;
+    } rows[] = {
+        {"{}", R"({"stat":"1 2","ro":0,"force_ro":0,"size":8})"},
+        {R"({"name":"SD32G"})", R"({"ro":0,"force_ro":0,"size":8})"},
+        {R"({"name":"SD32G"})", R"({"stat":"1 2","force_ro":0,"size":8})"},
+        {R"({"name":"SD32G"})", R"({"stat":"1 2","ro":0,"size":8})"},
+        {R"({"name":"SD32G"})", R"({"stat":"1 2","ro":0,"force_ro":0})"},
+        {R"({"name":"SD32G"})", R"({"stat":"1 2","ro":0,"force_ro":0,"size":8})"},
+    };
+    for (const char* call : {"openat", "read"}) {
+        int nth = 0;
+        for (const auto& row : rows) {
+            kernel::fail(call, EIO, ++nth);
+            EXPECT_EQ(info(), info_with(row.mmc, row.block)) << call << " " << nth;
+        }
+        EXPECT_TRUE(kernel::must_fail(call));  // the last fault: one call more than a report makes
+    }
+}
+
+TEST_F(rpc, info_null_for_a_directory_that_cannot_be_opened) {
+    EXPECT_EQ(info(), info_with("null", "null"));  // gone meanwhile
+    make_sysfs();
+    kernel::write(CARD + "name"s, "SD32G\n");
+    kernel::write(DISK + "size"s, "8\n");
+    for (const char* call : {"open", "fdopendir"}) {
+        kernel::fail(call, EMFILE, 1);
+        EXPECT_EQ(info(), info_with("null", R"({"size":8})")) << call;
+        kernel::fail(call, EMFILE, 2);
+        EXPECT_EQ(info(), info_with(R"({"name":"SD32G"})", "null")) << call;
+    }
+    std::filesystem::remove(kernel::host(DISK + "device"s));
+    kernel::write(DISK + "device"s, "a file\n");
+    EXPECT_EQ(info(), info_with("null", R"({"size":8})"));
+}
+
+TEST_F(rpc, info_without_memory_for_an_object) {
+    make_sysfs();
+    kernel::write(CARD + "name"s, "SD32G\n");
+    kernel::write(DISK + "size"s, "8\n");
+    is_mounted = true;
+    constexpr char MMC[] = R"({"name":"SD32G"})";
+    constexpr char BLOCK[] = R"({"size":8})";
+    constexpr char FS[] = R"({"f_type":0,"f_bsize":0,"f_blocks":0,"f_bfree":0,"f_bavail":0,"f_files":0,"f_ffree":0})";
+    const struct {
+        const char* mmc;
+        const char* block;
+        const char* fs;
+    } rows[] = {{"null", BLOCK, FS}, {MMC, "null", FS}, {MMC, BLOCK, "null"}, {MMC, BLOCK, FS}};
+    int nth = 1;
+    for (const auto& row : rows) {
+        kernel::fail("json_object_new_object", ENOMEM, ++nth);
+        EXPECT_EQ(info(), info_with(row.mmc, row.block, row.fs));
+    }
+    forget();
+    kernel::fail("json_object_new_object", ENOMEM);
     rpc_send_sdcard_info();
-    EXPECT_EQ(strings{}, sent);
-    EXPECT_EQ(free_descriptor, next_free_descriptor());
+    EXPECT_TRUE(reports.empty());
+    EXPECT_TRUE(logged::lines().empty());
+    EXPECT_TRUE(kernel::calls().empty());
+}
+
+TEST_F(rpc, info_of_a_filesystem_in_64_bits) {
+    block_devices = mmc_manager{};
+    is_mounted = true;
+    space.f_type = static_cast<decltype(space.f_type)>(0xff534d42UL);  // a magic number with its highest bit set
+    space.f_bsize = 32768;
+    space.f_blocks = (1ULL << 40) + 1;
+    space.f_bfree = 1ULL << 33;
+    space.f_bavail = 0xffffffff;
+    space.f_files = UINT64_MAX;
+    space.f_ffree = 1ULL << 63;
+    const std::string type = sizeof(long) == 4 ? "-11317950" : "4283649346";
+    EXPECT_EQ(info(), R"(sdcard.info {"state":0,"mmc":null,"block":null,"fs":{"f_type":)" + type +
+                          R"(,"f_bsize":32768,"f_blocks":1099511627777,"f_bfree":8589934592,"f_bavail":4294967295,)"
+                          R"("f_files":-1,"f_ffree":-9223372036854775808}})");
+}
+
+TEST_F(rpc, info_has_no_cool_down) {
+    block_devices = mmc_manager{};
+    info();
+    info();
+    report_result = -1;  // ignored
+    info();
+    send_broken();
+    EXPECT_EQ(reports.back(), R"(sdcard.alert {"type":4})");
 }
 
 // --- alerts ----------------------------------------------------------------------------------------------------------
 
-constexpr char NAMES[5][RPC_FUSER_NAME_SIZE] = {"vesk_recorder", "sh", "a \"name\"", "exactly15chars_", "last"};
-
-TEST_F(rpc, what_each_alert_says) {
-    rpc_send_alert(RPC_ALERT_BROKEN);
-    rpc_send_alert_slow(204799, 3600, 0xfffffff0);
-    rpc_send_alert_umount_fail(5, NAMES);
-    EXPECT_EQ(
-        (strings{R"(sdcard.alert {"type":4})",
-                 R"(sdcard.alert {"type":1,"mean_speed":204799,"elapse":3600,"active_sec":4294967280})",
-                 R"(sdcard.alert {"type":2,"fuser":["vesk_recorder","sh","a \"name\"","exactly15chars_","last"]})"}),
-        sent);
-    EXPECT_EQ((strings{R"(debug rpc_send_alert: { "type": 4 })",
-                       R"(debug rpc_send_alert_slow: { "type": 1, "mean_speed": 204799, "elapse": 3600, )"
-                       R"("active_sec": 4294967280 })",
-                       R"(debug rpc_send_alert_umount_fail: { "type": 2, "fuser": [ "vesk_recorder", "sh", )"
-                       R"("a \"name\"", "exactly15chars_", "last" ] })"}),
-              logged::lines());
-    sleep_s(300);
-    sent.clear();
-    rpc_send_alert(RPC_ALERT_NOT_EXISTS);
-    EXPECT_EQ(strings{R"(sdcard.alert {"type":5})"}, sent);
-}
-
-// One occasion for each kind of alert, and how it begins and ends.
-struct kind {
-    void (*raise)();
-    const char* head;
-    const char* tail;
-};
-constexpr kind KINDS[] = {
-    {[] { rpc_send_alert(RPC_ALERT_BROKEN); }, R"(sdcard.alert {"type":4)", "}"},
-    {[] { rpc_send_alert_slow(1, 60, 40); }, R"(sdcard.alert {"type":1,"mean_speed":1,"elapse":60,"active_sec":40)",
-     "}"},
-    {[] { rpc_send_alert_umount_fail(1, NAMES); }, R"(sdcard.alert {"type":2,"fuser":["vesk_recorder"])", "}"},
-};
-
-TEST_F(rpc, each_kind_cools_down_by_itself_for_300_s) {
-    for (const auto& kind : KINDS) {
-        SCOPED_TRACE(kind.head);
-        sent.clear();
-        const std::string plain = std::string(kind.head) + kind.tail;
-        kind.raise();
-        EXPECT_EQ(strings{plain}, sent);
-        sleep_s(10);
-        kind.raise();
-        sleep_s(289);  // 299
-        kind.raise();
-        EXPECT_EQ(1U, sent.size());
-        sleep_s(1);  // 300
-        kind.raise();
-        EXPECT_EQ(std::string(kind.head) + R"(,"cool_down":2)" + kind.tail, sent.back());
-        EXPECT_EQ(2U, sent.size());
-        // Counted anew, from the last one that was sent.
-        sleep_s(299);
-        kind.raise();
-        EXPECT_EQ(2U, sent.size());
-        sleep_s(1);
-        kind.raise();
-        EXPECT_EQ(std::string(kind.head) + R"(,"cool_down":1)" + kind.tail, sent.back());
-        sleep_s(300);
-        kind.raise();
-        EXPECT_EQ(plain, sent.back());
+TEST_F(rpc, alerts_as_text) {
+    const struct {
+        void (*send)();
+        const char* report;
+        const char* line;
+    } rows[] = {
+        {send_broken, R"(sdcard.alert {"type":4})", R"(debug rpc_send_alert: { "type": 4 })"},
+        {send_slow, R"(sdcard.alert {"type":1,"mean_speed":100000,"elapse":60,"active_sec":2048})",
+         R"(debug rpc_send_alert_slow: { "type": 1, "mean_speed": 100000, "elapse": 60, "active_sec": 2048 })"},
+        {send_busy, R"(sdcard.alert {"type":2,"fuser":["recorder"]})",
+         R"(debug rpc_send_alert_umount_fail: { "type": 2, "fuser": [ "recorder" ] })"},
+    };
+    for (const auto& row : rows) {
+        forget();
+        row.send();
+        EXPECT_EQ(reports, list{row.report});
+        EXPECT_EQ(logged::lines(), list{row.line});
     }
 }
 
-TEST_F(rpc, broken_and_gone_share_their_silence) {
-    rpc_send_alert(RPC_ALERT_NOT_EXISTS);
-    sleep_s(100);
-    rpc_send_alert(RPC_ALERT_BROKEN);
-    EXPECT_EQ(strings{R"(sdcard.alert {"type":5})"}, sent);
-    sleep_s(200);
-    rpc_send_alert(RPC_ALERT_BROKEN);
-    EXPECT_EQ(R"(sdcard.alert {"type":4,"cool_down":1})", sent.back());
+TEST_F(rpc, slow_alert_at_the_ends_of_its_numbers) {
+    rpc_send_alert_slow(INT32_MIN, -1, UINT32_MAX);
+    advance(300);
+    rpc_send_alert_slow(INT32_MAX, INT32_MAX, 0);
+    EXPECT_EQ(reports, (list{R"(sdcard.alert {"type":1,"mean_speed":-2147483648,"elapse":-1,"active_sec":4294967295})",
+                             R"(sdcard.alert {"type":1,"mean_speed":2147483647,"elapse":2147483647,"active_sec":0})"}));
 }
 
-TEST_F(rpc, an_alert_that_cannot_be_built_has_begun_a_silence) {
-    for (const auto& kind : KINDS) {
-        SCOPED_TRACE(kind.head);
-        sent.clear();
-        objects_until_failure = 1;
-        kind.raise();
-        kind.raise();
-        EXPECT_EQ(strings{}, sent);
-        sleep_s(300);
-        kind.raise();
-        EXPECT_EQ(strings{std::string(kind.head) + R"(,"cool_down":1)" + kind.tail}, sent);
-    }
-}
-
-TEST_F(rpc, an_alert_without_its_names_is_not_sent) {
-    objects_until_failure = 2;
-    rpc_send_alert_umount_fail(1, NAMES);
-    EXPECT_EQ(strings{}, sent);
-    EXPECT_EQ(strings{}, logged::lines());
-}
-
-TEST_F(rpc, nobody_to_name_is_an_empty_list) {
+TEST_F(rpc, names_in_the_order_given) {
+    const char names[][RPC_FUSER_NAME_SIZE] = {"recorder", "15 characters..", "", "a \"quoted\" one", "recorder"};
+    rpc_send_alert_umount_fail(5, names);
+    advance(300);
     rpc_send_alert_umount_fail(0, nullptr);
-    EXPECT_EQ(strings{R"(sdcard.alert {"type":2,"fuser":[]})"}, sent);
+    EXPECT_EQ(
+        reports,
+        (list{R"(sdcard.alert {"type":2,"fuser":["recorder","15 characters..","","a \"quoted\" one","recorder"]})",
+              R"(sdcard.alert {"type":2,"fuser":[]})"}));
 }
 
-TEST_F(rpc, a_clock_set_back_keeps_silence_and_one_set_forward_ends_it) {
-    rpc_send_alert(RPC_ALERT_BROKEN);
-    kernel::on().now = clock_s - 86400;
-    rpc_send_alert(RPC_ALERT_BROKEN);
-    EXPECT_EQ(1U, sent.size());
-    kernel::on().now = clock_s + 86400;
-    rpc_send_alert(RPC_ALERT_BROKEN);
-    EXPECT_EQ(R"(sdcard.alert {"type":4,"cool_down":1})", sent.back());
-    clock_s += 86400;
+TEST_F(rpc, cool_down_of_300_seconds) {
+    const struct {
+        void (*send)();
+        std::string report;
+    } rows[] = {{send_broken, R"(sdcard.alert {"type":4)"}, {send_slow, SLOW}, {send_busy, BUSY}};
+    for (const auto& row : rows) {
+        forget();
+        row.send();
+        row.send();  // in the same second
+        advance(299);
+        row.send();
+        EXPECT_EQ(reports, list{row.report + "}"});
+        EXPECT_EQ(logged::lines().size(), 1U);
+        advance(1);
+        row.send();
+        EXPECT_EQ(reports.back(), row.report + ",\"cool_down\":2}");
+        advance(299);  // counted from the alert that was sent last
+        row.send();
+        EXPECT_EQ(reports.size(), 2U);
+        advance(1);
+        row.send();
+        EXPECT_EQ(reports.back(), row.report + ",\"cool_down\":1}");
+        advance(300);
+        row.send();
+        EXPECT_EQ(reports.size(), 4U);
+        EXPECT_EQ(reports.back(), row.report + "}");
+    }
 }
 
-// The slots begin with 0, which a fresh process alone can show.
-TEST_F(rpc, a_clock_near_1970_silences_the_first_300_s) {
-    EXPECT_EXIT(
-        {
-            // As in a fresh process: last sent at 0, nothing suppressed.
-            kernel::on().now = 0xc0000000;  // half way, for a difference that fits
-            for (const auto& kind : KINDS) {
-                kind.raise();
-            }
-            kernel::on().now = 0x100000000;  // 0 in 32 bits
-            for (const auto& kind : KINDS) {
-                kind.raise();
-            }
-            sent.clear();
-            kernel::on().now = 299;
-            for (const auto& kind : KINDS) {
-                kind.raise();
-            }
-            if (!sent.empty()) {
-                _exit(1);
-            }
-            kernel::on().now = 300;
-            for (const auto& kind : KINDS) {
-                kind.raise();
-            }
-            _exit(sent.size() == 3 ? 0 : 2);
-        },
-        testing::ExitedWithCode(0), "");
+TEST_F(rpc, three_busy_unmounts_and_a_later_one) {
+    send_busy();
+    advance(10);
+    send_busy();
+    advance(10);
+    send_busy();
+    EXPECT_EQ(reports, list{BUSY + "}"s});
+    advance(281);
+    send_busy();
+    EXPECT_EQ(reports, (list{BUSY + "}"s, BUSY + R"(,"cool_down":2})"s}));
+}
+
+TEST_F(rpc, broken_and_gone_share_a_cool_down) {
+    send_gone();
+    advance(100);
+    send_broken();
+    EXPECT_EQ(reports, list{R"(sdcard.alert {"type":5})"});
+    advance(200);
+    send_broken();
+    EXPECT_EQ(reports.back(), R"(sdcard.alert {"type":4,"cool_down":1})");
+}
+
+TEST_F(rpc, the_other_cool_downs_are_apart) {
+    send_slow();
+    send_slow();
+    send_busy();
+    send_gone();
+    send_busy();
+    EXPECT_EQ(reports, (list{SLOW + "}"s, BUSY + "}"s, R"(sdcard.alert {"type":5})"}));
+    advance(300);
+    send_gone();
+    send_busy();
+    send_slow();
+    EXPECT_EQ(reports, (list{SLOW + "}"s, BUSY + "}"s, R"(sdcard.alert {"type":5})", R"(sdcard.alert {"type":5})",
+                             BUSY + R"(,"cool_down":1})"s, SLOW + R"(,"cool_down":1})"s}));
+}
+
+TEST_F(rpc, an_alert_that_cannot_be_built_starts_a_cool_down) {
+    const struct {
+        void (*send)();
+        const char* call;
+        std::string report;
+    } rows[] = {
+        {send_gone, "json_object_new_object", R"(sdcard.alert {"type":5)"},
+        {send_slow, "json_object_new_object", SLOW},
+        {send_busy, "json_object_new_object", BUSY},
+        {send_busy, "json_object_new_array", BUSY},
+    };
+    for (const auto& row : rows) {
+        forget();
+        row.send();
+        row.send();
+        advance(300);
+        kernel::fail(row.call, ENOMEM);
+        row.send();
+        advance(299);
+        row.send();
+        EXPECT_EQ(reports.size(), 1U);
+        EXPECT_EQ(logged::lines().size(), 1U);
+        advance(1);
+        row.send();
+        // The one that failed is not among the dropped; those dropped before it still are.
+        EXPECT_EQ(reports, (list{row.report + "}", row.report + ",\"cool_down\":2}"}));
+        advance(300);
+    }
+}
+
+TEST_F(rpc, a_report_that_the_library_refuses_counts_as_sent) {
+    report_result = -1;
+    send_slow();
+    advance(299);
+    send_slow();
+    advance(1);
+    send_slow();
+    EXPECT_EQ(reports, (list{SLOW + "}"s, SLOW + R"(,"cool_down":1})"s}));
+}
+
+TEST_F(rpc, a_new_process_near_1970_is_silent_at_first) {
+    EXPECT_EQ(fresh_process::at_299, list{});
+    EXPECT_EQ(fresh_process::at_300, (list{R"(sdcard.alert {"type":4,"cool_down":2})", SLOW + R"(,"cool_down":2})"s,
+                                           BUSY + R"(,"cool_down":2})"s}));
+}
+
+TEST_F(rpc, a_clock_set_back_keeps_alerts_silent_until_it_has_caught_up) {
+    send_slow();
+    const int64_t sent_s = now_s;
+    for (const int64_t offset : {-1LL, -300LL, -1'000'000'000LL, 0LL, 299LL}) {
+        advance(sent_s + offset - now_s);
+        send_slow();
+        EXPECT_EQ(reports.size(), 1U) << offset;
+    }
+    advance(1);
+    send_slow();
+    EXPECT_EQ(reports.back(), SLOW + R"(,"cool_down":5})"s);
+}
+
+TEST_F(rpc, the_difference_wraps_at_32_bits) {
+    const auto reach = [](int64_t seconds) { advance(seconds - now_s); };
+    reach(INT32_MAX - 100);
+    send_slow();
+    EXPECT_EQ(reports.size(), 1U);
+    reach(INT32_MAX + 199LL);  // 299 s later, beyond the end of 2038's clock
+    send_slow();
+    EXPECT_EQ(reports.size(), 1U);
+    advance(1);
+    send_slow();
+    EXPECT_EQ(reports.size(), 2U);
+    const int64_t sent_s = now_s;
+    reach(sent_s + INT32_MAX);
+    send_slow();
+    EXPECT_EQ(reports.size(), 3U);
+    advance(INT32_MAX + 1LL);  // the difference is the smallest there is
+    send_slow();
+    EXPECT_EQ(reports.size(), 3U);
+    advance(-2);  // a second less than the largest: due, were it not cut
+    send_slow();
+    EXPECT_EQ(reports.size(), 4U);
+    EXPECT_EQ(reports.back(), SLOW + R"(,"cool_down":1})"s);
 }
 
 }  // namespace
