@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <mutex>
 #include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -59,6 +60,7 @@ std::string& root() {
     return path;
 }
 
+std::mutex lock;  // of the faults and the notes: modules have threads
 std::multimap<std::string, fault, std::less<>> faults;
 std::vector<std::string> noted;
 kernel::hooks the_hooks;
@@ -75,7 +77,10 @@ bool is_camera_path(std::string_view path) {
 using kernel::must_fail;
 
 void note(const char* call, const char* path) {
-    noted.push_back(std::string(call) + " " + path);
+    {
+        const std::lock_guard guard(lock);
+        noted.push_back(std::string(call) + " " + path);
+    }
     if (the_hooks.before) {
         the_hooks.before(call, path);
     }
@@ -137,6 +142,7 @@ void fail(std::string_view call, int errnum, int nth, int times) {
 
 // Counts the call down in every fault that waits for it. True: it is to fail, errno is set.
 bool must_fail(std::string_view call) {
+    const std::lock_guard guard(lock);
     bool failed = false;
     for (auto [at, end] = faults.equal_range(call); at != end; ++at) {
         fault& f = at->second;

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <mutex>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,6 +24,17 @@ void on_sigbus(int signum, siginfo_t*, void*) {
     }
     abort();
 }
+
+namespace {
+
+// Workers make their notes beside the loop thread.
+void note(const std::string& text) {
+    static std::mutex lock;
+    const std::lock_guard guard(lock);
+    rig::get().calls.push_back(text);
+}
+
+}  // namespace
 
 namespace rig {
 
@@ -101,7 +113,7 @@ void test::TearDown() {
 // --- neighbours ------------------------------------------------------------------------------------------------------
 
 void sdcard_refresh(const char* reason) {
-    rig::get().calls.push_back(std::string("sdcard_refresh ") + reason);
+    note(std::string("sdcard_refresh ") + reason);
     if (rig::get().on_refresh) {
         rig::get().on_refresh();
     }
@@ -109,7 +121,7 @@ void sdcard_refresh(const char* reason) {
 
 int kv_register(const char* name_space, const char* group, const char* key, kv_callback callback, void* context) {
     rig::state& rig = rig::get();
-    rig.calls.push_back(std::string("kv_register ") + name_space + " " + group + " " + key);
+    note(std::string("kv_register ") + name_space + " " + group + " " + key);
     if (rig.kv_errno != 0) {
         errno = rig.kv_errno;
         return -1;
@@ -123,7 +135,7 @@ int kv_register(const char* name_space, const char* group, const char* key, kv_c
 
 kyt_handle* kyt_open_rdwr() {
     rig::state& rig = rig::get();
-    rig.calls.emplace_back("kyt_open_rdwr");
+    note("kyt_open_rdwr");
     if (rig.open_errno != 0) {
         errno = rig.open_errno;
         return nullptr;
@@ -135,7 +147,7 @@ kyt_handle* kyt_open_rdwr() {
 
 void kyt_close(kyt_handle* handle) {
     rig::state& rig = rig::get();
-    rig.calls.emplace_back("kyt_close");
+    note("kyt_close");
     EXPECT_EQ(&rig.list, handle);
     EXPECT_TRUE(rig.is_open);
     rig.is_open = false;
@@ -143,7 +155,7 @@ void kyt_close(kyt_handle* handle) {
 
 void kyt_close_dirty(kyt_handle* handle) {
     rig::state& rig = rig::get();
-    rig.calls.emplace_back("kyt_close_dirty");
+    note("kyt_close_dirty");
     EXPECT_EQ(&rig.list, handle);
     EXPECT_TRUE(rig.is_open);
     rig.is_open = false;
@@ -151,7 +163,7 @@ void kyt_close_dirty(kyt_handle* handle) {
 }
 
 int kyt_optimise(kyt_handle*) {
-    rig::get().calls.emplace_back("kyt_optimise");
+    note("kyt_optimise");
     EXPECT_TRUE(rig::get().is_open);
     return -1;  // the daemon does not look
 }
@@ -176,7 +188,7 @@ kyt_record* kyt_next(kyt_handle* handle, const kyt_record* prev) {
 }
 
 int kyt_write(kyt_handle* handle, const kyt_record* record) {
-    rig::get().calls.push_back("kyt_write " + std::to_string(record->ts));
+    note("kyt_write " + std::to_string(record->ts));
     if (rig::get().on_write) {
         rig::get().on_write(record);
     }
@@ -186,7 +198,7 @@ int kyt_write(kyt_handle* handle, const kyt_record* record) {
 }
 
 int kyt_mark_deleted(kyt_handle* handle, kyt_record* record) {
-    rig::get().calls.push_back("kyt_mark_deleted " + std::to_string(record->ts));
+    note("kyt_mark_deleted " + std::to_string(record->ts));
     handle->deleted.insert(record->ts);
     if (rig::get().marking_errno != 0) {
         errno = rig::get().marking_errno;
@@ -196,7 +208,7 @@ int kyt_mark_deleted(kyt_handle* handle, kyt_record* record) {
 
 int kyt_ts2path(uint32_t ts, char* buffer, size_t size, int flag) {
     EXPECT_EQ(0, flag);
-    rig::get().calls.push_back("kyt_ts2path " + std::to_string(size));
+    note("kyt_ts2path " + std::to_string(size));
     if (rig::get().ts2path_errno != 0) {
         errno = rig::get().ts2path_errno;
         return -1;
