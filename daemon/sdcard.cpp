@@ -239,8 +239,10 @@ sdcard_state merge_state() {
     if (mountpoint_statfs(&space) < 0) {
         return SDCARD_BROKEN;
     }
-    uint64_t free_bytes = static_cast<uint64_t>(space.f_bavail) * static_cast<uint64_t>(int64_t{space.f_bsize});
-    auto free_kib = static_cast<uint32_t>(free_bytes / 1024);
+    // Multiplied unsigned, where nothing overflows; the block size is a signed number, and so is what comes out.
+    const auto free_bytes =
+        static_cast<int64_t>(static_cast<uint64_t>(space.f_bavail) * static_cast<uint64_t>(int64_t{space.f_bsize}));
+    const auto free_kib = static_cast<uint32_t>(free_bytes / 1024);
     if (free_kib < SDCARD_FULL_KIB) {
         // While the card is full every look at it logs this anew; that is how it stands.
         log_info("size available: %lu KiB", static_cast<unsigned long>(free_kib));

@@ -5,9 +5,6 @@
 #include <cstdio>
 #include <utility>
 
-#include "cl_eject.h"
-#include "cl_fsck.h"
-#include "cl_mkfs.h"
 #include "kv.h"
 #include "records.h"
 #include "rpc.h"
@@ -17,23 +14,16 @@ namespace rig {
 
 neighbours world;
 
-}  // namespace rig
-
-using rig::world;
-
-namespace {
-
 void step(std::string text) {
     world.steps.push_back(std::move(text));
 }
 
-void start_chain(closure_frame* frame, const std::string& text) {
-    step(text);
-    EXPECT_EQ(&sd.closure, frame);
-    EXPECT_EQ(CLOSURE_BUSY, frame->status);
-    EXPECT_EQ(&frame->slots[0], frame->top) << "the bottom continuation and nothing else";
-    world.running = frame;
-}
+}  // namespace rig
+
+using rig::step;
+using rig::world;
+
+namespace {
 
 void stop_timers() {
     for (auto* timer : {&sd.refresh_timer, &sd.info_timer, &sd.speed_timer}) {
@@ -127,16 +117,6 @@ void rpc_send_alert_slow(int32_t mean_speed, int32_t elapse, uint32_t active_sec
     step("rpc_send_alert_slow " + std::to_string(mean_speed) + " " + std::to_string(elapse) + " " +
          std::to_string(active_sec));
 }
-void cl_next_mkfs(closure_frame* frame) {
-    start_chain(frame, "cl_next_mkfs");
-}
-void cl_next_fsck(closure_frame* frame, const char* device) {
-    start_chain(frame, std::string("cl_next_fsck ") + device);
-}
-void cl_next_eject(closure_frame* frame) {
-    start_chain(frame, "cl_next_eject");
-}
-
 extern "C" int rand_range(int a, int b) {
     step("rand_range " + std::to_string(a) + " " + std::to_string(b));
     if (world.random.empty()) {

@@ -1,5 +1,5 @@
 // What surrounds the card manager in its unit tests: the card's devices, mount and recordings, the keys, the reports,
-// and the chains of the jobs, which end when the test says so. The closure engine is the real one.
+// and (in card_chains.cpp) the chains of the jobs. The closure engine is the real one.
 #pragma once
 
 #include <deque>
@@ -40,6 +40,9 @@ struct neighbours {
     strings steps;                     // "mmc_rescan", "sdcard_status=0", "rpc_send_alert 5", "cl_next_mkfs"
 };
 extern neighbours world;
+
+// Adds to what was seen.
+void step(std::string text);
 
 // Which timer is due in how many seconds.
 double remaining_s(ev_timer* timer);
