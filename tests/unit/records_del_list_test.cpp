@@ -31,6 +31,7 @@ int create_errno;        // not 0: pthread_create fails with it
 bool postpone_creation;  // pthread_create only remembers
 void* (*postponed)(void*) = nullptr;
 ev_async* async;
+pthread_mutex_t* the_locks[2];  // the module's own, in the order in which they were made
 int destroyed;
 thread_local bool is_worker = false;
 
@@ -89,8 +90,8 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
 
 int __real_pthread_mutex_lock(pthread_mutex_t*);
 int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
-    if (is_worker) {
-        is_worker = false;  // std::mutex comes through here too
+    if (is_worker && (mutex == the_locks[0] || mutex == the_locks[1])) {  // stand-ins have locks of their own
+        is_worker = false;
         std::unique_lock guard(lock);
         const int number = ++locks_taken;
         if (held_at.count(number) != 0) {
@@ -101,6 +102,14 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
         is_worker = true;
     }
     return __real_pthread_mutex_lock(mutex);
+}
+
+int __real_pthread_mutex_init(pthread_mutex_t*, const pthread_mutexattr_t*);
+int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
+    EXPECT_EQ(nullptr, attributes);
+    the_locks[0] = the_locks[1];
+    the_locks[1] = mutex;
+    return __real_pthread_mutex_init(mutex, attributes);
 }
 
 int __real_pthread_mutex_destroy(pthread_mutex_t*);
