@@ -47,11 +47,11 @@ struct mmc_manager {
     ev_io uevent_watcher{};
     mmc_state state = MMC_STATE_NONE;  // recomputed after every accepted batch of uevents and every rescan
     int32_t disk_fd = -1;              // the whole disk, opened read-write; -1 when closed
+    mmc_stat stat{};                   // the last sample
+    uint32_t stat_time_ms = 0;         // when it was taken, by the monotonic clock, wrapping; 0: no sample
     mmc_block disk;
     mmc_block partitions[MMC_MAX_PARTITIONS];  // dense, in the order they were added; [count..] may be stale
     int32_t partition_count = 0;               // 0 to MMC_MAX_PARTITIONS
-    mmc_stat stat{};                           // the last sample
-    uint32_t stat_time_ms = 0;                 // when it was taken, by the monotonic clock, wrapping; 0: no sample
 };
 
 mmc_manager* mmc_get_manager();

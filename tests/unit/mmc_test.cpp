@@ -14,26 +14,12 @@
 #include <unistd.h>
 #include <vector>
 
-#include "mountpoint.h"
-#include "support/kernel.h"
-#include "support/log.h"
+#include "support/mmc_rig.h"
 
 using namespace std::string_literals;
+using namespace rig;
 
 namespace {
-int refresh_delays;
-}  // namespace
-
-// --- stand-in for the mount point manager --------------------------------------------------------------------------
-void mountpoint_refresh_delay() {
-    ++refresh_delays;
-}
-
-namespace {
-
-bool is_open(int fd) {
-    return fcntl(fd, F_GETFD) != -1;
-}
 
 struct pair_event {
     std::string action = "add";
@@ -66,40 +52,6 @@ std::string part_event(const std::string& action, int number) {
 int parse(const std::string& text) {
     return uevent_parse(text.c_str(), static_cast<int>(text.size()));
 }
-
-std::vector<std::string> names() {
-    std::vector<std::string> all;
-    for (int i = 0; i < mmc_get_manager()->partition_count; ++i) {
-        const mmc_block& p = mmc_get_manager()->partitions[i];
-        EXPECT_EQ(p.name, p.path + 5) << i;
-        EXPECT_EQ("/dev/"s + p.name, p.path);
-        all.emplace_back(p.name);
-    }
-    return all;
-}
-using list = std::vector<std::string>;
-
-class mmc : public testing::Test {
-  protected:
-    mmc_manager* m = mmc_get_manager();
-    int readonly = 0;
-
-    void SetUp() override {
-        kernel::reset();
-        logged::reset();
-        refresh_delays = 0;
-        *m = mmc_manager{};
-        kernel::write("/dev/mmcblk0", "");
-        kernel::write("/dev/mmcblk1", "");
-        kernel::on().ioctl = [this](int fd, unsigned long request, void* argument) {
-            EXPECT_EQ(fd, m->disk_fd);
-            EXPECT_EQ(request, static_cast<unsigned long>(BLKROGET));
-            *static_cast<int*>(argument) = readonly;
-            return 0;
-        };
-    }
-    void TearDown() override { mmc_dev_exit(); }
-};
 
 // --- one datagram --------------------------------------------------------------------------------------------------
 

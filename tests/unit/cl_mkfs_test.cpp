@@ -1,0 +1,221 @@
+#include "cl_mkfs.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "support/job_rig.h"
+
+using namespace std::string_literals;
+using rig::world;
+
+namespace {
+
+const std::string FDISK = "run fdisk /dev/mmcblk0";
+const std::string MKFS = "run mkfs.fat -n QX_CAM /dev/mmcblk0p1";
+
+class cl_mkfs : public rig::job {
+  protected:
+    void SetUp() override {
+        rig::job::SetUp();
+        set_block(&world.mmc.disk, "mmcblk0", 0);
+        set_partitions(1);
+    }
+    static void set_block(mmc_block* block, const char* name, uint32_t minor) {
+        snprintf(block->path, sizeof block->path, "/dev/%s", name);
+        block->name = block->path + 5;
+        block->minor = minor;
+    }
+    static void set_partitions(int32_t count) {
+        for (int32_t i = 0; i < count; ++i) {
+            set_block(&world.mmc.partitions[i], ("mmcblk0p" + std::to_string(i + 1)).c_str(),
+                      static_cast<uint32_t>(i + 1));
+        }
+        world.mmc.partition_count = count;
+    }
+};
+
+TEST_F(cl_mkfs, card_is_made_new) {
+    start(cl_next_mkfs);
+    EXPECT_EQ(world.steps, (strings{"umount", FDISK, "partprobe", MKFS, "mount", "done 2 0"}));
+    EXPECT_EQ(logged::lines(), (strings{"debug closure: cl_next_mkfs(): cl_next_umount -> next_fdisk",
+                                        "debug closure: next_fdisk(): cl_next_execvp_write -> next_partprobe",
+                                        "debug closure: next_partprobe(): cl_next_execvp -> next_finish"}));
+}
+
+TEST_F(cl_mkfs, fdisk_is_given_seventeen_bytes_the_last_one_nul) {
+    start(cl_next_mkfs);
+    EXPECT_EQ(world.input, "o\nn\np\n1\n\n\nt\nc\nw\n\0"s);
+    EXPECT_EQ(world.input.size(), 17U);
+}
+
+TEST_F(cl_mkfs, failures_of_the_stages) {
+    const rig::outcome ok;
+    const struct {
+        const char* what;
+        rig::outcome umount;
+        rig::outcome fdisk;
+        int partprobe_errno;
+        int32_t partitions;
+        rig::outcome mkfs;
+        strings steps;
+        std::string line;
+    } rows[] = {
+        {"card in use",
+         {CLOSURE_FAILED, EBUSY},
+         ok,
+         0,
+         1,
+         ok,
+         {"umount", "mount", "done 3 16"},
+         "Unable to umount sdcard."},
+        {"no memory for the retries",
+         {CLOSURE_FAILED, ENOMEM},
+         ok,
+         0,
+         1,
+         ok,
+         {"umount", "mount", "done 3 12"},
+         "Unable to umount sdcard."},
+        {"fdisk fails",
+         ok,
+         {CLOSURE_FAILED, 1},
+         0,
+         1,
+         ok,
+         {"umount", FDISK, "mount", "done 3 1"},
+         "unable to re-create the partition table."},
+        {"fdisk is killed",
+         ok,
+         {CLOSURE_FAILED, -1},
+         0,
+         1,
+         ok,
+         {"umount", FDISK, "mount", "done 3 -1"},
+         "unable to re-create the partition table."},
+        {"no fdisk",
+         ok,
+         {CLOSURE_FAILED, 99},
+         0,
+         1,
+         ok,
+         {"umount", FDISK, "mount", "done 3 99"},
+         "unable to re-create the partition table."},
+        {"table cannot be read again",
+         ok,
+         ok,
+         EBUSY,
+         1,
+         ok,
+         {"umount", FDISK, "partprobe", "mount", "done 3 16"},
+         "can not rescan partitions: "s + strerror(EBUSY)},
+        {"card gone before it is read again",
+         ok,
+         ok,
+         EINVAL,
+         0,
+         ok,
+         {"umount", FDISK, "partprobe", "mount", "done 3 22"},
+         "can not rescan partitions: "s + strerror(EINVAL)},
+        {"partition not told yet",
+         ok,
+         ok,
+         0,
+         0,
+         ok,
+         {"umount", FDISK, "partprobe", "mount", "done 3 22"},
+         "Unexpected partition count: 0."},
+        {"a partition too many",
+         ok,
+         ok,
+         0,
+         2,
+         ok,
+         {"umount", FDISK, "partprobe", "mount", "done 3 22"},
+         "Unexpected partition count: 2."},
+        {"mkfs.fat fails",
+         ok,
+         ok,
+         0,
+         1,
+         {CLOSURE_FAILED, 1},
+         {"umount", FDISK, "partprobe", MKFS, "mount", "done 3 1"},
+         "unable to make new filesystem."},
+        {"mkfs.fat is killed",
+         ok,
+         ok,
+         0,
+         1,
+         {CLOSURE_FAILED, -1},
+         {"umount", FDISK, "partprobe", MKFS, "mount", "done 3 -1"},
+         "unable to make new filesystem."},
+        {"no mkfs.fat",
+         ok,
+         ok,
+         0,
+         1,
+         {CLOSURE_FAILED, 99},
+         {"umount", FDISK, "partprobe", MKFS, "mount", "done 3 99"},
+         "unable to make new filesystem."},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        SetUp();
+        world.umount = row.umount;
+        world.runs = {row.fdisk, row.mkfs};
+        world.partprobe_errno = row.partprobe_errno;
+        set_partitions(row.partitions);
+        start(cl_next_mkfs);
+        EXPECT_EQ(world.steps, row.steps);
+        EXPECT_EQ(lines_of("err "), strings{"err cl_mkfs: " + row.line});
+        EXPECT_TRUE(lines_of("warning ").empty());
+    }
+}
+
+TEST_F(cl_mkfs, mount_that_fails_changes_no_outcome) {
+    world.mount_result = -1;
+    start(cl_next_mkfs);
+    EXPECT_EQ(world.steps.back(), "done 2 0");
+
+    SetUp();
+    world.mount_result = -1;
+    world.runs = {{CLOSURE_FAILED, 7}};
+    start(cl_next_mkfs);
+    EXPECT_EQ(world.steps.back(), "done 3 7");
+}
+
+// Each stage waits for the one before it, and the table is looked at when its stage comes, not before.
+TEST_F(cl_mkfs, stages_wait_for_each_other) {
+    world.umount.at_once = false;
+    world.runs = {{.at_once = false}, {.at_once = false}};
+    start(cl_next_mkfs);
+    EXPECT_EQ(world.steps, strings{"umount"});
+    EXPECT_EQ(frame.status, CLOSURE_BUSY);
+
+    set_block(&world.mmc.disk, "mmcblk7", 56);
+    end(CLOSURE_OK, 0);
+    EXPECT_EQ(world.steps, (strings{"umount", "run fdisk /dev/mmcblk7"}));
+    EXPECT_EQ(frame.status, CLOSURE_BUSY);
+
+    set_partitions(1);
+    set_block(&world.mmc.partitions[0], "mmcblk7p1", 57);
+    end(CLOSURE_OK, 0);
+    EXPECT_EQ(world.steps,
+              (strings{"umount", "run fdisk /dev/mmcblk7", "partprobe", "run mkfs.fat -n QX_CAM /dev/mmcblk7p1"}));
+    EXPECT_EQ(frame.status, CLOSURE_BUSY);
+
+    world.steps.clear();
+    end(CLOSURE_OK, 0);
+    EXPECT_EQ(world.steps, (strings{"mount", "done 2 0"}));
+}
+
+// What fdisk leaves in the frame is not what a later stage fails with.
+TEST_F(cl_mkfs, frame_serves_the_next_job) {
+    world.runs = {{CLOSURE_FAILED, 5}};
+    start(cl_next_mkfs);
+    world.steps.clear();
+    start(cl_next_mkfs);
+    EXPECT_EQ(world.steps.back(), "done 2 0");
+}
+
+}  // namespace

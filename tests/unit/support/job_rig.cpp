@@ -1,0 +1,142 @@
+#include "support/job_rig.h"
+
+#include <cerrno>
+
+#include "cl_execvp.h"
+#include "cl_umount.h"
+#include "mountpoint.h"
+#include "support/kernel.h"
+
+namespace rig {
+
+neighbours world;
+
+namespace {
+
+const char JOB[] = "job";
+
+void on_closure_done(closure_frame* frame, void* argument) {
+    EXPECT_EQ(argument, JOB);
+    EXPECT_EQ(frame->top, frame->slots - 1) << "nothing is left on the stack";
+    world.steps.push_back("done " + std::to_string(frame->status) + " " + std::to_string(frame->result));
+}
+
+void finish(closure_frame* frame, const outcome& how) {
+    errno = EPIPE;  // whatever ran last has left its own
+    if (how.status == CLOSURE_OK) {
+        closure_succeed(frame, how.result);
+    } else {
+        closure_fail(frame, how.result);
+    }
+}
+
+// An operation was started on the frame, with the job's next step on top of the bottom.
+void operate(closure_frame* frame, const outcome& how) {
+    EXPECT_EQ(frame->status, CLOSURE_BUSY);
+    EXPECT_EQ(frame->top, &frame->slots[1]) << "the bottom and the next step";
+    EXPECT_EQ(world.waiting, nullptr) << "one operation at a time";
+    if (how.at_once) {
+        finish(frame, how);
+    } else {
+        world.waiting = frame;
+    }
+}
+
+void run(closure_frame* frame, const char* const* argv) {
+    std::string step = "run";
+    for (; *argv != nullptr; ++argv) {
+        step += std::string(" ") + *argv;
+    }
+    world.steps.push_back(step);
+    outcome how;
+    if (!world.runs.empty()) {
+        how = world.runs.front();
+        world.runs.pop_front();
+    }
+    operate(frame, how);
+}
+
+int answer(int errnum) {
+    errno = errnum;
+    return errnum == 0 ? 0 : -1;
+}
+
+}  // namespace
+
+void job::SetUp() {
+    kernel::reset();
+    logged::reset();
+    logged::disturb_errno(EPIPE);
+    world = neighbours{};
+    closure_init(&frame, nullptr);
+}
+
+void job::TearDown() {
+    EXPECT_EQ(world.waiting, nullptr) << "the test has left an operation unfinished";
+}
+
+void job::push_bottom() {
+    closure_setup_frame(&frame, on_closure_done, const_cast<char*>(JOB));
+    frame.status = CLOSURE_BUSY;
+}
+
+void job::end(closure_status status, int32_t result) {
+    ASSERT_NE(world.waiting, nullptr);
+    closure_frame* const waiting = world.waiting;
+    world.waiting = nullptr;
+    finish(waiting, {status, result});
+}
+
+strings job::lines_of(const std::string& level) {
+    strings found;
+    for (const auto& line : logged::lines()) {
+        if (line.compare(0, level.size(), level) == 0) {
+            found.push_back(line);
+        }
+    }
+    return found;
+}
+
+}  // namespace rig
+
+// --- stand-ins -----------------------------------------------------------------------------------------------------
+
+using rig::world;
+
+void cl_next_umount(closure_frame* frame) {
+    world.steps.emplace_back("umount");
+    rig::operate(frame, world.umount);
+}
+
+void cl_next_execvp(closure_frame* frame, const char* const* argv) {
+    rig::run(frame, argv);
+}
+
+void cl_next_execvp_write(closure_frame* frame, const char* const* argv, const char* data, uint32_t length) {
+    world.input.assign(data, length);
+    rig::run(frame, argv);
+}
+
+mmc_manager* mmc_get_manager() {
+    return &world.mmc;
+}
+
+int mmc_partprobe() {
+    world.steps.emplace_back("partprobe");
+    return rig::answer(world.partprobe_errno);
+}
+
+int mmc_eject() {
+    world.steps.emplace_back("eject");
+    return rig::answer(world.eject_errno);
+}
+
+int mountpoint_mount() {
+    world.steps.emplace_back("mount");
+    errno = EPIPE;
+    return world.mount_result;
+}
+
+void mountpoint_clear_mask() {
+    world.steps.emplace_back("clear_mask");
+}
