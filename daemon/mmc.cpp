@@ -34,7 +34,7 @@ constexpr int BLOCK_NAME_MAX = 32;  // the width in PARTITIONS_LINE
 constexpr char PARTITIONS_LINE[] = "%4u %7u %*u %32s";
 static_assert(sizeof mmc_block::path == DEV_PREFIX_LENGTH + BLOCK_NAME_MAX + 1);
 
-constexpr uint32_t SECTOR_BYTES = 512;      // of the kernel's counters, whatever the card's are
+constexpr uint64_t SECTOR_BYTES = 512;      // of the kernel's counters, whatever the card's are
 constexpr uint32_t SPEED_MIN_SECTORS = 40;  // less than this says nothing about a card's speed
 
 constinit mmc_manager manager;
@@ -502,5 +502,5 @@ int mmc_calc_write_speed(uint32_t* written) {
     if (sectors < SPEED_MIN_SECTORS) {
         return 0;
     }
-    return static_cast<int>(static_cast<uint32_t>(uint64_t{sectors} * (SECTOR_BYTES * 1000) / busy_ms));
+    return static_cast<int>(static_cast<uint32_t>(sectors * SECTOR_BYTES * 1000 / busy_ms));
 }
