@@ -12,10 +12,14 @@
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <set>
 #include <sstream>
 #include <string>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -30,7 +34,8 @@ using list = std::vector<std::string>;
 namespace {
 std::vector<ev_io*> io_started;  // the watchers of the run under test
 ev_child* child_started;
-long allocated;  // live allocations of the runner
+long allocated;                  // live allocations of the runner
+std::function<void()> on_child;  // runs in the child, first of all
 }  // namespace
 
 extern "C" {
@@ -42,7 +47,14 @@ int __wrap_pipe2(int* ends, int flags) {
 
 pid_t __real_fork();
 pid_t __wrap_fork() {
-    return kernel::must_fail("fork") ? -1 : __real_fork();
+    if (kernel::must_fail("fork")) {
+        return -1;
+    }
+    const pid_t pid = __real_fork();
+    if (pid == 0 && on_child) {
+        on_child();
+    }
+    return pid;
 }
 
 void* __real_calloc(size_t count, size_t size);
@@ -124,6 +136,7 @@ class cl_execvp : public testing::Test {
         io_started.clear();
         child_started = nullptr;
         ended = 0;
+        on_child = nullptr;
         before = descriptors();
         allocated_before = allocated;
     }
@@ -383,6 +396,41 @@ TEST_F(cl_execvp, descriptors_of_the_child) {
         EXPECT_EQ(file_content(folder + "/open"), expected + "\n") << w;
     }
 }
+
+// The emulator of the processor knows nothing of filters, and the numbers are the workbench's.
+#ifdef __x86_64__
+// Kills the process at its first call of the kernel that is not one of these.
+void allow_nothing_but_what_is_safe_behind_fork() {
+    static sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_dup2, 5, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_close, 4, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_execve, 3, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_exit_group, 2, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_sigaltstack, 1, 0),  // the sanitizer's, where nothing returns
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog program = {sizeof filter / sizeof *filter, filter};
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
+        _exit(1);
+    }
+}
+
+// Other threads may hold any lock of the C library at the fork.
+TEST_F(cl_execvp, between_fork_and_exec_next_to_nothing_is_called) {
+    char buffer[8];
+    on_child = allow_nothing_but_what_is_safe_behind_fork;
+    start({"no-such-tool"});
+    EXPECT_EQ(outcome(), "3 99");
+    push();
+    cl_next_execvp_read(&frame, vector_of({"no-such-tool"}).data(), buffer, sizeof buffer);
+    EXPECT_EQ(outcome(), "3 99");
+    push();
+    cl_next_execvp_write(&frame, vector_of({"no-such-tool"}).data(), "x", 1);
+    EXPECT_EQ(outcome(), "3 99");
+}
+#endif
 
 TEST_F(cl_execvp, our_ends_do_not_block_and_both_ends_are_close_on_exec) {
     make_gate();
