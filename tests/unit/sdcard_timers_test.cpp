@@ -73,7 +73,7 @@ TEST_F(sdcard_timers, each_of_400_days_draws_its_own_time) {
         ev_timer_stop(EV_DEFAULT, &sd.info_timer);  // as it has fired
         ev_invoke(EV_DEFAULT, &sd.info_timer, EV_TIMER);
         EXPECT_EQ((strings{"rand_range 0 1800", "rpc_send_sdcard_info"}), world.steps);
-        ASSERT_TRUE(ev_is_active(&sd.info_timer));
+        ASSERT_TRUE(world.is_next_report_due);
         ASSERT_NEAR(86400 - drawn, rig::remaining_s(&sd.info_timer), 5);
         ASSERT_EQ(0, sd.info_timer.repeat);
     }
@@ -203,6 +203,17 @@ TEST_F(sdcard_timers, a_period_that_begins_at_59_s_after_1970_is_none) {
     minute(SLOW);
     EXPECT_EQ(strings{"rpc_send_alert_slow 204799 60 500"}, alerts()) << "so that it begins again";
     EXPECT_EQ(59, sd.slow_since);
+}
+
+TEST_F(sdcard_timers, other_periods_that_begin_before_1970_are_periods) {
+    kernel::on().now = 30;
+    look(SLOW);
+    EXPECT_EQ(-30, sd.slow_since);
+    (void)alerts();
+    minute(SLOW);
+    EXPECT_EQ(strings{}, alerts());
+    minute(FAST);
+    EXPECT_EQ(strings{"rpc_send_alert_slow 204800 180 500"}, alerts());
 }
 
 TEST_F(sdcard_timers, times_wrap_at_32_bits) {

@@ -108,6 +108,7 @@ void kvmem_set(const char* key, const char* value) {
     step(std::string(key) + "=" + value);
 }
 void rpc_send_sdcard_info() {
+    world.is_next_report_due = ev_is_active(&sd.info_timer) != 0;
     step("rpc_send_sdcard_info");
 }
 void rpc_send_alert(rpc_alert type) {

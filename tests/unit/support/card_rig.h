@@ -34,6 +34,7 @@ struct neighbours {
     bool refresh_from_mountinfo = false;
     int speed = MMC_SPEED_NO_BASELINE;  // mmc_calc_write_speed
     int speed_errno = 0;
+    bool is_next_report_due = false;   // at the last rpc_send_sdcard_info
     uint32_t written = 0;              // sectors; told only when the speed is not negative
     std::deque<int> random;            // what rand_range gives; empty: its lower end
     closure_frame* running = nullptr;  // the frame of a chain that was started and has not ended
