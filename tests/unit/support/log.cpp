@@ -43,6 +43,11 @@ int count(std::string_view line) {
     std::lock_guard guard(lock);
     return static_cast<int>(std::count(kept.begin(), kept.end(), line));
 }
+int count_beginning(std::string_view prefix) {
+    std::lock_guard guard(lock);
+    return static_cast<int>(
+        std::count_if(kept.begin(), kept.end(), [&](const std::string& line) { return line.starts_with(prefix); }));
+}
 void disturb_errno(int value) {
     std::lock_guard guard(lock);
     disturbance = value;
