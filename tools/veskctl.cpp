@@ -22,7 +22,15 @@ struct subcommand {
 constexpr subcommand SUBCOMMANDS[] = {
     {"status", veskctl_status, "state, writable, free, used, clips, oldest and newest"},
     {"watch", veskctl_watch, "every key change and report as it happens (--count N, --timeout S)"},
-    {"clips", veskctl_clips, "the clip index; [FOLDER] of a copied recordings folder"},
+    {"storage", veskctl_storage, "the daemon's own figures of the card's space"},
+    {"clips", veskctl_clips, "the clip index (--from TIME, --to TIME, --marked, --unmarked); [FOLDER] of a copy"},
+    {"save", veskctl_save, "protects the clips of these TIMEs from being deleted to make room"},
+    {"delete", veskctl_delete, "deletes the clips of these TIMEs, protected or not (--yes)"},
+    {"format", veskctl_format, "erases the card (--wait, --timeout S, --yes)"},
+    {"eject", veskctl_eject, "makes the card safe to pull (--wait, --timeout S)"},
+    {"busy", veskctl_busy, "the processes that hold the card"},
+    {"log", veskctl_log, "what happened to the clips; [FOLDER] of a copied recordings folder"},
+    {"report", veskctl_report, "the card's details (--timeout S; [FILE] of a report that was kept)"},
 };
 
 // By number; what the daemon publishes as "sdcard_status".
@@ -42,8 +50,10 @@ void usage(FILE* out) {
             "  --json         JSON instead of text\n"
             "  --version, --help\n"
             "Data goes to standard output, messages to standard error. Times are UTC.\n"
-            "exit codes: 0 done, 1 failed, 2 usage, 3 the configuration service did not answer,\n"
-            "            4 no card or no clip index, 5 a clip index that cannot be read\n",
+            "A TIME is 2026-11-21T01:22:05Z or seconds since 1970.\n"
+            "exit codes: 0 done, 1 failed, 2 usage, 3 the configuration service or the daemon did not answer,\n"
+            "            4 no card, no clip index or no log, 5 a clip index or report that cannot be read,\n"
+            "            6 refused, 7 outcome unknown\n",
             bus_address());
 }
 
@@ -100,6 +110,25 @@ bool veskctl_arguments(int argc, char** argv, int at_most) {
 int veskctl_no_service() {
     fprintf(stderr, "veskctl: the configuration service does not answer at %s\n", bus_address());
     return VESKCTL_NO_SERVICE;
+}
+
+bool veskctl_is_local() {
+    return strncmp(bus_address(), "unix:", 5) == 0;
+}
+
+int veskctl_confirm(const char* question) {
+    if (isatty(STDIN_FILENO) != 1) {
+        fputs("veskctl: there is nobody to ask; --yes says that it is meant\n", stderr);
+        return VESKCTL_USAGE;
+    }
+    fprintf(stderr, "%s [y/N] ", question);
+    char answer[16] = "";
+    if (fgets(answer, sizeof answer, stdin) != nullptr &&
+        (strcmp(answer, "y\n") == 0 || strcmp(answer, "yes\n") == 0)) {
+        return VESKCTL_DONE;
+    }
+    fputs("veskctl: nothing was done\n", stderr);
+    return VESKCTL_REFUSED;
 }
 
 kyt_handle* veskctl_open_list(const char* folder, int* code) {

@@ -10,9 +10,11 @@ enum veskctl_exit {
     VESKCTL_DONE = 0,
     VESKCTL_FAILED = 1,      // something else went wrong; a message says what
     VESKCTL_USAGE = 2,       // the command line makes no sense
-    VESKCTL_NO_SERVICE = 3,  // the configuration service did not answer
+    VESKCTL_NO_SERVICE = 3,  // the configuration service did not answer, or the daemon behind it
     VESKCTL_NO_CARD = 4,     // no card in service, or no recordings folder with a list
     VESKCTL_BAD_LIST = 5,    // there is a list, but none that can be read
+    VESKCTL_REFUSED = 6,     // by the daemon, the service, or whoever was asked to confirm; nothing has changed
+    VESKCTL_UNKNOWN = 7,     // asked, and ended or not, but what became of it cannot be known
 };
 
 struct veskctl_options {
@@ -28,6 +30,14 @@ constexpr double VESKCTL_PATIENCE_S = 5;  // how long the configuration service 
 int veskctl_status(const veskctl_options& options, int argc, char** argv);
 int veskctl_watch(const veskctl_options& options, int argc, char** argv);
 int veskctl_clips(const veskctl_options& options, int argc, char** argv);
+int veskctl_save(const veskctl_options& options, int argc, char** argv);
+int veskctl_delete(const veskctl_options& options, int argc, char** argv);
+int veskctl_storage(const veskctl_options& options, int argc, char** argv);
+int veskctl_format(const veskctl_options& options, int argc, char** argv);
+int veskctl_eject(const veskctl_options& options, int argc, char** argv);
+int veskctl_busy(const veskctl_options& options, int argc, char** argv);
+int veskctl_log(const veskctl_options& options, int argc, char** argv);
+int veskctl_report(const veskctl_options& options, int argc, char** argv);
 
 // The card state in words by its number as published; null when there is no such state.
 const char* veskctl_state_name(long number);
@@ -42,6 +52,12 @@ bool veskctl_arguments(int argc, char** argv, int at_most);
 
 // Says that the service does not answer. VESKCTL_NO_SERVICE.
 int veskctl_no_service();
+
+// Whether the service is this machine's own, and with it the card. Behind a network address it is another one's.
+bool veskctl_is_local();
+
+// Asks a person. VESKCTL_DONE: yes. VESKCTL_REFUSED: no. VESKCTL_USAGE after a message: there is nobody to ask.
+int veskctl_confirm(const char* question);
 
 // Opens the list of a recordings folder for reading. Null: *code is the exit code, after a message unless there is just
 // no list (VESKCTL_NO_CARD).

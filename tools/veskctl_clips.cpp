@@ -1,4 +1,5 @@
-// veskctl clips [FOLDER]: the clip index, read without changing anything; works on a copied recordings folder too.
+// veskctl clips [FOLDER]: the clip index, or the part of it that was asked for, read without changing anything; works
+// on a copied recordings folder too.
 #include <getopt.h>
 #include <json-c/json.h>
 
@@ -43,10 +44,58 @@ void print_text(const kyt_record* record) {
            clip_path(record->ts, path));
 }
 
+// What was asked for. A clip belongs to the time that it begins at.
+struct filter {
+    uint32_t from;
+    uint32_t to;
+    bool marked;    // those that are protected
+    bool unmarked;  // those that are not; neither of both: all
+};
+
+bool passes(const filter& wanted, const kyt_record* record) {
+    const bool marked = (record->flags & KYT_PERSISTENT) != 0;
+    return record->ts >= wanted.from && record->ts <= wanted.to &&
+           (wanted.marked == wanted.unmarked || (marked ? wanted.marked : wanted.unmarked));
+}
+
+bool read_arguments(int argc, char** argv, filter* wanted) {
+    static const option table[] = {{"from", required_argument, nullptr, 'f'},
+                                   {"to", required_argument, nullptr, 't'},
+                                   {"marked", no_argument, nullptr, 'm'},
+                                   {"unmarked", no_argument, nullptr, 'u'},
+                                   {}};
+    int index = 0;
+    for (int letter; (letter = getopt_long(argc, argv, "", table, &index)) != -1;) {
+        switch (letter) {
+            case 'f':
+            case 't':
+                if (!time_from_text(optarg, letter == 'f' ? &wanted->from : &wanted->to)) {
+                    fprintf(stderr, "veskctl: --%s cannot be \"%s\"\n", table[index].name, optarg);
+                    return false;
+                }
+                break;
+            case 'm':
+                wanted->marked = true;
+                break;
+            case 'u':
+                wanted->unmarked = true;
+                break;
+            default:
+                return false;
+        }
+    }
+    if (argc - optind > 1) {
+        fprintf(stderr, "veskctl: clips does not take \"%s\"\n", argv[optind + 1]);
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 int veskctl_clips(const veskctl_options& options, int argc, char** argv) {
-    if (!veskctl_arguments(argc, argv, 1)) {
+    filter wanted = {0, UINT32_MAX, false, false};
+    if (!read_arguments(argc, argv, &wanted)) {
         return VESKCTL_USAGE;
     }
     const char* folder = optind < argc ? argv[optind] : VESKCTL_FOLDER;
@@ -66,6 +115,9 @@ int veskctl_clips(const veskctl_options& options, int argc, char** argv) {
         printf("%-20s  %6s  %-9s  %s\n", "time", "length", "mark", "clip");
     }
     for (const kyt_record* record = kyt_next(list, nullptr); record != nullptr; record = kyt_next(list, record)) {
+        if (!passes(wanted, record)) {
+            continue;
+        }
         if (options.json) {
             fputs(first ? "\n" : ",\n", stdout);
             print_json(record);

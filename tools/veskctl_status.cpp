@@ -1,26 +1,22 @@
 // veskctl status: the card state as published, the space of the mounted card, and the clips in its index.
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <ev.h>
 #include <json-c/json.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
-#include "bus/bus.h"
 #include "kyt_rdonly.h"
+#include "tools/exchange.h"
 #include "tools/time_text.h"
 #include "tools/veskctl.h"
 
 namespace {
 
 constexpr char MOUNT_POINT[] = "/mnt/sdcard";
-constexpr char STATUS_TOPIC[] = "karvel/mem/default/sdcard_status";
 constexpr char ACCESS_TOPIC[] = "karvel/mem/default/sdcard_rw";
 
 // What could be learnt; a false flag: nothing known.
 struct findings {
-    bool service;
     long state;  // -1: not published
     char access[16];
     bool card;
@@ -32,22 +28,14 @@ struct findings {
     uint32_t newest;
 };
 
-// Reading what the broker keeps: subscribe, then ask for something harmless; its answer comes behind the kept values.
-struct reading {
-    findings* found;
-    uint32_t subscribed;
-    uint32_t marker;
-    bool done;
-};
-
-void on_message(bus_session*, const bus_message* message, void* context) {
-    findings* found = static_cast<reading*>(context)->found;
+void on_message(const bus_message* message, void* context) {
+    auto* found = static_cast<findings*>(context);
     if (message->payload == nullptr) {
         return;
     }
     char text[sizeof found->access] = {};
     memcpy(text, message->payload, message->length < sizeof text ? message->length : sizeof text - 1);
-    if (strcmp(message->topic, STATUS_TOPIC) == 0) {
+    if (strcmp(message->topic, CARD_STATUS_TOPIC) == 0) {
         char* end = nullptr;
         const long number = strtol(text, &end, 10);
         found->state = end != text && *end == '\0' && veskctl_state_name(number) != nullptr ? number : -1;
@@ -56,49 +44,18 @@ void on_message(bus_session*, const bus_message* message, void* context) {
     }
 }
 
-void on_answer(bus_session* session, uint32_t request, int reason, void* context) {
-    auto* read = static_cast<reading*>(context);
-    if (request == read->subscribed && reason < 0x80) {
-        read->marker = bus_unsubscribe(session, "karvel/mem/default/+");
+// VESKCTL_DONE, or another exit code after a message.
+int read_keys(findings* found) {
+    exchange talk;
+    int code = exchange_open(&talk, on_message, found);
+    if (code == VESKCTL_DONE) {
+        code = exchange_subscribe(&talk, "karvel/mem/default/+", bus_retained::SEND);
     }
-    if (request == read->marker || reason >= 0x80) {
-        read->found->service = reason < 0x80 || request == read->marker;
-        read->done = true;
-        ev_break(EV_DEFAULT, EVBREAK_ALL);
+    if (code == VESKCTL_DONE) {
+        code = exchange_settle(&talk);
     }
-}
-
-void on_connected(bus_session* session, void* context) {
-    auto* read = static_cast<reading*>(context);
-    read->subscribed = bus_subscribe(session, "karvel/mem/default/+", 0, bus_retained::SEND);
-}
-
-void on_lost(bus_session*, int error, void* context) {
-    static_cast<reading*>(context)->done = true;
-    errno = error;
-    ev_break(EV_DEFAULT, EVBREAK_ALL);
-}
-
-void on_late(struct ev_loop* loop, ev_timer*, int) {
-    ev_break(loop, EVBREAK_ALL);
-}
-
-void read_keys(findings* found) {
-    reading read = {};
-    read.found = found;
-    bus_options options = {};
-    options.listener = {on_connected, on_lost, on_message, on_answer, &read};
-    bus_session* session = bus_open(EV_DEFAULT, &options);
-    if (session == nullptr) {
-        return;
-    }
-    ev_timer patience;
-    ev_now_update(EV_DEFAULT);
-    ev_timer_init(&patience, on_late, VESKCTL_PATIENCE_S, 0);
-    ev_timer_start(EV_DEFAULT, &patience);
-    ev_run(EV_DEFAULT, 0);
-    ev_timer_stop(EV_DEFAULT, &patience);
-    bus_close(session);
+    exchange_close(&talk);
+    return code;
 }
 
 // Only a card's own space counts, not that of the folder it would be mounted on.
@@ -208,7 +165,7 @@ int veskctl_status(const veskctl_options& options, int argc, char** argv) {
     }
     findings found = {};
     found.state = -1;
-    read_keys(&found);
+    const int answer = read_keys(&found);
     measure_card(&found);
     const int code = read_index(&found);
     if (options.json) {
@@ -216,5 +173,5 @@ int veskctl_status(const veskctl_options& options, int argc, char** argv) {
     } else {
         print_text(options, found);
     }
-    return found.service ? code : veskctl_no_service();
+    return answer != VESKCTL_DONE ? answer : code;
 }
