@@ -130,8 +130,10 @@ int finish(following* follow, int code, const char* outcome, const char* detail)
         json_object_object_add(object, "outcome", json_object_new_string(outcome));
         json_object_object_add(object, "detail", *detail != '\0' ? veskctl_text_json(detail, strlen(detail)) : nullptr);
         json_object_object_add(object, "state", name != nullptr ? json_object_new_string(name) : nullptr);
+        char elapsed[32];
+        (void)snprintf(elapsed, sizeof elapsed, "%.1f", elapsed_s(*follow));
         json_object_object_add(object, "elapsed_s",
-                               follow->asked ? json_object_new_double_s(elapsed_s(*follow), nullptr) : nullptr);
+                               follow->asked ? json_object_new_double_s(elapsed_s(*follow), elapsed) : nullptr);
         veskctl_print_json(object);
         return code;
     }
@@ -234,7 +236,7 @@ int request(following* follow, bool wait, double wait_s, void (*prepare)(void*),
         return finish(follow, code, "");
     }
     wait_while(
-        follow, [](const following& f) { return !f.answered && !f.begun; }, ANSWER_S, false);
+        follow, [](const following& f) { return !f.answered && !f.begun; }, wait_s < ANSWER_S ? wait_s : ANSWER_S, false);
     if (!follow->answered && !follow->begun) {
         return finish(follow, VESKCTL_NO_SERVICE, "vesk_sdcard did not answer the request");
     }

@@ -237,7 +237,7 @@ int main(int argc, char** argv) {
                 }
             }
             arguments[kept] = nullptr;
-            optind = 1;
+            optind = 0;  // the command's own arguments, options and others in any order
             return veskctl_finish(command.run(options, kept, arguments));
         }
     }

@@ -8,6 +8,7 @@ import select
 import signal
 import socket
 import subprocess
+import threading
 import time
 from collections.abc import Callable, Iterator
 from pathlib import Path
@@ -59,11 +60,15 @@ def read_line(stream: IO[bytes] | None, limit_s: float = 20) -> str:
 class Broker:
     """A real broker on a Unix socket of its own."""
 
-    def __init__(self, folder: Path) -> None:
+    def __init__(self, folder: Path, more: str = "", files: dict[str, str] | None = None) -> None:
+        """more: further lines of its configuration, in which {folder} is where the files lie."""
+        for name, text in (files or {}).items():
+            (folder / name).write_text(text)
         self.socket = folder / "sock"
         self.address = f"unix:{self.socket}"
         configuration = folder / "conf"
-        configuration.write_text(f"allow_anonymous true\nuser root\nlistener 0 {self.socket}\n")
+        configuration.write_text(f"allow_anonymous true\nuser root\nlistener 0 {self.socket}\n"
+                                 + more.format(folder=folder))
         with (folder / "log").open("w") as log:
             self.process = subprocess.Popen([*MORTAL, "/usr/sbin/mosquitto", "-c", configuration], stdout=log, stderr=log)
         until(self._takes_connections, "the broker takes connections")
@@ -97,7 +102,8 @@ class Listener:
             [*MORTAL, "mosquitto_sub", "--unix", broker.socket, "-q", "1", "-F", "%r %t %p", "-t", topic, "-t", "test/end"],
             stdout=subprocess.PIPE)
         broker.publish("test/end", "ready", keep=True)  # subscribed once this one arrives, kept or not
-        assert read_line(self._client.stdout).endswith("test/end ready\n")
+        while not (line := read_line(self._client.stdout)).endswith("test/end ready\n"):
+            self._lines.append(line.rstrip("\n"))
 
     def messages(self) -> list[str]:
         """All so far, each as "<kept 0 or 1> <topic> <payload>"."""
@@ -139,3 +145,86 @@ def make_list(folder: Path, *announcements: str) -> None:
 
 def objects(text: str) -> list[dict]:
     return [json.loads(line) for line in text.splitlines()]
+
+
+class StandIn:
+    """Answers on the bus as the daemon does, from a script of the test's own.
+
+    `jobs` maps a request ("spec_sdcard_format", "spec_sdcard_unmount") to what is published for it, in order: a number is
+    a state, "end" the answer, a float a pause in seconds, a function is called. `actions` maps an action to the answer,
+    a number being a code; None: no answer.
+    """
+
+    def __init__(self, broker: Broker, jobs: dict[str, list] | None = None, actions: dict[str, object] | None = None,
+                 state: int = 0) -> None:
+        self._broker = broker
+        self._jobs = jobs or {}
+        self._actions = actions or {}
+        self.asked: list[tuple[str, str]] = []
+        broker.publish("karvel/mem/default/sdcard_status", str(state), keep=True)
+        broker.publish("vesk/vesk_sdcard/status", "online", keep=True)
+        topics = ["karvel/mem/default/spec_sdcard_format", "karvel/mem/default/spec_sdcard_unmount",
+                  "vesk/vesk_sdcard/action/+", "test/begin"]
+        self._client = subprocess.Popen(
+            [*MORTAL, "mosquitto_sub", "--unix", broker.socket, "-V", "5", "-q", "1", "-F", "%t %R %D %p",
+             *(word for topic in topics for word in ("-t", topic))], stdout=subprocess.PIPE)
+        broker.publish("test/begin", "", keep=False)
+        # Subscribed once a message that is published again and again has come.
+        deadline = time.monotonic() + 20
+        while not select.select([self._client.stdout], [], [], 0.05)[0]:
+            assert time.monotonic() < deadline, "the stand-in did not start"
+            broker.publish("test/begin", "x")
+        self._thread = threading.Thread(target=self._serve, daemon=True)
+        self._thread.start()
+
+    def _serve(self) -> None:
+        assert self._client.stdout is not None
+        for line in self._client.stdout:
+            topic, response, correlation, payload = line.decode().rstrip("\n").split(" ", 3)
+            name = topic.rsplit("/", 1)[1]
+            if topic.startswith("vesk/"):
+                self.asked.append((name, payload))
+                self._answer(name, response, correlation)
+            elif payload.startswith("start"):
+                self.asked.append((name, payload))
+                for item in self._jobs.get(name, []):
+                    self._play(topic, item)
+
+    def _play(self, topic: str, item: object) -> None:
+        if isinstance(item, float):
+            time.sleep(item)
+        elif isinstance(item, int):
+            self._broker.publish("karvel/mem/default/sdcard_status", str(item), keep=True)
+        elif item == "end":
+            self._broker.publish(topic, f"end{int(time.time())}", keep=True)
+        else:
+            assert callable(item)
+            item()
+
+    def _answer(self, name: str, response: str, correlation: str) -> None:
+        answer = self._actions.get(name, -38)
+        if answer is None:
+            return
+        text = json.dumps({"code": answer}) if isinstance(answer, int) else answer
+        subprocess.run(["mosquitto_pub", "--unix", self._broker.socket, "-V", "5", "-q", "1", "-t", response, "-D", "publish",
+                        "correlation-data", correlation, "-m", text], check=True, timeout=LIMIT_S)
+
+    def end(self) -> None:
+        self._client.kill()
+        self._client.wait()
+        self._thread.join(10)
+        assert self._client.stdout is not None
+        self._client.stdout.close()
+
+
+@pytest.fixture
+def daemon(broker: Broker) -> Iterator[Callable[..., StandIn]]:
+    """Makes stand-ins for the daemon, with StandIn's arguments behind the broker."""
+    made: list[StandIn] = []
+
+    def make(**script: object) -> StandIn:
+        made.append(StandIn(broker, **script))  # type: ignore[arg-type]
+        return made[-1]
+    yield make
+    for it in made:
+        it.end()
