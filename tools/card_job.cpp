@@ -236,7 +236,8 @@ int request(following* follow, bool wait, double wait_s, void (*prepare)(void*),
         return finish(follow, code, "");
     }
     wait_while(
-        follow, [](const following& f) { return !f.answered && !f.begun; }, wait_s < ANSWER_S ? wait_s : ANSWER_S, false);
+        follow, [](const following& f) { return !f.answered && !f.begun; }, wait_s < ANSWER_S ? wait_s : ANSWER_S,
+        false);
     if (!follow->answered && !follow->begun) {
         return finish(follow, VESKCTL_NO_SERVICE, "vesk_sdcard did not answer the request");
     }
