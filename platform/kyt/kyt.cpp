@@ -118,8 +118,14 @@ void take_found(kyt_handle* h) {
     }
 }
 
+// Whether the rewriting leaves a tombstone out.
+bool is_dropped(const job& work, const kyt_record& record) {
+    return work.may_drop && slot_kind(record) == slot::DELETED &&
+           static_cast<int8_t>(round_of(record) - work.drop_round) < 0;
+}
+
 // Carries what has happened since the rewriting began into the new list. Both are walked in order, once.
-bool carry_changes(const list& from, uint32_t old_records, list* to, region* map) {
+bool carry_changes(const list& from, const job& work, list* to, region* map) {
     const uint32_t copied = to->count;
     uint32_t at = 0;
     for (uint32_t slot_number = list_next_any(from, list::NONE); slot_number != list::NONE;
@@ -134,8 +140,8 @@ bool carry_changes(const list& from, uint32_t old_records, list* to, region* map
             }
             continue;
         }
-        // A tombstone that the rewriting has left out stays out.
-        if (slot_kind(record) == slot::LIVE || slot_number >= old_records) {
+        // A tombstone that was left out stays out, unless its clip has been recorded and deleted once more.
+        if (!is_dropped(work, record)) {
             if (to->count >= slots_in(map->usable) && region_overflow(map) < 0) {
                 return false;
             }
@@ -160,8 +166,7 @@ bool switch_file(kyt_handle* h) {
     order.at = region_slots(map);
     order.count = h->keeper->work.new_records;
     order.last_main = order.count > 0 ? order.count - 1 : list::NONE;
-    if (!carry_changes(h->order, h->keeper->work.records, &order, &map) ||
-        !list_load(&order, region_slots(map), order.count)) {
+    if (!carry_changes(h->order, h->keeper->work, &order, &map) || !list_load(&order, region_slots(map), order.count)) {
         region_unmap(&map);
         return false;
     }

@@ -271,6 +271,32 @@ TEST_F(KytList, WhatHappensWhileTheListIsRewrittenIsCarriedOver) {
     EXPECT_EQ(kyt_get(list, BASE + 20)->flags, KYT_PERSISTENT);
 }
 
+TEST_F(KytList, AClipDeletedOnceMoreWhileTheListIsRewrittenStaysDeleted) {
+    open();
+    for (const uint32_t ts : {10U, 20U, 30U}) {
+        const kyt_record record = record_of(BASE + ts);
+        ASSERT_EQ(kyt_write(list, &record), 0);
+    }
+    kyt_mark_deleted(list, kyt_get(list, BASE + 20));
+    optimise(list);  // two comparisons: its files are gone, and the next rewriting will forget it
+    const kyt_record late = record_of(BASE + 15);
+    ASSERT_EQ(kyt_write(list, &late), 0);
+    ASSERT_EQ(kyt_optimise(list), 0);
+    await_job(list);
+    ASSERT_TRUE(list->keeper->work.rewritten);
+    ASSERT_EQ(list->keeper->work.new_records, 3U);
+    // The clock was put back: the same second again. This time the files cannot be removed.
+    const kyt_record again = record_of(BASE + 20);
+    ASSERT_EQ(kyt_write(list, &again), 0);
+    kyt_mark_deleted(list, kyt_get(list, BASE + 20));
+    card.add_clip(BASE + 20);
+    ASSERT_EQ(kyt_optimise(list), 0);
+    await_job(list);
+    EXPECT_EQ(list->file, 1);
+    EXPECT_EQ(kyt_get(list, BASE + 20), nullptr);
+    EXPECT_NE(kyt::list_find(list->order, BASE + 20), kyt::list::NONE);  // else the comparison would bring it back
+}
+
 TEST_F(KytList, RefusesWhatIsNoRecord) {
     open();
     kyt_record record = record_of(BASE);

@@ -1,0 +1,461 @@
+// The record list and a plain reference model in lockstep: kyt_model [OPERATIONS [SEED]]
+//
+// The reference is what anybody would write down for "a list of clips, and a folder": two sets. After every operation
+// the list must answer as the reference does; at each opening and every few thousand operations all of it is compared.
+// The clock goes on, stands still, is put back, falls to 1970 and jumps to 2106. Clips lie in the folder with and
+// without a record, and records are there with and without a clip.
+//
+// Where the library may choose, the reference knows the choice: a clip whose announcement was lost may be found at any
+// comparison of the folder and must be found at an opening after an unclean end.
+#include <algorithm>
+#include <cerrno>
+#include <cinttypes>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "handle.h"
+#include "kyt_rdonly.h"
+#include "unit/support/recordings.h"
+
+namespace {
+
+constexpr uint32_t START = 1'790'000'000;
+constexpr uint32_t MINUTE_S = 60;
+constexpr uint32_t DAY_S = 86'400;
+constexpr uint32_t NEWEST_TS = UINT32_MAX;
+
+uint64_t step;  // the operation that is being done
+unsigned seed;
+
+// What has happened, for the story of one clip: the keeper works beside the operations, so a seed alone does not bring
+// a deviation back.
+struct event {
+    uint64_t step;
+    const char* what;
+    uint32_t ts;  // 0: concerns all
+};
+std::vector<event> story;
+
+void tell(const char* what, uint32_t ts) {
+    story.push_back({step, what, ts});
+}
+
+[[noreturn]] __attribute__((format(printf, 2, 3))) void fail(uint32_t ts, const char* format, ...) {
+    for (const event& e : story) {
+        if (e.ts == ts || e.ts == 0) {
+            std::fprintf(stderr, "%10" PRIu64 " %s\n", e.step, e.what);
+        }
+    }
+    std::fprintf(stderr, "kyt_model: seed %u, operation %" PRIu64 ", clip %u: ", seed, step, ts);
+    va_list args;
+    va_start(args, format);
+    std::vfprintf(stderr, format, args);
+    va_end(args);
+    std::fputc('\n', stderr);
+    std::_Exit(1);  // the folder is left for a look
+}
+
+struct clip {
+    uint8_t seconds;
+    uint8_t flags;
+    bool operator==(const clip&) const = default;
+};
+
+struct reference {
+    std::map<uint32_t, clip> listed;
+    std::map<uint32_t, uint8_t> deleted;  // whose files are still there, with the flags that they had
+    std::set<uint32_t> unannounced;       // on the card, and perhaps already found by the list
+    std::set<uint32_t> files;             // clips on the card
+    std::map<uint32_t, uint8_t> marks;    // of all that were ever deleted: a clip that comes back may have them again
+};
+
+struct session {
+    recordings card;
+    kyt_handle* list = nullptr;
+    reference expected;
+    std::mt19937 random;
+    uint32_t clock = START;
+    uint32_t limit = 100;  // about so many clips are kept
+    kyt_record* held = nullptr;
+    uint32_t held_ts = 0;
+
+    explicit session(unsigned number) : random(number) {}
+    uint32_t pick(uint32_t below) { return static_cast<uint32_t>(random() % below); }
+    bool one_in(uint32_t n) { return pick(n) == 0; }
+};
+
+// The keeper that is left behind by kyt_close_dirty ends by itself, as it must before a card is unmounted.
+void await_threads() {
+    for (int wait = 0; wait < 200'000; ++wait) {
+        const auto tasks = std::filesystem::directory_iterator("/proc/self/task");
+        static const auto alone = std::distance(begin(tasks), end(tasks));  // first called when no list is open
+        const auto again = std::filesystem::directory_iterator("/proc/self/task");
+        if (std::distance(begin(again), end(again)) <= alone) {
+            return;
+        }
+        usleep(50);
+    }
+    fail(0, "a keeper does not end");
+}
+
+void await_job(session* s) {
+    for (int wait = 0; wait < 200'000; ++wait) {
+        const kyt::phase at = s->list->keeper->at.load();
+        if (at == kyt::phase::DONE || at == kyt::phase::IDLE) {
+            return;
+        }
+        usleep(50);
+    }
+    fail(0, "the keeper does not end its job");
+}
+
+// A clip that is in the list although nobody announced it: fine when it lies on the card.
+bool take_found(session* s, uint32_t ts, const kyt_record& record) {
+    if (s->expected.unannounced.erase(ts) == 0) {
+        return false;
+    }
+    s->expected.listed[ts] = {static_cast<uint8_t>(kyt_record_seconds(&record)), record.flags};
+    const auto marked = s->expected.marks.find(ts);
+    return kyt_record_seconds(&record) == 0 &&
+           (record.flags == 0 || (marked != s->expected.marks.end() && marked->second == record.flags));
+}
+
+void compare(session* s) {
+    const kyt_record* record = kyt_next(s->list, nullptr);
+    auto at = s->expected.listed.begin();
+    while (record || at != s->expected.listed.end()) {
+        if (record && (at == s->expected.listed.end() || record->ts < at->first)) {
+            if (!take_found(s, record->ts, *record)) {
+                fail(record->ts, "listed and should not be");
+            }
+            at = s->expected.listed.upper_bound(record->ts);
+        } else if (!record || at->first < record->ts) {
+            fail(at->first, "lost");
+        } else {
+            const clip found = {static_cast<uint8_t>(kyt_record_seconds(record)), record->flags};
+            if (found != at->second) {
+                fail(record->ts, "%u s and flags %u instead of %u s and %u", found.seconds, found.flags,
+                     at->second.seconds, at->second.flags);
+            }
+            ++at;
+        }
+        record = record ? kyt_next(s->list, record) : nullptr;
+        // A record of which the list says that it is lower than an earlier one would go unnoticed above.
+        if (record && at != s->expected.listed.begin() && record->ts <= std::prev(at)->first) {
+            fail(record->ts, "not in order");
+        }
+    }
+    if (kyt_count(s->list) != s->expected.listed.size()) {
+        fail(0, "the list counts %u clips, there are %zu", kyt_count(s->list), s->expected.listed.size());
+    }
+}
+
+void open_list(session* s) {
+    s->held = nullptr;
+    s->list = kyt::open_folder(s->card.path().c_str());
+    if (!s->list) {
+        fail(0, "cannot open: %s", std::strerror(errno));
+    }
+}
+
+// The deleted ones whose files are still there are back after each opening: then it is the files that count.
+void expect_deleted_back(session* s) {
+    for (const auto& [ts, flags] : s->expected.deleted) {
+        s->expected.listed[ts] = {0, flags};
+    }
+    s->expected.deleted.clear();
+}
+
+// What was changed less than 2 seconds before the end may be lost, and the list may go over to a rewritten file in that
+// time. Here the kernel lives on, so that nothing else can be lost: seconds are not worth waiting for.
+void await_commit(session* s) {
+    while (s->list->keeper->at.load() == kyt::phase::COMMIT) {
+        usleep(50);
+    }
+}
+
+void reopen(session* s) {
+    // Records that are still waiting for the file to grow are as new.
+    const bool clean = s->list->order.count > kyt::slots_in(s->list->map.in_file) || !s->one_in(3);
+    if (!clean) {
+        await_commit(s);
+    }
+    tell(clean ? "closed and opened" : "cut off and opened", 0);
+    (clean ? kyt_close : kyt_close_dirty)(s->list);
+    await_threads();
+    open_list(s);
+    expect_deleted_back(s);
+    compare(s);
+    if (!clean && !s->expected.unannounced.empty()) {
+        fail(*s->expected.unannounced.begin(), "lies on the card and was not found");
+    }
+}
+
+void optimise(session* s) {
+    s->held = nullptr;
+    tell("optimise", 0);
+    if (kyt_optimise(s->list) != 0) {
+        fail(0, "kyt_optimise: %s", std::strerror(errno));
+    }
+    if (s->one_in(2)) {
+        return;  // the keeper works while the operations go on; the next call takes over what it has done
+    }
+    await_job(s);
+    tell("optimise again", 0);
+    if (kyt_optimise(s->list) != 0) {
+        fail(0, "the second kyt_optimise: %s", std::strerror(errno));
+    }
+    await_job(s);
+    compare(s);
+}
+
+// Most clips are announced in order of time. The others are what the field brings.
+uint32_t next_ts(session* s) {
+    if (s->one_in(20'000)) {
+        const uint32_t jumps[] = {1, DAY_S, START, START + 400 * DAY_S, NEWEST_TS - 2 * DAY_S, NEWEST_TS - MINUTE_S};
+        s->clock = jumps[s->pick(sizeof jumps / sizeof *jumps)];
+    }
+    const uint32_t way = s->pick(100);
+    if (way < 3 && !s->expected.listed.empty()) {  // the same again
+        const auto at = s->expected.listed.lower_bound(s->clock - s->pick(DAY_S));
+        return at == s->expected.listed.end() ? s->expected.listed.begin()->first : at->first;
+    }
+    if (way < 5) {  // late, or the clock was put back for one clip
+        return std::max(1U, s->clock - std::min(s->clock - 1, s->pick(2 * DAY_S)));
+    }
+    if (way == 5) {  // one single clip of a camera that does not know the time, or knows a wrong one
+        const uint32_t strange[] = {1 + s->pick(DAY_S), NEWEST_TS - s->pick(3), s->clock / 2 + 1};
+        return strange[s->pick(sizeof strange / sizeof *strange)];
+    }
+    const uint32_t length = 1 + s->pick(2 * MINUTE_S);  // gaps and jitter
+    s->clock = NEWEST_TS - s->clock < length ? START : s->clock + length;
+    return s->clock;
+}
+
+void add_files(session* s, uint32_t ts) {
+    if (s->expected.files.insert(ts).second) {
+        tell("files made", ts);
+        s->card.add_clip(ts);
+    }
+}
+
+void remove_files(session* s, uint32_t ts) {
+    if (s->expected.files.erase(ts) > 0) {
+        tell("files removed", ts);
+        s->card.remove_clip(ts);
+    }
+}
+
+void write_clip(session* s) {
+    const uint32_t ts = next_ts(s);
+    // Files cost more than everything else here: a few show all that there is to see.
+    if (s->one_in(25)) {
+        add_files(s, ts);
+        if (s->one_in(20) && !s->expected.listed.contains(ts) && !s->expected.deleted.contains(ts)) {
+            tell("not announced", ts);
+            s->expected.unannounced.insert(ts);
+            return;  // the announcement is lost
+        }
+    }
+    const clip c = {static_cast<uint8_t>(s->pick(256)), static_cast<uint8_t>(s->one_in(16) ? KYT_PERSISTENT : 0)};
+    char text[32];
+    std::snprintf(text, sizeof text, "%u,%u,%u", ts, c.seconds, c.flags);
+    kyt_record record = {};
+    if (kyt_record_parse(&record, text, std::strlen(text)) != 0) {
+        fail(ts, "cannot parse \"%s\"", text);
+    }
+    // A comparison that runs just now may have come first, for a clip of an hour that is over.
+    const bool may_be_known = s->expected.unannounced.erase(ts) > 0 || s->expected.files.contains(ts);
+    const bool known = s->expected.listed.contains(ts);
+    const int result = kyt_write(s->list, &record);
+    tell(result == 0 ? "written" : "refused", ts);
+    if (result < 0 && errno == EEXIST && (known || may_be_known)) {
+        *kyt_get(s->list, ts) = record;  // as the daemon does with a clip that is announced again
+    } else if (result < 0) {
+        fail(ts, "kyt_write: %s", std::strerror(errno));
+    } else if (known) {
+        fail(ts, "written twice");
+    }
+    s->expected.listed[ts] = c;
+    s->expected.deleted.erase(ts);
+    if (s->one_in(500)) {
+        s->held = kyt_get(s->list, ts);
+        s->held_ts = ts;
+    }
+}
+
+// An existing ts mostly, at any place of the list.
+uint32_t any_ts(session* s) {
+    if (s->expected.listed.empty() || s->one_in(10)) {
+        return 1 + s->pick(NEWEST_TS);
+    }
+    const uint32_t first = s->expected.listed.begin()->first;
+    const uint32_t last = s->expected.listed.rbegin()->first;
+    const uint32_t around = s->one_in(2) ? first + s->pick(last - first + 1 == 0 ? NEWEST_TS : last - first + 1)
+                                         : s->clock - std::min(s->clock, s->pick(s->limit * MINUTE_S));
+    const auto at = s->expected.listed.lower_bound(around);
+    return at == s->expected.listed.end() ? first : at->first;
+}
+
+void check_next(session* s, const kyt_record* record, std::map<uint32_t, clip>::const_iterator after) {
+    const kyt_record* const next = kyt_next(s->list, record);
+    const uint32_t wanted = after == s->expected.listed.end() ? 0 : after->first;
+    if ((next ? next->ts : 0) != wanted && !(next && s->expected.unannounced.contains(next->ts))) {
+        fail(next && !s->expected.listed.contains(next->ts) ? next->ts : wanted, "%u is followed by %u, not by %u",
+             record->ts, next ? next->ts : 0, wanted);
+    }
+}
+
+void delete_clip(session* s, uint32_t ts) {
+    tell("deleted", ts);
+    kyt_record* const record = kyt_get(s->list, ts);
+    const auto at = s->expected.listed.find(ts);
+    if (!record || at == s->expected.listed.end() || kyt_mark_deleted(s->list, record) != 0) {
+        fail(ts, "cannot be deleted");
+    }
+    if (at->second.flags != 0) {
+        s->expected.marks[ts] = at->second.flags;
+    }
+    if (s->expected.files.contains(ts)) {
+        if (s->one_in(4)) {
+            s->expected.deleted[ts] = at->second.flags;  // the files stay: they are in use, or the card refuses
+        } else {
+            remove_files(s, ts);
+        }
+    }
+    const auto after = s->expected.listed.erase(at);
+    check_next(s, record, after);
+    if (kyt_get(s->list, ts) || kyt_mark_deleted(s->list, record) == 0) {
+        fail(ts, "deleted and still there");
+    }
+    if (s->held_ts == ts) {
+        s->held = nullptr;
+    }
+}
+
+void look_up(session* s) {
+    const uint32_t ts = any_ts(s);
+    const kyt_record* const record = kyt_get(s->list, ts);
+    const auto at = s->expected.listed.find(ts);
+    if (!record != (at == s->expected.listed.end()) && !s->expected.unannounced.contains(ts)) {
+        fail(ts, "%s", record ? "found and should not be" : "not found");
+    }
+    if (!record || at == s->expected.listed.end()) {
+        return;
+    }
+    const clip found = {static_cast<uint8_t>(kyt_record_seconds(record)), record->flags};
+    const auto after = std::next(at);
+    if (found != at->second) {
+        fail(ts, "%u s and flags %u", found.seconds, found.flags);
+    }
+    check_next(s, record, after);
+}
+
+void mark(session* s) {
+    const auto at = s->expected.listed.find(any_ts(s));
+    if (at == s->expected.listed.end()) {
+        return;
+    }
+    at->second.flags ^= KYT_PERSISTENT;
+    kyt_get(s->list, at->first)->flags ^= KYT_PERSISTENT;
+}
+
+// Files go without the list being told: a person with the card in a workstation, a deletion that comes late.
+void lose_files(session* s) {
+    if (s->expected.files.empty()) {
+        return;
+    }
+    auto at = s->expected.files.lower_bound(s->pick(NEWEST_TS));
+    const uint32_t ts = at == s->expected.files.end() ? *s->expected.files.begin() : *at;
+    if (!s->expected.unannounced.contains(ts)) {
+        remove_files(s, ts);
+        s->expected.deleted.erase(ts);
+    }
+}
+
+void operate(session* s) {
+    if (s->held && (s->held->ts != s->held_ts || kyt_get(s->list, s->held_ts) != s->held)) {
+        fail(s->held_ts, "the record has moved");
+    }
+    const uint32_t what = s->pick(100'000);
+    if (what < 30) {
+        reopen(s);
+    } else if (what < 80) {
+        optimise(s);
+    } else if (what < 130) {
+        compare(s);
+    } else if (what < 150) {
+        s->limit = 1U << (2 + s->pick(13));
+    } else if (what < 200) {
+        lose_files(s);
+    } else if (what < 45'000) {
+        write_clip(s);
+        while (s->expected.listed.size() > s->limit) {
+            delete_clip(s, s->expected.listed.begin()->first);
+        }
+    } else if (what < 55'000) {
+        if (!s->expected.listed.empty()) {
+            const uint32_t ts = any_ts(s);
+            if (s->expected.listed.contains(ts)) {
+                delete_clip(s, ts);
+            }
+        }
+    } else if (what < 70'000) {
+        mark(s);
+    } else {
+        look_up(s);
+    }
+}
+
+}  // namespace
+
+// Repairs are what is tested here, so their words are of no interest; an error would be.
+extern "C" {
+void log_err(const char* format, ...) {
+    char text[512];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    fail(0, "the library says: %s", text);
+}
+void log_warning(const char*, ...) {}
+void log_info(const char*, ...) {}
+}
+
+int main(int argc, char** argv) {
+    const uint64_t operations = argc > 1 ? std::strtoull(argv[1], nullptr, 10) : 100'000;
+    const auto first = static_cast<unsigned>(argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 1);
+    constexpr uint64_t A_SESSION = 1'000'000;  // then a new card: nothing is to hide behind an early event
+    if (operations == 0) {
+        std::fputs("usage: kyt_model [OPERATIONS [SEED]]\n", stderr);
+        return 2;
+    }
+    await_threads();
+    const time_t start = time(nullptr);
+    uint64_t done = 0;
+    for (seed = first; done < operations; ++seed) {
+        session s(seed);
+        story.clear();
+        open_list(&s);
+        const uint64_t wanted = std::min(A_SESSION, operations - done);
+        for (step = 0; step < wanted; ++step) {
+            operate(&s);
+        }
+        reopen(&s);
+        kyt_close(s.list);
+        done += wanted;
+    }
+    std::printf("kyt_model: %" PRIu64 " operations from seed %u agree with the reference, in %ld s\n", done, first,
+                static_cast<long>(time(nullptr) - start));
+    return 0;
+}
