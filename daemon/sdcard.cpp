@@ -199,6 +199,7 @@ void begin_job(const card_job& job) {
     sd.closure.status = CLOSURE_BUSY;
 }
 
+// The length is not looked at: behind every value there is a NUL, at which the comparison stops.
 bool is_request(const char* value) {
     return value != nullptr && strncmp(value, "start", 5) == 0;
 }

@@ -33,7 +33,7 @@ karvel_xpair* xresponse_parse(karvel_response* response, int* error) {
     const size_t key = strlen(name.key) + 1;
     const bool has_value = response->value.data != nullptr;
     auto* block = static_cast<pair_block*>(
-        malloc(sizeof(pair_block) + name_space + group + key + (has_value ? response->value.length : 0)));
+        malloc(sizeof(pair_block) + name_space + group + key + (has_value ? response->value.length + 1 : 0)));
     if (block == nullptr) {
         *error = ENOMEM;
         return nullptr;
@@ -46,6 +46,7 @@ karvel_xpair* xresponse_parse(karvel_response* response, int* error) {
     if (has_value) {
         block->value =
             karvel_xvalue{place(&room, response->value.data, response->value.length), response->value.length};
+        *room = '\0';
         block->pair.second = &block->value;
     }
     *error = 0;

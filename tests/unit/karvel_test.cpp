@@ -48,6 +48,7 @@ std::string parsed(karvel_response* response) {
     std::string result = std::string(pair->first->name_space) + ":" + pair->first->group + ":" + pair->first->key;
     if (pair->second != nullptr) {
         result += "=" + std::string(pair->second->data, pair->second->length);
+        EXPECT_EQ(pair->second->data[pair->second->length], '\0') << "who compares text stops there";
     }
     xpair_basefree(pair);
     return result;
