@@ -344,7 +344,8 @@ int main(int argc, char** argv) {
         run_job(&frame, p);
         const bool failed = frame.status != CLOSURE_OK;
         ++by_kind[p.kind][failed];
-        if (frame.result != p.expected() || failed != (p.expected() != 0) || held || frame.top != frame.slots - 1) {
+        if (frame.result != p.expected() || failed != (p.expected() != 0) || held ||
+            frame.top != closure_empty(&frame)) {
             ++wrong;
             fprintf(
                 report,

@@ -21,12 +21,17 @@ __attribute__((format(printf, 1, 2))) void closure_debug(const char* format, ...
 
 }  // namespace
 
+// Never followed. Formed as a number, because there is no such address for C++ to count down to.
+closure_slot* closure_empty(closure_frame* frame) {
+    return reinterpret_cast<closure_slot*>(reinterpret_cast<uintptr_t>(frame->slots) - sizeof(closure_slot));
+}
+
 void closure_init(closure_frame* frame, sdcard_manager* owner) {
-    *frame = {.owner = owner, .status = CLOSURE_IDLE, .result = 0, .top = frame->slots - 1, .slots = {}};
+    *frame = {.owner = owner, .status = CLOSURE_IDLE, .result = 0, .top = closure_empty(frame), .slots = {}};
 }
 
 void closure_setup_frame(closure_frame* frame, closure_fn fn, void* argument) {
-    ++frame->top;
+    frame->top = frame->top == closure_empty(frame) ? frame->slots : frame->top + 1;
     if (frame->top >= frame->slots + CLOSURE_DEPTH) {
         perror("closure stack overflow!");
         abort();
@@ -35,13 +40,14 @@ void closure_setup_frame(closure_frame* frame, closure_fn fn, void* argument) {
 }
 
 void closure_return(closure_frame* frame) {
-    if (frame->top < frame->slots) {
+    if (frame->top == closure_empty(frame)) {
         perror("closure stack underflow!");
         abort();
     }
     // Off the stack before it runs: it pushes what comes after it into the same slot. Called here and not through the
     // loop, so that nothing else can come in between.
-    const closure_slot popped = *frame->top--;
+    const closure_slot popped = *frame->top;
+    frame->top = frame->top == frame->slots ? closure_empty(frame) : frame->top - 1;
     popped.fn(frame, popped.argument);
 }
 

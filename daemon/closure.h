@@ -30,9 +30,12 @@ struct closure_frame {
     sdcard_manager* owner;  // whom the frame belongs to; the engine does not look at it
     closure_status status;
     int32_t result;     // the last operation's code: 0, an errno value, a child's exit code, or -1
-    closure_slot* top;  // the topmost occupied slot; one below slots[0] when there is none
+    closure_slot* top;  // the topmost occupied slot; closure_empty() when there is none
     closure_slot slots[CLOSURE_DEPTH];
 };
+
+// Where `top` stands while nothing is pushed: just below the first slot.
+closure_slot* closure_empty(closure_frame* frame);
 
 // An idle frame with an empty stack.
 void closure_init(closure_frame* frame, sdcard_manager* owner);

@@ -24,8 +24,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     uint32_t written = 0xdeadbeef;
     const int speed = mmc_calc_write_speed(&written);
     if (has_baseline && speed != -1) {
-        const bool has_written = manager->stat.write_sectors > before.write_sectors &&
-                                 manager->stat.io_ticks > before.io_ticks;
+        const bool has_written =
+            manager->stat.write_sectors > before.write_sectors && manager->stat.io_ticks > before.io_ticks;
         fuzz::require(has_written == (written == manager->stat.write_sectors - before.write_sectors) ||
                           (!has_written && written == 0xdeadbeef),
                       "what was written");

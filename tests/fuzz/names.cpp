@@ -1,9 +1,10 @@
 // Input: a name that lies in the recordings folder, of a period or of a clip.
+#include "names.h"
+
 #include <cstring>
 #include <string>
 
 #include "kyt.h"
-#include "names.h"
 #include "support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

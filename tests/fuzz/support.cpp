@@ -30,17 +30,17 @@ void set_file(const uint8_t* data, size_t size) {
 }  // namespace fuzz
 
 // The log formats its lines, so that what is wrong with an argument shows, and drops them.
-#define LOG_STAND_IN(level)                                                \
-    void log_##level(const char* format, ...) {                            \
-        char line[4096];                                                   \
-        va_list args;                                                      \
-        va_start(args, format);                                            \
-        vsnprintf(line, sizeof line, format, args);                        \
-        va_end(args);                                                      \
-    }                                                                      \
-    void log_vp##level(const char*, const char* format, va_list args) {    \
-        char line[4096];                                                   \
-        vsnprintf(line, sizeof line, format, args);                        \
+#define LOG_STAND_IN(level)                                             \
+    void log_##level(const char* format, ...) {                         \
+        char line[4096];                                                \
+        va_list args;                                                   \
+        va_start(args, format);                                         \
+        vsnprintf(line, sizeof line, format, args);                     \
+        va_end(args);                                                   \
+    }                                                                   \
+    void log_vp##level(const char*, const char* format, va_list args) { \
+        char line[4096];                                                \
+        vsnprintf(line, sizeof line, format, args);                     \
     }
 
 extern "C" {

@@ -198,7 +198,7 @@ class card_jobs : public rig::test {
         EXPECT_EQ(row.said, said());
         EXPECT_EQ(row.status, sd.closure.status);
         EXPECT_EQ(row.result, sd.closure.result);
-        EXPECT_EQ(sd.closure.slots - 1, sd.closure.top);
+        EXPECT_EQ(closure_empty(&sd.closure), sd.closure.top);
         EXPECT_FALSE(card.is_held);
     }
 

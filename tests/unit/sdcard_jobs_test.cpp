@@ -65,7 +65,7 @@ TEST_F(sdcard_jobs, publishes_its_state_runs_and_gives_the_card_its_own_state_ba
                 logged::lines());
             EXPECT_EQ((strings{"sdcard_status=0", "sdcard_rw=rdwr"}), world.steps);
             EXPECT_EQ(ok ? CLOSURE_OK : CLOSURE_FAILED, sd.closure.status);
-            EXPECT_EQ(sd.closure.slots - 1, sd.closure.top);
+            EXPECT_EQ(closure_empty(&sd.closure), sd.closure.top);
         }
     }
 }
