@@ -62,14 +62,21 @@ class Result:
 
 
 def wait_until(condition: Callable[[], Any], deadline_s: float, what: str, interval_s: float = 0.05) -> Any:
-    """Polls until the condition is true and returns what it gave; GuestTimeout names `what` otherwise."""
+    """Polls until the condition is true and returns what it gave; GuestTimeout names `what` otherwise.
+
+    A condition that fails, such as a look at something that is just being made, is not true yet.
+    """
     end = time.monotonic() + deadline_s
     while True:
-        value = condition()
-        if value:
-            return value
+        error = None
+        try:
+            value = condition()
+            if value:
+                return value
+        except CameraError as failure:
+            error = failure
         if time.monotonic() > end:
-            raise GuestTimeout(f"not within {deadline_s} s: {what}")
+            raise GuestTimeout(f"not within {deadline_s} s: {what}") from error
         time.sleep(interval_s)
 
 

@@ -16,7 +16,7 @@ ROOT = Path(__file__).resolve().parent.parent.parent
 sys.path.insert(0, str(ROOT / "camera"))
 
 from cards import MIB, RECORD_DIR, make_card  # noqa: E402
-from vcam import Camera, CameraError, wait_until  # noqa: E402
+from vcam import Camera, CameraError, GuestTimeout, wait_until  # noqa: E402
 
 DEADLINE_S = 1500  # a camera that is still there after this is killed
 
@@ -90,12 +90,33 @@ def wait_daemon(camera: Camera, other_than: str = "") -> str:
     def find() -> str | None:
         pid = camera.run("pidof vesk_sdcard").text
         return pid if pid and pid != other_than else None
-    return str(wait_until(find, 15, "the daemon"))
+    return str(wait_until(find, 30, "the daemon"))
 
 
 def insert_normal(camera: Camera, card: Path) -> None:
     camera.insert(card)
     camera.wait_state("normal")
+    wait_recordings(camera)
+
+
+def wait_recordings(camera: Camera) -> None:
+    """Waits until the clip index is open: the state is published before, and a clip announced in between is lost."""
+    wait_until(lambda: camera.run("grep -q KYT_ /proc/$(pidof vesk_sdcard)/maps").code == 0, 20, "the open clip index")
+
+
+def wait_clips(camera: Camera, expected: list[int], deadline: float = 20) -> None:
+    """Waits until exactly these clips are in the index."""
+    found: list[int] = []
+
+    def as_expected() -> bool:
+        nonlocal found
+        found = clips(camera)
+        return found == expected
+    try:
+        wait_until(as_expected, deadline, "the clips in the index")
+    except GuestTimeout:
+        assert found == expected
+        raise
 
 
 def record(camera: Camera, count: int, size: str = "100k", start: int | None = None, options: str = "") -> list[int]:
@@ -104,7 +125,7 @@ def record(camera: Camera, count: int, size: str = "100k", start: int | None = N
     start = int(time.time()) if start is None else start
     camera.check(f"vesk_recorder --count {count} --size {size} --interval 0 --seconds 10 --start {start} {options}", 120)
     times = list(range(start, start + 10 * count, 10))
-    wait_until(lambda: times[-1] in clips(camera), 10, "the last clip in the index")
+    wait_until(lambda: times[-1] in clips(camera), 20, "the last clip in the index")
     return times
 
 

@@ -32,18 +32,18 @@ def test_a_command_that_hangs_is_given_up(camera: Camera) -> None:
 
 
 def test_commands_run_beside_each_other(camera: Camera) -> None:
-    slow = threading.Thread(target=lambda: camera.run("sleep 3"))
+    slow = threading.Thread(target=lambda: camera.run("sleep 10"))
     slow.start()
     start = time.monotonic()
     assert camera.check("echo fast") == "fast"
-    assert time.monotonic() - start < 2.5
+    assert time.monotonic() - start < 8
     slow.join()
 
 
 def test_a_program_left_behind_does_not_hold_the_answer_back(camera: Camera) -> None:
     start = time.monotonic()
-    assert camera.run("sleep 20 & echo done").out == b"done\n"
-    assert time.monotonic() - start < 10
+    assert camera.run("sleep 60 & echo done").out == b"done\n"
+    assert time.monotonic() - start < 25
     camera.run("killall sleep")
 
 
@@ -53,4 +53,4 @@ def test_check_tells_a_failure(camera: Camera) -> None:
 
 
 def test_the_clock_is_the_hosts(camera: Camera) -> None:
-    assert abs(int(camera.check("date +%s")) - time.time()) < 5
+    assert abs(int(camera.check("date +%s")) - time.time()) < 10

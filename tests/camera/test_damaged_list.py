@@ -8,7 +8,7 @@ from pathlib import Path
 import pytest
 
 from cards import MIB, RECORD_DIR, list_dir, read_file, write_file
-from conftest import clips, insert_normal, record, wait_daemon
+from conftest import clips, insert_normal, record, wait_clips, wait_daemon
 from vcam import Camera, wait_until
 
 MakeCard = Callable[..., Path]
@@ -61,12 +61,11 @@ def test_a_damaged_list_costs_no_clip(camera: Camera, card: MakeCard, recorded: 
     pid = wait_daemon(camera)
     mark = camera.log_mark()
     insert_normal(camera, made)
-    wait_until(lambda: clips(camera) == recorded["times"], 10, "all clips in the index")
+    wait_clips(camera, recorded["times"])
     said = [line for line in camera.log_since(mark).splitlines() if "kyt: " in line]
     assert said, "a damaged list goes unmentioned"
     assert wait_daemon(camera) == pid, "the daemon crashed"
-    more = record(camera, 1)
-    assert more[0] in clips(camera)
+    record(camera, 1)
     camera.pull()
     after = {name for name in list_dir(made, RECORD_DIR) if name.endswith((".mp4", ".jpeg"))}
     assert before <= after
@@ -80,4 +79,4 @@ def test_a_list_that_vanishes_while_it_is_open_costs_no_clip(camera: Camera, car
     camera.pull()
     camera.wait_state("not_exists")
     insert_normal(camera, made)
-    wait_until(lambda: set(times) <= set(clips(camera)), 10, "all clips in the index")
+    wait_until(lambda: set(times) <= set(clips(camera)), 20, "all clips in the index")

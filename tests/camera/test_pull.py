@@ -23,8 +23,10 @@ def check_card(camera: Camera, made: Path) -> None:
     """The card can be used again, and each clip on it is in the index."""
     insert_normal(camera, made)
     on_card = {Path(name).stem for name in files(camera) if name.endswith(".mp4")}
-    listed = {time.strftime("%Y%m%d_%H%M%S", time.gmtime(ts)) for ts in clips(camera)}
-    assert on_card <= listed
+
+    def all_listed() -> bool:
+        return on_card <= {time.strftime("%Y%m%d_%H%M%S", time.gmtime(ts)) for ts in clips(camera)}
+    wait_until(all_listed, 20, "each clip on the card in the index")
 
 
 @pytest.fixture
@@ -85,5 +87,5 @@ def test_pulled_while_opening(camera: Camera, card: MakeCard, pulls: int) -> Non
         camera.pull()
         camera.wait_state("not_exists")
     check_card(camera, made)
-    assert len(clips(camera)) == 4000
+    wait_until(lambda: len(clips(camera)) == 4000, 20, "all clips in the index")
     assert wait_daemon(camera) == pid, "the daemon did not survive"

@@ -73,11 +73,11 @@ def test_a_slow_card_takes_its_time(camera: Camera, card: MakeCard) -> None:
         camera.insert(card("blank"))
         wait_card(camera)
         camera.slow(bps_wr=100 * 1024)
-        seconds = camera.check("time -f %e dd if=/dev/zero of=/dev/mmcblk0 bs=64k count=4 conv=fsync 2>&1 | tail -1", 60)
-        assert float(seconds) > 1.5
+        seconds = camera.check("time -f %e dd if=/dev/zero of=/dev/mmcblk0 bs=64k count=8 conv=fsync 2>&1 | tail -1", 60)
+        assert float(seconds) > 4
         camera.unthrottle()
-        seconds = camera.check("time -f %e dd if=/dev/zero of=/dev/mmcblk0 bs=64k count=4 conv=fsync 2>&1 | tail -1", 60)
-        assert float(seconds) < 1.5
+        seconds = camera.check("time -f %e dd if=/dev/zero of=/dev/mmcblk0 bs=64k count=8 conv=fsync 2>&1 | tail -1", 60)
+        assert float(seconds) < 4
 
 
 def test_a_write_protected_card_refuses(camera: Camera, card: MakeCard) -> None:
