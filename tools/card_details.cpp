@@ -65,7 +65,7 @@ bool find_disk(char (&disk)[64]) {
         (void)snprintf(path, sizeof path, "/sys/block/%s/dev", entry->d_name);
         if (entry->d_name[0] != '.' && strlen(entry->d_name) < sizeof disk && read_text(path, number) &&
             strtoul(number, nullptr, 10) == CARD_MAJOR && (!found || strcmp(entry->d_name, disk) < 0)) {
-            strcpy(disk, entry->d_name);
+            memcpy(disk, entry->d_name, strlen(entry->d_name) + 1);
             found = true;
         }
     }

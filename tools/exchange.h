@@ -17,7 +17,7 @@ struct exchange {
 };
 
 // Connects. VESKCTL_DONE, or another exit code after a message. The caller closes it either way.
-int exchange_open(exchange* talk, void (*on_message)(const bus_message*, void*), void* context);
+int exchange_open(exchange* talk, void (*listener)(const bus_message*, void*), void* context);
 void exchange_close(exchange* talk);
 
 // Subscribes and waits until the service has agreed. What it keeps may come only after that: exchange_settle.

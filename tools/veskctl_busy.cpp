@@ -118,7 +118,7 @@ void look_at_process(search* found, int processes, const char* id) {
         return;  // it has ended
     }
     found->pid = strtol(id, nullptr, 10);
-    strcpy(found->command, "?");
+    memcpy(found->command, "?", 2);
     const int fd = openat(process, "comm", O_RDONLY | O_CLOEXEC);
     if (fd >= 0) {
         const ssize_t length = read(fd, found->command, sizeof found->command - 1);

@@ -38,7 +38,7 @@ bool parse(const char* line, entry* parsed) {
     const auto length = static_cast<size_t>(colon - (line + body));
     memcpy(parsed->clip, line + body, length);
     parsed->clip[length] = '\0';
-    strcpy(parsed->what, colon + 2);
+    memcpy(parsed->what, colon + 2, strlen(colon + 2) + 1);
     uint32_t ts = 0;
     if (strspn(parsed->clip, "0123456789") == length && time_from_text(parsed->clip, &ts)) {
         char words[TIME_TEXT];
