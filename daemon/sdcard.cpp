@@ -152,7 +152,7 @@ void on_timer_speed(struct ev_loop*, ev_timer*, int) {
     int32_t elapse_s = 0;
     if (is_slow || (is_idle && sd.slow_since != NOT_SLOW)) {
         elapse_s = slow_seconds_to_report(now);
-    } else if (!is_idle && sd.slow_since != NOT_SLOW) {
+    } else if (sd.slow_since != NOT_SLOW) {  // fast, and it was slow
         elapse_s = seconds_since(sd.slow_since, now);
         sd.slow_since = NOT_SLOW;
     }

@@ -55,6 +55,7 @@ TEST_F(sdcard_jobs, publishes_its_state_runs_and_gives_the_card_its_own_state_ba
             EXPECT_EQ(
                 strings{std::string("debug closure: ") + job.operation + "(): " + job.chain + " -> on_closure_done"},
                 logged::lines());
+            EXPECT_EQ(0U, world.lines_before_key) << "the state comes before the trace";
             EXPECT_EQ(CLOSURE_BUSY, sd.closure.status);
 
             world.steps.clear();
@@ -67,6 +68,19 @@ TEST_F(sdcard_jobs, publishes_its_state_runs_and_gives_the_card_its_own_state_ba
             EXPECT_EQ(ok ? CLOSURE_OK : CLOSURE_FAILED, sd.closure.status);
             EXPECT_EQ(closure_empty(&sd.closure), sd.closure.top);
         }
+    }
+}
+
+TEST_F(sdcard_jobs, what_is_not_a_success_is_a_failure) {
+    for (auto status : {CLOSURE_IDLE, CLOSURE_BUSY, CLOSURE_FAILED}) {
+        SetUp();
+        ASSERT_EQ(0, sdcard_mkfs());
+        logged::reset();
+        sd.closure.status = status;
+        closure_return(&sd.closure);
+        EXPECT_EQ(strings{"err closure: mkfs failed"}, logged::lines());
+        EXPECT_EQ(status, sd.closure.status) << "left as it is";
+        EXPECT_EQ(SDCARD_NORMAL, sd.state);
     }
 }
 

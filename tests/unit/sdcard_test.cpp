@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <string>
+#include <unistd.h>
 
 #include "support/card_rig.h"
 
@@ -106,6 +107,7 @@ TEST_F(sdcard, free_space) {
 TEST_F(sdcard, asks_whether_the_card_may_be_written) {
     merge_state();
     EXPECT_EQ(strings{"access /mnt/sdcard"}, kernel::calls());
+    EXPECT_EQ(W_OK, kernel::on().access_mode);
 }
 
 // --- publication -----------------------------------------------------------------------------------------------------
@@ -378,6 +380,7 @@ TEST_F(sdcard, images_stay_where_the_marker_is) {
         EXPECT_TRUE(kernel::exists(std::string("/mnt/sdcard/") + image));
     }
     EXPECT_EQ(0, kernel::count("rename"));
+    EXPECT_EQ(F_OK, kernel::on().access_mode);
     EXPECT_EQ(strings{}, logged::lines());
 }
 

@@ -105,6 +105,7 @@ int records_delete_oldest() {
     return 0;
 }
 void kvmem_set(const char* key, const char* value) {
+    world.lines_before_key = logged::lines().size();
     step(std::string(key) + "=" + value);
 }
 void rpc_send_sdcard_info() {

@@ -35,6 +35,7 @@ struct neighbours {
     int speed = MMC_SPEED_NO_BASELINE;  // mmc_calc_write_speed
     int speed_errno = 0;
     bool is_next_report_due = false;   // at the last rpc_send_sdcard_info
+    size_t lines_before_key = 0;       // of the log, at the last kvmem_set
     uint32_t written = 0;              // sectors; told only when the speed is not negative
     std::deque<int> random;            // what rand_range gives; empty: its lower end
     closure_frame* running = nullptr;  // the frame of a chain that was started and has not ended

@@ -209,6 +209,7 @@ DIR* __wrap_opendir(const char* path) {
 }
 
 int __wrap_access(const char* path, int mode) {
+    kernel::on().access_mode = mode;
     return enter("access", path) ? -1 : __real_access(lead(path).c_str(), mode);
 }
 

@@ -49,6 +49,7 @@ struct hooks {
     std::function<void(const char* call, const char* path)>
         before;                  // sees every noted call about a path before it happens
     time_t now = 1'790'000'000;  // what time(2) says
+    int access_mode = -1;        // what the last access asked for
 };
 hooks& on();
 
