@@ -33,6 +33,7 @@ void* (*postponed)(void*) = nullptr;
 ev_async* async;
 pthread_mutex_t* the_locks[2];  // the module's own, in the order in which they were made
 int destroyed;
+int detached;  // counted by the test's own thread
 thread_local bool is_worker = false;
 
 // Polls nothing: waits for a state of the above. A deadline, because a test that hangs says nothing.
@@ -86,6 +87,12 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
     void* opaque = nullptr;
     memcpy(&opaque, &body, sizeof body);
     return __real_pthread_create(thread, attributes, worker_body, opaque);
+}
+
+int __real_pthread_detach(pthread_t);
+int __wrap_pthread_detach(pthread_t thread) {
+    ++detached;
+    return __real_pthread_detach(thread);
 }
 
 int __real_pthread_mutex_lock(pthread_mutex_t*);
@@ -320,6 +327,7 @@ TEST_F(records_del_list, a_card_that_goes_meanwhile) {
 
 TEST_F(records_del_list, five_at_once_and_the_sixth_batch_waits_for_one_of_them) {
     set([] { hold_unlinks = true; });
+    detached = 0;
     for (uint32_t i = 1; i <= 6; ++i) {
         make(i * 100);
         commit({i * 100});
@@ -330,6 +338,7 @@ TEST_F(records_del_list, five_at_once_and_the_sixth_batch_waits_for_one_of_them)
     }
     EXPECT_EQ(1, logged::count(FIVE_RUN));
     EXPECT_EQ(5, workers);
+    EXPECT_EQ(5, detached) << "nobody waits for their end";
     EXPECT_EQ(strings{}, rig::live());
     release();
     await_workers();
@@ -441,6 +450,22 @@ TEST_F(records_del_list, a_thread_that_cannot_be_created_takes_its_place_with_it
         "\\[err del_list_thread_num = 4\n\\]\\[err pthread_create ret=11\n\\]"
         "\\[err del_list_thread_num = 5\n\\]\\[err pthread_create ret=11\n\\]"
         "\\[err  5 del_list thread alerady running\n\\]$");
+}
+
+TEST_F(records_del_list, a_count_below_zero_begins_anew) {
+    EXPECT_EXIT(
+        {
+            postpone_creation = true;
+            commit({});
+            for (int i = 0; i < 3; ++i) {
+                postponed(nullptr);  // ends more often than it was started
+            }
+            logged::reset();
+            commit({});
+            fputs(logged::lines().front().c_str(), stderr);
+            _exit(0);
+        },
+        testing::ExitedWithCode(0), "^err del_list_thread_num = 1\n$");
 }
 
 TEST_F(records_del_list, batches_wait_for_the_next_worker_and_go_oldest_first) {
