@@ -16,9 +16,10 @@
 
 namespace {
 
-// After this long without a word from the broker it is asked for one, and given up after as long again: a broker that
-// hangs is noticed after at most a minute.
-constexpr int KEEPALIVE_S = 30;
+// After this long without a word from the broker it is asked for one, and given up after as long again. The broker
+// gives up on us after one and a half times as long, and what is published at that moment is lost. So it is longer than
+// the longest that a loop may stand still by design: the first look at a freshly mounted card of 1 TiB took 49 s.
+constexpr int KEEPALIVE_S = 120;
 
 void close_on_exec(int fd) {
     (void)fcntl(fd, F_SETFD, FD_CLOEXEC);  // fails only for a descriptor that is not open: nothing to inherit then

@@ -12,6 +12,8 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -275,6 +277,38 @@ TEST_F(Bus, ABrokerThatNeverAcceptsIsGivenUp) {
     ASSERT_NE(client.publish("t", "x"), 0U);
     EXPECT_TRUE(client.hears("lost " + std::to_string(ETIMEDOUT), 13'000));
     EXPECT_EQ(client.told.size(), 1U);
+}
+
+// A mount or a first look at a large card keeps the loop for most of a minute; the broker must not hang up meanwhile.
+TEST_F(Bus, TheBrokerIsAskedToBearAStandstillOfThreeMinutes) {
+    const std::string path = broker.folder() + "/listener";
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    ASSERT_EQ(listen(listener, 8), 0);
+    ASSERT_EQ(setenv("VESK_BUS", ("unix:" + path).c_str(), 1), 0);
+    Client client;
+    ASSERT_TRUE(open(&client));
+
+    std::array<unsigned char, 64> request{};
+    int connection = -1;
+    EXPECT_TRUE(run_until([&] {
+        if (connection < 0) {
+            connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        }
+        const ssize_t length = recv(connection, request.data(), request.size(), 0);
+        if (length == 0) {  // it only tried whether connections are taken
+            close(std::exchange(connection, -1));
+        }
+        return length >= 12;
+    }));
+    ASSERT_EQ(std::string(request.begin() + 4, request.begin() + 9), "MQTT\5");
+    const int keepalive_s = request[10] << 8 | request[11];
+    EXPECT_GE(keepalive_s * 3 / 2, 180);
+    close(connection);
+    close(listener);
 }
 
 TEST_F(Bus, AReconnectingSessionStartsWithoutABroker) {
