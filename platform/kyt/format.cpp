@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace kyt {
@@ -37,7 +38,7 @@ header_kind header_read(const uint8_t (&bytes)[sizeof(list_header)], list_header
     std::memcpy(&h, bytes, sizeof h);
     const bool swap = h.byte_order == __builtin_bswap32(BYTE_ORDER_MARK);
     if (swap) {
-        for (uint32_t* field : {&h.byte_order, &h.version, &h.generation, &h.state, &h.records, &h.check}) {
+        for (uint32_t* field : {&h.byte_order, &h.version, &h.generation, &h.state, &h.records, &h.card, &h.check}) {
             *field = __builtin_bswap32(*field);
         }
     }
@@ -50,6 +51,12 @@ header_kind header_read(const uint8_t (&bytes)[sizeof(list_header)], list_header
     return h.version == VERSION ? header_kind::INTACT : header_kind::OTHER_VERSION;
 }
 
+uint32_t card_of(int fd) {
+    constexpr unsigned long GET_VOLUME_ID = _IOR('r', 0x13, uint32_t);  // FAT_IOCTL_GET_VOLUME_ID, Linux 3.11
+    uint32_t number = 0;
+    return ioctl(fd, GET_VOLUME_ID, &number) == 0 ? number : 0;
+}
+
 int header_write(int fd, uint32_t generation, file_state state, uint32_t records) {
     list_header header = {};
     std::memcpy(header.magic, MAGIC, sizeof MAGIC);
@@ -58,6 +65,7 @@ int header_write(int fd, uint32_t generation, file_state state, uint32_t records
     header.generation = generation;
     header.state = static_cast<uint32_t>(state);
     header.records = records;
+    header.card = card_of(fd);
     header.check = crc32(&header, offsetof(list_header, check));
     return write_at(fd, &header, sizeof header, 0);
 }

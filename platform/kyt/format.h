@@ -37,7 +37,8 @@ struct list_header {
     uint32_t generation;  // of two sealed files the higher one is the list
     uint32_t state;       // file_state
     uint32_t records;     // used slots; only counts when CLOSED
-    uint32_t reserved[8];
+    uint32_t card;        // the volume's serial number; 0: not known
+    uint32_t reserved[7];
     uint32_t check;  // CRC-32 of the bytes before it
 };
 static_assert(sizeof(list_header) == 64);
@@ -48,7 +49,10 @@ enum class header_kind : uint8_t { INTACT, OTHER_VERSION, DAMAGED };
 // machine of the other byte order wrote it.
 header_kind header_read(const uint8_t (&bytes)[sizeof(list_header)], list_header* header, bool* other_order);
 
-// Writes the header. 0, or -1 with errno.
+// The serial number that FAT gives a volume when it is made, of the card on which fd lies; 0: not known.
+uint32_t card_of(int fd);
+
+// Writes the header, with the card's number. 0, or -1 with errno.
 int header_write(int fd, uint32_t generation, file_state state, uint32_t records);
 
 // The same, and waits until everything in the file is on the card. 0, or -1 with errno.

@@ -1,6 +1,7 @@
 #include "repair.h"
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstring>
 #include <fcntl.h>
 #include <stdio.h>
@@ -39,16 +40,43 @@ bool comes_first(const candidate& a, const candidate& b) {
     return a.foreign != b.foreign ? b.foreign : !a.deleted && b.deleted;
 }
 
+// What the log will say: phrases, with commas between them. What does not fit in is left out.
+struct phrases {
+    char text[320] = "";
+
+    __attribute__((format(printf, 2, 3))) void add(const char* format, ...) {
+        const size_t length = std::strlen(text);
+        const size_t comma = length > 0 ? 2 : 0;
+        va_list args;
+        va_start(args, format);
+        const int added = length + comma < sizeof text
+                              ? vsnprintf(text + length + comma, sizeof text - length - comma, format, args)
+                              : -1;
+        va_end(args);
+        if (added < 0 || static_cast<size_t>(added) >= sizeof text - length - comma) {
+            text[length] = '\0';
+        } else if (comma > 0) {
+            std::memcpy(text + length, ", ", comma);
+        }
+    }
+    bool empty() const { return text[0] == '\0'; }
+};
+
 struct repair {
     int folder;
     loaded files[2];
-    int list = -1;          // which of the files is the list
-    bool damaged = false;   // something in it was destroyed, or there was something but no list
-    bool complete = false;  // the folder was read whole, without an error
+    int list = -1;            // which of the files is the list
+    bool damaged = false;     // something in it was destroyed, or there was something but no list
+    bool cut = false;         // fewer or more slots than it was left with
+    bool other_card = false;  // the list was made on another card: believed only where a clip is on this one
+    bool complete = false;    // the folder was read whole, without an error
+    bool as_it_was = false;   // on a full card
+    phrases found;
+    phrases done;
     array<candidate> candidates;
     array<uint32_t> clips;  // on the card, ascending
     array<kyt_record> result;
-    bool twice = false;  // a ts stands twice in the list itself
+    uint32_t twice = 0;  // records of the list itself whose ts another one has
     uint32_t added = 0;
     uint32_t returned = 0;  // deleted ones whose clips are still there
     uint32_t dropped = 0;   // of a damaged file, without a clip
@@ -70,7 +98,7 @@ bool read_folder(repair* r, bool everything) {
     r->complete = everything;
     if (everything && folder_periods(r->folder, &periods) < 0) {
         r->complete = false;
-        log_warning("kyt: cannot read the whole recordings folder: %s", std::strerror(errno));
+        r->found.add("the recordings folder cannot be read: %s", std::strerror(errno));
     }
     for (const candidate& c : r->candidates) {
         const uint32_t period = c.record.ts - c.record.ts % PERIOD_S;
@@ -81,14 +109,20 @@ bool read_folder(repair* r, bool everything) {
     }
     std::sort(periods.begin(), periods.end());
     const uint32_t* const last = std::unique(periods.begin(), periods.end());
+    uint32_t unreadable = 0;
+    int why = 0;
     for (const uint32_t* period = periods.begin(); period != last; ++period) {
         if (folder_clips(r->folder, *period, &r->clips) < 0) {
             if (errno == ENOMEM) {
                 return false;
             }
             r->complete = false;
-            log_warning("kyt: cannot read the clips of the hour %u: %s", *period, std::strerror(errno));
+            ++unreadable;
+            why = errno;
         }
+    }
+    if (unreadable > 0) {
+        r->found.add("%u hours of the folder cannot be read: %s", unreadable, std::strerror(why));
     }
     std::sort(r->clips.begin(), r->clips.end());
     r->clips.size = static_cast<uint32_t>(std::unique(r->clips.begin(), r->clips.end()) - r->clips.begin());
@@ -111,8 +145,16 @@ bool keep(repair* r, const candidate& c, bool on_card) {
     return r->result.push(c.record);
 }
 
-bool merge(repair* r) {
+// Puts the candidates in order. A ts that stands twice in the list shows that a sector came where another one was, so
+// that there are records missing, too.
+void sort_candidates(repair* r) {
     std::sort(r->candidates.begin(), r->candidates.end(), comes_first);
+    for (uint32_t i = 1; i < r->candidates.size; ++i) {
+        r->twice += !r->candidates[i].foreign && r->candidates[i].record.ts == r->candidates[i - 1].record.ts ? 1 : 0;
+    }
+}
+
+bool merge(repair* r) {
     const uint32_t* clip = r->clips.begin();
     const uint32_t* const clips_end = r->clips.end();
     uint32_t at = 0;
@@ -131,12 +173,12 @@ bool merge(repair* r) {
         }
         clip += on_card ? 1 : 0;
         const uint32_t ts = c.record.ts;
-        for (++at; at < r->candidates.size && r->candidates[at].record.ts == ts; ++at) {
-            r->twice = r->twice || !r->candidates[at].foreign;
+        while (at < r->candidates.size && r->candidates[at].record.ts == ts) {
+            ++at;
         }
     }
     if (r->result.size > MAX_RECORDS) {
-        log_err("kyt: the list is full: the newest %u clips stay out of it", r->result.size - MAX_RECORDS);
+        r->found.add("more clips than a list can hold: the newest %u stay out of it", r->result.size - MAX_RECORDS);
         r->result.size = MAX_RECORDS;
     }
     return true;
@@ -148,10 +190,15 @@ void set_aside(repair* r, int file) {
     const char* const name = LIST_NAMES[file];
     const loaded& l = r->files[file];
     if (l.failure == 0 && l.empty) {
-        log_warning("kyt: the list %s was empty", name);
+        r->found.add("%s was empty", name);
         (void)unlinkat(r->folder, name, 0);
         return;
     }
+    r->found.add("%s %s", name,
+                 l.failure != 0                           ? std::strerror(l.failure)
+                 : l.header == header_kind::OTHER_VERSION ? "was written by another version"
+                 : l.unreadable > 0                       ? "has parts that cannot be read"
+                                                          : "was no list");
     struct stat status = {};
     int number = 0;
     while (number < MAX_ASIDE - 1 && fstatat(r->folder, aside_name(number).text, &status, AT_SYMLINK_NOFOLLOW) == 0) {
@@ -159,14 +206,10 @@ void set_aside(repair* r, int file) {
     }
     const aside_name aside(number);
     (void)unlinkat(r->folder, aside.text, 0);
-    const char* const why = l.failure != 0                           ? std::strerror(l.failure)
-                            : l.header == header_kind::OTHER_VERSION ? "written by another version"
-                            : l.unreadable > 0                       ? "parts of it cannot be read"
-                                                                     : "not a list";
     if (renameat(r->folder, name, r->folder, aside.text) < 0) {
-        log_err("kyt: cannot set the list %s aside: %s", name, std::strerror(errno));
+        r->done.add("%s cannot be set aside: %s", name, std::strerror(errno));
     } else {
-        log_warning("kyt: the list %s is set aside as %s: %s", name, aside.text, why);
+        r->done.add("%s is set aside as %s", name, aside.text);
     }
 }
 
@@ -191,27 +234,66 @@ void drop_file(repair* r, int file) {
     }
 }
 
-void report(const repair& r) {
-    const loaded* const l = r.list >= 0 ? &r.files[r.list] : nullptr;
-    if (!l && !r.damaged) {
-        log_info("kyt: a new list, with %u clips that are on the card", r.result.size);
+// What was found, beside what has been said already.
+void find(repair* r) {
+    const loaded* const l = r->list >= 0 ? &r->files[r->list] : nullptr;
+    if (!l) {
         return;
     }
-    if (l && l->other_order) {
-        log_warning("kyt: the list comes from a machine of the other byte order: converted");
+    if (l->head.state == static_cast<uint32_t>(file_state::OPEN)) {
+        r->found.add("the list was not closed");
     }
-    if (r.damaged) {
-        log_warning(
-            "kyt: the list was damaged (%u records destroyed%s): %u records now, of them %u from the folder, "
-            "%u dropped for want of a clip; marks may be lost",
-            l ? l->destroyed + l->unreadable * (4096U / 8U) : 0, l ? "" : ", no header", r.result.size, r.added,
-            r.dropped);
-    } else if (l->head.state == static_cast<uint32_t>(file_state::OPEN)) {
-        log_info("kyt: the list was not closed: %u records now, of them %u from the folder", r.result.size, r.added);
+    if (l->other_order) {
+        r->found.add("the list comes from a machine of the other byte order");
     }
-    if (r.returned > 0) {
-        log_warning("kyt: %u deleted clips are still on the card and back in the list, the first is %u", r.returned,
-                    r.first_returned);
+    if (r->other_card) {
+        r->found.add("the list belongs to another card");
+    }
+    if (r->cut) {
+        r->found.add("the list was cut short or made longer");
+    }
+    const uint32_t destroyed = l->destroyed + l->unreadable * (4096U / 8U);
+    if (destroyed > 0) {
+        r->found.add("%u of its records were destroyed", destroyed);
+    }
+    if (r->twice > 0) {
+        r->found.add("%u of its records stood there twice", r->twice);
+    }
+    if (!l->ascending) {
+        r->found.add("its records were out of order");
+    }
+}
+
+// One line for the log, whatever has happened: found, then done.
+void report(repair* r, int failure) {
+    const loaded* const l = r->list >= 0 ? &r->files[r->list] : nullptr;
+    if (!l && !r->damaged && failure == 0 && r->found.empty()) {
+        log_info("kyt: a new list, with %u clips that are on the card", r->result.size);
+        return;
+    }
+    if (r->as_it_was) {
+        r->done.add("used as it is");
+    } else if (failure == 0 && !r->found.empty()) {
+        r->done.add("%u records now, of them %u from the folder", r->result.size, r->added);
+    }
+    if (r->dropped > 0) {
+        r->done.add("%u dropped for want of a clip", r->dropped);
+    }
+    if (r->returned > 0) {
+        r->done.add("%u deleted clips are still on the card and back in the list, the first is %u", r->returned,
+                    r->first_returned);
+    }
+    if (r->damaged) {
+        r->done.add("marks may be lost");
+    }
+    if (failure != 0) {
+        r->done.add("no list is in use: %s", std::strerror(failure));
+    }
+    const char* const between = r->found.empty() ? "" : ": ";
+    if (failure != 0 || r->damaged || r->returned > 0 || r->other_card || r->as_it_was || (l && l->other_order)) {
+        log_warning("kyt: %s%s%s", r->found.text, between, r->done.text);
+    } else {
+        log_info("kyt: %s%s%s", r->found.text, between, r->done.text);
     }
 }
 
@@ -236,10 +318,10 @@ int write_anew(repair* r, int name, uint32_t generation, ready_file* ready) {
     return 0;
 }
 
-void remove_asides(int folder) {
+void remove_asides(repair* r) {
     for (int number = 0; number < MAX_ASIDE; ++number) {
-        if (unlinkat(folder, aside_name(number).text, 0) == 0) {
-            log_warning("kyt: no room for the list: %s is removed", aside_name(number).text);
+        if (unlinkat(r->folder, aside_name(number).text, 0) == 0) {
+            r->done.add("%s is removed to make room", aside_name(number).text);
         }
     }
 }
@@ -280,11 +362,12 @@ int replace_files(repair* r, ready_file* ready) {
             return -1;
         }
         // A full card must not leave the camera without a list: it could not even make room any more.
-        if (r->list >= 0 && !r->damaged && !r->twice && !r->files[r->list].other_order) {
-            log_warning("kyt: no room to put the list in order: used as it is");
+        if (r->list >= 0 && !r->damaged && !r->files[r->list].other_order) {
+            r->found.add("no room to put the list in order");
+            r->as_it_was = true;
             return take_file(r, ready);
         }
-        remove_asides(r->folder);
+        remove_asides(r);
         if (write_anew(r, name, generation, ready) < 0) {
             return -1;
         }
@@ -308,15 +391,19 @@ int prepare_list(int folder, ready_file* ready) {
     r.list = choose_list(r.files);
     const loaded* const l = r.list >= 0 ? &r.files[r.list] : nullptr;
     const bool closed = l && l->head.state == static_cast<uint32_t>(file_state::CLOSED);
-    const bool short_of = closed && l->used != l->head.records;
-    r.damaged = l ? l->destroyed > 0 || l->unreadable > 0 || l->odd_size || short_of
+    r.cut = l && (l->odd_size || (closed && l->used != l->head.records));
+    r.damaged = l ? l->destroyed > 0 || l->unreadable > 0 || r.cut
                   : r.files[0].failure != ENOENT || r.files[1].failure != ENOENT;
+    const uint32_t card = card_of(folder);
+    r.other_card = l && l->head.card != 0 && card != 0 && l->head.card != card;
     bool ok = true;
     for (int file = 0; file < 2 && ok; ++file) {
         // Without damage the other file has nothing to say: it is older, or a copy in the making.
-        ok = file == r.list ? gather(&r, r.files[file], false) : !r.damaged || gather(&r, r.files[file], true);
+        ok = file == r.list ? gather(&r, r.files[file], r.other_card) : !r.damaged || gather(&r, r.files[file], true);
     }
-    const bool everything = !closed || r.damaged;
+    sort_candidates(&r);
+    r.damaged = r.damaged || r.twice > 0;
+    const bool everything = !closed || r.damaged || r.other_card;
     if (ok && (everything || l->deleted > 0)) {
         ok = read_folder(&r, everything);
     }
@@ -324,12 +411,15 @@ int prepare_list(int folder, ready_file* ready) {
         errno = ENOMEM;
         return -1;
     }
-    const bool as_it_lies =
-        l && !r.damaged && !l->other_order && l->ascending && l->deleted == 0 && r.added == 0 && r.dropped == 0;
+    find(&r);
+    const bool as_it_lies = l && !r.damaged && !r.other_card && !l->other_order && l->ascending && l->deleted == 0 &&
+                            r.added == 0 && r.dropped == 0;
     const int result = as_it_lies ? take_file(&r, ready) : replace_files(&r, ready);
-    if (result == 0 && (!closed || r.damaged || l->other_order || r.returned > 0)) {
-        report(r);
+    const int failure = result == 0 ? 0 : errno;
+    if (!r.found.empty() || !r.done.empty() || r.returned > 0 || (result == 0 && !l)) {
+        report(&r, failure);
     }
+    errno = failure;
     return result;
 }
 

@@ -37,6 +37,7 @@ int fail_errnum = 0;
 bool has_failed = false;
 std::map<std::string, int> counts;
 card_calls::hooks the_hooks;
+uint32_t volume = 0;
 
 // True: the call is to fail, errno is set.
 bool enter(const char* call, bool writes) {
@@ -96,6 +97,7 @@ void reset() {
     has_failed = false;
     counts.clear();
     the_hooks = {};
+    volume = 0;
 }
 void fail(const std::string& only, int nth, int errnum, int times) {
     const std::lock_guard lock(guard);
@@ -125,6 +127,10 @@ void go_on() {
 int hanging() {
     const std::lock_guard lock(guard);
     return hanging_now;
+}
+void set_volume(uint32_t number) {
+    const std::lock_guard lock(guard);
+    volume = number;
 }
 void set_hooks(const hooks& wanted) {
     const std::lock_guard lock(guard);
@@ -176,6 +182,16 @@ int __wrap_mlock(const void* address, size_t size) {
 }
 int __wrap_fstatat64(int folder, const char* name, struct stat* status, int flags) {
     return enter("stat", false) ? -1 : __real_fstatat64(folder, name, status, flags);
+}
+// The only one that the list asks: FAT's for the volume's number.
+int __wrap_ioctl(int, unsigned long, uint32_t* number) {
+    const std::lock_guard lock(guard);
+    if (volume == 0) {
+        errno = ENOTTY;
+        return -1;
+    }
+    *number = volume;
+    return 0;
 }
 
 }  // extern "C"

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -19,6 +20,9 @@ int count(const std::string& call);
 void stop();
 void go_on();
 int hanging();
+
+// The serial number of the volume on which everything lies; 0: a filesystem that has none.
+void set_volume(uint32_t number);
 
 // Before and after each fsync and fdatasync, with the file's name.
 struct hooks {
