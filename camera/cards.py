@@ -3,13 +3,16 @@
     make_card(path, 64 * MIB, "fat")
     make_card(path, 2 * GIB, "clips", count=16000)
 
-The emulated slot takes power-of-two sizes only. Everything is deterministic: the same call makes the same card.
+The emulated slot takes power-of-two sizes only. The same call makes the same card, but for the serial number of
+an exFAT.
 """
 
 from __future__ import annotations
 
+import json
 import os
 import random
+import re
 import struct
 import subprocess
 import time
@@ -23,6 +26,8 @@ FIRST_SECTOR = 2048  # where partitions start
 LABEL = "QX_CAM"  # what the camera's own format gives a card
 RECORD_DIR = "ZOLTA_RECORD_VIDEO"
 PERIOD_S = 3600
+GPT_FAT = "EBD0A0A2-B9E5-4433-87C0-68B6B72699C7"  # the kind of a GPT partition with a FAT
+GPT_ID = "5645534B-0000-4000-8000-000000000001"
 
 # A moment long before any test runs: clips made here are older than those recorded in a test.
 DEFAULT_START = 1767225600  # 2026-01-01 00:00:00 UTC
@@ -33,11 +38,16 @@ def make_card(path: Path | str, size: int, kind: str = "fat", **options: int) ->
 
     blank             zeros, as from the shop with nothing on it
     garbage           noise where the partition table and the filesystem should be
+    noise             noise from end to end, and the mark of a partition table all the same
     fat               one partition with a FAT filesystem: what the camera's own format makes
     whole_disk_fat    a FAT filesystem without a partition table
     partitioned       a partition without a filesystem
     second_partition  the filesystem on the second of two partitions
     eight_partitions  more partitions than the daemon keeps; the filesystem is on the first
+    four_partitions   all that a DOS table takes; the filesystem is on the third
+    extended          an extended partition; the filesystem is on the second in it
+    gpt               a GPT instead of a DOS table, with a partition that has a filesystem
+    exfat             one partition with an exFAT filesystem, as large cards come from the shop
     clips             like fat, with clips; options of `add_clips`
     """
     card = Path(path)
@@ -71,10 +81,42 @@ def list_dir(card: Path, name: str) -> list[str]:
     return _mtools(card, "mdir", "-b", "-/", f"::{name}").decode().split()
 
 
+def check_format(card: Path) -> None:
+    """Raises ValueError with what is wrong, unless the card in no slot is what the camera's own format makes of one: a
+    DOS table with one partition of type c that spans the card, and on it a good FAT with the camera's label."""
+    table = json.loads(_tool("sfdisk", "--json", str(card)))["partitiontable"]
+    kinds = [entry["type"] for entry in table.get("partitions", [])]
+    if table["label"] != "dos" or kinds != ["c"]:
+        raise ValueError(f"a {table['label']} table with partitions {kinds}")
+    start, size = (table["partitions"][0][name] for name in ("start", "size"))
+    # fdisk may round to what it takes for a cylinder.
+    if start > FIRST_SECTOR or _sectors(card) - start - size > FIRST_SECTOR + 16 * 63:
+        raise ValueError(f"a partition of {size} sectors from {start} on a card of {_sectors(card)}")
+    if filesystem_offset(card) != start * SECTOR:
+        raise ValueError("no filesystem where the partition starts")
+    label = _mtools(card, "mlabel", "-s", "::").decode()
+    if label.split() != ["Volume", "label", "is", LABEL]:
+        raise ValueError(label)
+    volume = card.with_suffix(".volume")
+    try:
+        _tool("dd", f"if={card}", f"of={volume}", f"bs={SECTOR}", f"skip={start}", f"count={size}", "conv=sparse",
+              "status=none")
+        # -n: nothing is repaired, and it ends with 0 only if there is nothing to repair.
+        report = _tool("fsck.fat", "-n", str(volume)).decode()
+    finally:
+        volume.unlink()
+    blocks = int(re.search(r"(\d+)/(\d+) clusters", report)[2])
+    if blocks < 4085:
+        raise ValueError(f"{blocks} clusters are none of FAT16 or FAT32: {report}")
+
+
 def filesystem_offset(card: Path) -> int:
-    """Where the card's filesystem starts: the first partition that has one, or the card's first byte."""
+    """Where the card's filesystem starts: the first partition that has one, or the card's first byte.
+
+    A format leaves the first sector's code alone: a FAT without a table may still seem to be there.
+    """
     with card.open("rb") as file:
-        for offset in [0, *_partition_offsets(file.read(SECTOR))]:
+        for offset in [*_partition_offsets(file.read(SECTOR)), 0]:
             file.seek(offset)
             boot = file.read(SECTOR)
             if boot[:1] in (b"\xeb", b"\xe9") and boot[510:] == b"\x55\xaa":
@@ -288,6 +330,53 @@ def _eight_partitions(card: Path) -> None:
     _mkfs(card, FIRST_SECTOR, rest)
 
 
+def _four_partitions(card: Path) -> None:
+    quarter = (_sectors(card) - FIRST_SECTOR) // 4
+    starts = [FIRST_SECTOR + number * quarter for number in range(4)]
+    _partition(card, *[f"start={start}, size={quarter}, type={kind}" for start, kind in zip(starts, "83 82 c 7".split())])
+    _mkfs(card, starts[2], quarter)
+
+
+def _extended(card: Path) -> None:
+    extended = FIRST_SECTOR + 8 * MIB // SECTOR
+    second = extended + 8 * MIB // SECTOR + FIRST_SECTOR
+    _partition(card, f"start={FIRST_SECTOR}, size={extended - FIRST_SECTOR}, type=83", f"start={extended}, type=f",
+               f"start={extended + FIRST_SECTOR}, size={8 * MIB // SECTOR - FIRST_SECTOR}, type=83",
+               f"start={second}, type=c")
+    _mkfs(card, second, _sectors(card) - second)
+
+
+def _gpt(card: Path) -> None:
+    last = _sectors(card) - FIRST_SECTOR  # behind it lies the table's copy
+    _tool("sfdisk", "--quiet", "--no-reread", "--no-tell-kernel", str(card),
+          stdin=f"label: gpt\nlabel-id: {GPT_ID}\n"
+          f"start={FIRST_SECTOR}, size={last - FIRST_SECTOR}, type={GPT_FAT}, uuid={GPT_ID}\n".encode())
+    _mkfs(card, FIRST_SECTOR, last - FIRST_SECTOR)
+
+
+def _exfat(card: Path) -> None:
+    _partition(card, f"start={FIRST_SECTOR}, type=7")
+    # Its tool knows no offset: made in a file of its own, of which only what is not zero goes to the card.
+    volume = card.with_suffix(".exfat")
+    try:
+        with volume.open("wb") as file:
+            file.truncate(card.stat().st_size - FIRST_SECTOR * SECTOR)
+        _tool("mkfs.exfat", str(volume))
+        _tool("dd", f"if={volume}", f"of={card}", f"bs={MIB}", f"seek={FIRST_SECTOR * SECTOR // MIB}",
+              "conv=notrunc,sparse", "status=none")
+    finally:
+        volume.unlink()
+
+
+def _noise(card: Path) -> None:
+    noise = random.Random(2)
+    with card.open("r+b") as file:
+        for _ in range(card.stat().st_size // MIB):
+            file.write(noise.randbytes(MIB))
+        file.seek(SECTOR - 2)
+        file.write(b"\x55\xaa")
+
+
 def _clips(card: Path, **options: int) -> None:
     _fat(card)
     add_clips(card, **options)
@@ -295,5 +384,6 @@ def _clips(card: Path, **options: int) -> None:
 
 _KINDS: dict[str, Callable[..., None]] = {
     "blank": _blank, "garbage": _garbage, "fat": _fat, "whole_disk_fat": _whole_disk_fat, "partitioned": _partitioned,
-    "second_partition": _second_partition, "eight_partitions": _eight_partitions, "clips": _clips,
+    "second_partition": _second_partition, "eight_partitions": _eight_partitions, "clips": _clips, "noise": _noise,
+    "four_partitions": _four_partitions, "extended": _extended, "gpt": _gpt, "exfat": _exfat,
 }
