@@ -16,13 +16,18 @@ ROOT = Path(__file__).resolve().parent.parent.parent
 sys.path.insert(0, str(ROOT / "camera"))
 
 from cards import MIB, RECORD_DIR, make_card  # noqa: E402
+from jobs import install_probed, remove_probed, wait_daemon, wait_recordings  # noqa: E402
+from stand_ins import Tools  # noqa: E402
 from vcam import Camera, CameraError, GuestTimeout, wait_until  # noqa: E402
 
+SEQUENCE_S = 60  # a random sequence, on a busy host
 DEADLINE_S = 1500  # a camera that is still there after this is killed
 
 
 def pytest_addoption(parser: pytest.Parser) -> None:
     parser.addoption("--pulls", type=int, default=5, help="how often the card is pulled in the middle of each thing")
+    parser.addoption("--sequences", type=int, default=2, help="how many random sequences of card jobs are run")
+    parser.addoption("--seed", type=int, default=1, help="the seed of the first of them; the others' follow it")
 
 
 @pytest.fixture(scope="session")
@@ -38,7 +43,7 @@ def _shared_camera(_image: None, tmp_path_factory: pytest.TempPathFactory) -> It
 
 
 @pytest.fixture
-def camera(_shared_camera: Camera) -> Camera:
+def camera(_shared_camera: Camera, request: pytest.FixtureRequest) -> Camera:
     """The shared camera: running, slot empty, not throttled, broker and daemon up. Booting costs seconds, so a scenario
     gets the last one's camera unless that one left it unusable."""
     camera = _shared_camera
@@ -49,8 +54,34 @@ def camera(_shared_camera: Camera) -> Camera:
             camera.close()
     if not camera.running:
         camera.close()
-        camera.start(deadline=DEADLINE_S)
+        camera.start(deadline=DEADLINE_S + SEQUENCE_S * int(request.config.getoption("--sequences")))
         reset(camera)
+    return camera
+
+
+@pytest.fixture
+def tools(camera: Camera) -> Iterator[Tools]:
+    """Stand-ins for the disk tools, gone when the scenario is over."""
+    made = Tools(camera)
+    yield made
+    if camera.running:
+        try:
+            made.restore()
+        except CameraError:
+            camera.close()  # the next scenario boots it again
+
+
+@pytest.fixture(scope="module")
+def _probed_daemon(_shared_camera: Camera) -> Iterator[None]:
+    yield
+    if _shared_camera.running:
+        remove_probed(_shared_camera)
+
+
+@pytest.fixture
+def probed(camera: Camera, _probed_daemon: None) -> Camera:
+    """The camera with a daemon that can be told to check the card, and asked for its job frame."""
+    install_probed(camera)
     return camera
 
 
@@ -85,23 +116,10 @@ def reset(camera: Camera) -> None:
     camera.run("grep -q ' /mnt/sdcard ' /proc/mounts || rm -rf /mnt/sdcard/*")
 
 
-def wait_daemon(camera: Camera, other_than: str = "") -> str:
-    """Waits until the daemon runs, a new one if the old one's process id is given, and returns its process id."""
-    def find() -> str | None:
-        pid = camera.run("pidof vesk_sdcard").text
-        return pid if pid and pid != other_than else None
-    return str(wait_until(find, 30, "the daemon"))
-
-
 def insert_normal(camera: Camera, card: Path) -> None:
     camera.insert(card)
     camera.wait_state("normal")
     wait_recordings(camera)
-
-
-def wait_recordings(camera: Camera) -> None:
-    """Waits until the clip index is open: the state is published before, and a clip announced in between is lost."""
-    wait_until(lambda: camera.run("grep -q KYT_ /proc/$(pidof vesk_sdcard)/maps").code == 0, 20, "the open clip index")
 
 
 def wait_clips(camera: Camera, expected: list[int], deadline: float = 20) -> None:
