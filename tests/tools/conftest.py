@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 import os
+import pty
 import select
 import signal
 import socket
@@ -145,6 +146,23 @@ def make_list(folder: Path, *announcements: str) -> None:
 
 def objects(text: str) -> list[dict]:
     return [json.loads(line) for line in text.splitlines()]
+
+
+def on_terminal(broker: Broker, *arguments: str, **more: str) -> str:
+    """What a person sees: standard output is a terminal."""
+    master, slave = pty.openpty()
+    running = subprocess.Popen(command("veskctl", "--bus", broker.address, *arguments), env=environment(**more),
+                               stdout=slave, stdin=subprocess.DEVNULL)
+    os.close(slave)
+    seen = b""
+    try:
+        while part := os.read(master, 4096):
+            seen += part
+    except OSError:  # EIO: the other end is closed
+        pass
+    os.close(master)
+    assert running.wait(timeout=20) == 0
+    return seen.decode()
 
 
 class StandIn:

@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import json
 import os
-import pty
 import re
 import signal
 import struct
@@ -13,7 +12,7 @@ import time
 from pathlib import Path
 
 import pytest
-from conftest import BIN, MORTAL, Broker, command, environment, make_list, objects, read_line, run, until
+from conftest import BIN, MORTAL, Broker, command, environment, make_list, objects, on_terminal, read_line, run, until
 
 START = 1795226400  # 2026-11-21T02:00:00Z
 STATUS = "karvel/mem/default/sdcard_status"
@@ -332,23 +331,6 @@ def test_help_and_version() -> None:
     for said in ("status", "watch", "clips", "--bus", "--json", "--count", "--timeout", "exit codes: 0 done"):
         assert said in helped.stdout
     assert run("veskctl", "--version").stdout.startswith("veskctl ")
-
-
-def on_terminal(broker: Broker, *arguments: str, **more: str) -> str:
-    """What a person sees: standard output is a terminal."""
-    master, slave = pty.openpty()
-    running = subprocess.Popen(command("veskctl", "--bus", broker.address, *arguments), env=environment(**more),
-                               stdout=slave, stdin=subprocess.DEVNULL)
-    os.close(slave)
-    seen = b""
-    try:
-        while part := os.read(master, 4096):
-            seen += part
-    except OSError:  # EIO: the other end is closed
-        pass
-    os.close(master)
-    assert running.wait(timeout=20) == 0
-    return seen.decode()
 
 
 @pytest.mark.parametrize("arguments", [["status"], ["watch", "--count", "1"]])

@@ -7,7 +7,7 @@ import subprocess
 from pathlib import Path
 
 import pytest
-from conftest import Broker, StandIn, make_list, run
+from conftest import Broker, StandIn, make_list, on_terminal, run
 
 START = 1795226400  # 2026-11-21T02:00:00Z
 FIGURES = '{"code": 0, "result": [130023424, 66060288, 62914560, 0]}'
@@ -86,6 +86,12 @@ def test_storage(broker: Broker, daemon) -> None:
     assert done.stdout == "state       normal\nfree        60.0 MiB of 124.0 MiB\nrecordings  63.0 MiB\n"
     assert json.loads(ask(broker, "--json", "storage").stdout) == {
         "state": "normal", "total": 130023424, "recordings": 66060288, "free": 62914560}
+
+
+def test_storage_in_colour(broker: Broker, daemon) -> None:
+    daemon(actions={"sd_storge": FIGURES})
+    assert "state       \033[32mnormal\033[0m" in on_terminal(broker, "storage")
+    assert "\033" not in on_terminal(broker, "storage", NO_COLOR="1")
 
 
 @pytest.mark.parametrize("code, exit_code, words", [
