@@ -201,6 +201,12 @@ def test_report_of_a_card_that_tells_little(broker: Broker) -> None:
     assert known == ["maker's id   0x0000aa"] and len(done.stdout.splitlines()) == 12
 
 
+@pytest.mark.parametrize("code, words", [(0, "none"), (1, "C2"), (2, "C4"), (3, "C6"), (4, "C10"), (5, "not known"), (255, "not known")])
+def test_report_of_a_speed_class(broker: Broker, code: int, words: str) -> None:
+    done = ctl(broker, kernel_files(ssr=f"{'00' * 8}{code:02x}{'00' * 54}01"), "report")
+    assert f"speed class  {words}\n" in done.stdout
+
+
 def test_report_without_card(broker: Broker) -> None:
     done = ctl(broker, "mount -t tmpfs none /sys", "report")
     assert (done.returncode, done.stdout, done.stderr) == (4, "", "veskctl: there is no card\n")
