@@ -319,6 +319,7 @@ TEST_F(sdcard, refresh_says_why_derives_and_postpones_the_periodic_one) {
     world.mmc.state = MMC_STATE_NONE;
     sdcard_refresh("New Record");
     EXPECT_EQ(strings{"info refresh sdcard state due to New Record"}, logged::lines());
+    EXPECT_EQ(1U, world.lines_before_key) << "the reason comes first";
     EXPECT_EQ((strings{"sdcard_status=1", "sdcard_rw=none", "rpc_send_alert 5"}), world.steps);
     EXPECT_NEAR(1800, rig::remaining_s(&sd.refresh_timer), 5);
 }

@@ -54,6 +54,7 @@ TEST_F(sdcard_timers, each_runs_from_the_start_on) {
     EXPECT_TRUE(ev_is_active(&sd.speed_timer));
     EXPECT_NEAR(1, rig::remaining_s(&sd.speed_timer), 0.9);
     EXPECT_DOUBLE_EQ(60, sd.speed_timer.repeat);
+    EXPECT_EQ(0, sd.info_timer.repeat) << "drawn anew each time";
     EXPECT_EQ(0, ev_priority(&sd.info_timer));
     EXPECT_EQ(0, ev_priority(&sd.speed_timer));
 }

@@ -87,7 +87,9 @@ int records_init() {
     return 0;
 }
 void records_exit() {
-    step("records_exit");
+    const bool timers_run =
+        ev_is_active(&sd.refresh_timer) || ev_is_active(&sd.info_timer) || ev_is_active(&sd.speed_timer);
+    step(timers_run ? "records_exit while timers run" : "records_exit");
 }
 int records_delete_oldest() {
     step("records_delete_oldest");
@@ -102,7 +104,7 @@ int records_delete_oldest() {
     }
     world.f_bavail = world.after_delete.front();
     world.after_delete.pop_front();
-    return 0;
+    return 1;  // whatever is not negative is a success
 }
 void kvmem_set(const char* key, const char* value) {
     world.lines_before_key = logged::lines().size();
