@@ -610,6 +610,28 @@ TEST_F(cl_execvp, output_behind_the_end_is_not_read) {
     EXPECT_TRUE(logged::lines().empty());
 }
 
+// An end is handled before other events that were there first, those of the block devices included: what fdisk has made
+// the kernel tell may be known only after fdisk's end was.
+TEST_F(cl_execvp, an_end_comes_before_events_that_were_there_first) {
+    int events[2];
+    ASSERT_EQ(__real_pipe2(events, O_CLOEXEC), 0);
+    static int ended_at_event;
+    ended_at_event = -1;
+    ev_io watcher;
+    ev_io_init(
+        &watcher, [](struct ev_loop*, ev_io*, int) { ended_at_event = ended; }, events[0], EV_READ);
+    ev_set_priority(&watcher, 1);  // the highest that a watcher of the daemon asks for: that of the uevents
+    ev_io_start(loop, &watcher);
+    ASSERT_EQ(write(events[1], "x", 1), 1);
+    start_sh("exit 0");
+    wait_for_zombie();
+    ev_run(loop, EVRUN_ONCE);
+    ev_io_stop(loop, &watcher);
+    EXPECT_EQ(ended_at_event, 1) << "both in one turn of the loop";
+    close(events[0]);
+    close(events[1]);
+}
+
 // More than the buffer and the pipe take blocks the child; whoever kills it ends the run.
 TEST_F(cl_execvp, child_that_prints_without_end_waits_to_be_killed) {
     char buffer[8];
