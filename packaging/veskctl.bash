@@ -21,11 +21,16 @@ _veskctl() {
         return
         ;;
     --count | --timeout | --from | --to) return ;;
+    --format)
+        mapfile -t COMPREPLY < <(compgen -W 'csv json' -- "$word")
+        return
+        ;;
     esac
     case $command in
-    '') options='--bus --json --version --help status watch storage clips save delete format eject busy log report' ;;
+    '') options='--bus --json --version --help status watch storage clips index save delete format eject busy log report' ;;
     watch) options='--count --timeout --json' ;;
-    clips) options='--from --to --marked --unmarked --json' ;;
+    clips) options='--from --to --marked --unmarked --follow --json' ;;
+    index) options='--format --json' ;;
     delete) options='--yes --json' ;;
     format) options='--wait --timeout --yes --json' ;;
     eject) options='--wait --timeout --json' ;;
@@ -43,6 +48,11 @@ _veskctl() {
         mapfile -t COMPREPLY < <(compgen -W "$times" -- "$word")
         ;;
     clips:* | log:*) mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -d -- "$word") ;;
+    index: | index:[a-z]*)
+        mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -W 'check repair export' -- "$word")
+        mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -f -- "$word")
+        ;;
+    index:*) mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -f -- "$word") ;;
     report:*) mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -f -- "$word") ;;
     esac
 }

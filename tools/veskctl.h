@@ -12,7 +12,7 @@ enum veskctl_exit {
     VESKCTL_USAGE = 2,       // the command line makes no sense
     VESKCTL_NO_SERVICE = 3,  // the configuration service did not answer, or the daemon behind it
     VESKCTL_NO_CARD = 4,     // no card in service, or no recordings folder with a list
-    VESKCTL_BAD_LIST = 5,    // there is a list, but none that can be read
+    VESKCTL_BAD_LIST = 5,    // there is a list, but none that can be read, or (index check) not one in order
     VESKCTL_REFUSED = 6,     // by the daemon, the service, or whoever was asked to confirm; nothing has changed
     VESKCTL_UNKNOWN = 7,     // asked, and ended or not, but what became of it cannot be known
 };
@@ -37,6 +37,7 @@ int veskctl_format(const veskctl_options& options, int argc, char** argv);
 int veskctl_eject(const veskctl_options& options, int argc, char** argv);
 int veskctl_busy(const veskctl_options& options, int argc, char** argv);
 int veskctl_log(const veskctl_options& options, int argc, char** argv);
+int veskctl_index(const veskctl_options& options, int argc, char** argv);
 int veskctl_report(const veskctl_options& options, int argc, char** argv);
 
 // The card state in words by its number as published; null when there is no such state.

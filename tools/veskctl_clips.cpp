@@ -1,48 +1,15 @@
 // veskctl clips [FOLDER]: the clip index, or the part of it that was asked for, read without changing anything; works
 // on a copied recordings folder too.
+#include <cstdlib>
 #include <getopt.h>
-#include <json-c/json.h>
+#include <poll.h>
 
 #include "kyt_rdonly.h"
+#include "tools/clip_text.h"
 #include "tools/time_text.h"
 #include "tools/veskctl.h"
 
 namespace {
-
-constexpr size_t PATH_SIZE = 256;
-
-// The clip's path below the recordings folder, without extension.
-const char* clip_path(uint32_t ts, char (&buffer)[PATH_SIZE]) {
-    return kyt_ts2path(ts, buffer, sizeof buffer, 0) < 0 ? "" : buffer + sizeof VESKCTL_FOLDER;
-}
-
-void print_json(const kyt_record* record) {
-    char when[TIME_TEXT];
-    char path[PATH_SIZE];
-    time_to_text(record->ts, when);
-    json_object* object = json_object_new_object();
-    json_object_object_add(object, "ts", json_object_new_int64(record->ts));
-    json_object_object_add(object, "time", json_object_new_string(when));
-    const uint32_t seconds = kyt_record_seconds(record);
-    json_object_object_add(object, "seconds",
-                           seconds != 0 ? json_object_new_int(static_cast<int32_t>(seconds)) : nullptr);
-    json_object_object_add(object, "persistent", json_object_new_boolean((record->flags & KYT_PERSISTENT) != 0));
-    json_object_object_add(object, "path", json_object_new_string(clip_path(record->ts, path)));
-    fputs(json_object_to_json_string_ext(object, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE), stdout);
-    json_object_put(object);
-}
-
-void print_text(const kyt_record* record) {
-    char when[TIME_TEXT];
-    char path[PATH_SIZE];
-    char seconds[16] = "-";
-    time_to_text(record->ts, when);
-    if (kyt_record_seconds(record) != 0) {
-        snprintf(seconds, sizeof seconds, "%u s", kyt_record_seconds(record));
-    }
-    printf("%-20s  %6s  %-9s  %s\n", when, seconds, (record->flags & KYT_PERSISTENT) != 0 ? "protected" : "-",
-           clip_path(record->ts, path));
-}
 
 // What was asked for. A clip belongs to the time that it begins at.
 struct filter {
@@ -50,6 +17,7 @@ struct filter {
     uint32_t to;
     bool marked;    // those that are protected
     bool unmarked;  // those that are not; neither of both: all
+    bool follow;    // go on with those that come
 };
 
 bool passes(const filter& wanted, const kyt_record* record) {
@@ -59,11 +27,9 @@ bool passes(const filter& wanted, const kyt_record* record) {
 }
 
 bool read_arguments(int argc, char** argv, filter* wanted) {
-    static const option table[] = {{"from", required_argument, nullptr, 'f'},
-                                   {"to", required_argument, nullptr, 't'},
-                                   {"marked", no_argument, nullptr, 'm'},
-                                   {"unmarked", no_argument, nullptr, 'u'},
-                                   {}};
+    static const option table[] = {{"from", required_argument, nullptr, 'f'}, {"to", required_argument, nullptr, 't'},
+                                   {"marked", no_argument, nullptr, 'm'},     {"unmarked", no_argument, nullptr, 'u'},
+                                   {"follow", no_argument, nullptr, 'w'},     {}};
     int index = 0;
     for (int letter; (letter = getopt_long(argc, argv, "", table, &index)) != -1;) {
         switch (letter) {
@@ -80,6 +46,9 @@ bool read_arguments(int argc, char** argv, filter* wanted) {
             case 'u':
                 wanted->unmarked = true;
                 break;
+            case 'w':
+                wanted->follow = true;
+                break;
             default:
                 return false;
         }
@@ -91,14 +60,81 @@ bool read_arguments(int argc, char** argv, filter* wanted) {
     return true;
 }
 
+constexpr int LOOK_MS = 1000;  // between two looks at the list
+
+// The clips that have been seen, ascending: a list may get clips at any place of it.
+struct seen_clips {
+    uint32_t* ts;
+    size_t count;
+};
+
+// Prints what the list has and `seen` has not, which is then replaced. False: out of memory.
+bool print_news(const veskctl_options& options, const filter& wanted, kyt_handle* list, seen_clips* seen) {
+    auto* const now = static_cast<uint32_t*>(malloc((size_t{kyt_count(list)} + 1) * sizeof(uint32_t)));
+    if (now == nullptr) {
+        return false;
+    }
+    size_t count = 0;
+    size_t old = 0;
+    for (const kyt_record* record = kyt_next(list, nullptr); record != nullptr; record = kyt_next(list, record)) {
+        now[count++] = record->ts;
+        while (old < seen->count && seen->ts[old] < record->ts) {
+            ++old;
+        }
+        if ((old < seen->count && seen->ts[old] == record->ts) || !passes(wanted, record)) {
+            continue;
+        }
+        if (options.json) {
+            clip_print_json(record);
+            putchar('\n');
+        } else {
+            clip_print_text(record);
+        }
+    }
+    free(seen->ts);
+    *seen = {now, count};
+    return true;
+}
+
+// Shows clips as they come, until interrupted or until nobody reads. A card that is away is waited for.
+int follow(const veskctl_options& options, const filter& wanted, const char* folder) {
+    seen_clips seen = {};
+    bool waiting = false;
+    if (!options.json) {
+        clip_print_heading();
+    }
+    for (;;) {
+        int code = VESKCTL_DONE;
+        kyt_handle* const list = veskctl_open_list(folder, &code);
+        if (list == nullptr && code != VESKCTL_NO_CARD) {
+            free(seen.ts);
+            return code;
+        }
+        if (list == nullptr && !waiting) {
+            fprintf(stderr, "veskctl: %s: no clip index there; waiting for one\n", folder);
+        }
+        waiting = list == nullptr;
+        const bool ok = list == nullptr || print_news(options, wanted, list, &seen);
+        kyt_close(list);
+        if (!ok || fflush(stdout) != 0) {
+            free(seen.ts);
+            return VESKCTL_FAILED;
+        }
+        poll(nullptr, 0, LOOK_MS);
+    }
+}
+
 }  // namespace
 
 int veskctl_clips(const veskctl_options& options, int argc, char** argv) {
-    filter wanted = {0, UINT32_MAX, false, false};
+    filter wanted = {0, UINT32_MAX, false, false, false};
     if (!read_arguments(argc, argv, &wanted)) {
         return VESKCTL_USAGE;
     }
     const char* folder = optind < argc ? argv[optind] : VESKCTL_FOLDER;
+    if (wanted.follow) {
+        return follow(options, wanted, folder);
+    }
     int code = VESKCTL_DONE;
     kyt_handle* list = veskctl_open_list(folder, &code);
     if (list == nullptr) {
@@ -112,7 +148,7 @@ int veskctl_clips(const veskctl_options& options, int argc, char** argv) {
     if (options.json) {
         putchar('[');
     } else {
-        printf("%-20s  %6s  %-9s  %s\n", "time", "length", "mark", "clip");
+        clip_print_heading();
     }
     for (const kyt_record* record = kyt_next(list, nullptr); record != nullptr; record = kyt_next(list, record)) {
         if (!passes(wanted, record)) {
@@ -120,9 +156,9 @@ int veskctl_clips(const veskctl_options& options, int argc, char** argv) {
         }
         if (options.json) {
             fputs(first ? "\n" : ",\n", stdout);
-            print_json(record);
+            clip_print_json(record);
         } else {
-            print_text(record);
+            clip_print_text(record);
         }
         first = false;
     }

@@ -16,6 +16,35 @@ extern "C" {
 // Null: errno says why (ENOENT: no folder or no list in it; EBADMSG: there is a list, but none that can be read).
 kyt_handle* kyt_open_rdonly(const char* folder_path);
 
+// What a look at a recordings folder shows: the list beside the clips' names.
+struct kyt_health {
+    char list[16];                  // the list's file; "": there is none
+    uint8_t header_damaged;         // a file that should be a list and is none, in the list's place
+    uint8_t other_version;          // written by a version that this one cannot read
+    uint8_t open;                   // in use, or left behind by a power cut
+    uint8_t other_byte_order;       // of a camera whose processor stores numbers the other way round
+    uint8_t wrong_size;             // cut short, or made longer by somebody else
+    uint8_t out_of_order;           // clips that came late; put in order when the list is next opened
+    uint32_t card;                  // the FAT volume for which it was written; 0: not known
+    uint32_t volume;                // the one on which it lies; 0: not known
+    uint32_t records;               // clips in it
+    uint32_t deleted;               // records of deleted clips
+    uint32_t destroyed;             // records that are not whole
+    uint32_t unreadable;            // pages of 4096 bytes that the card did not give
+    uint32_t twice;                 // records of a clip that has another one
+    uint32_t clips;                 // clips on the card
+    uint32_t clips_not_listed;      // clips without a record
+    uint32_t records_without_clip;  // records whose clip is gone
+    uint32_t undeleted;             // deleted clips that are still on the card
+};
+
+// Looks at a recordings folder and changes nothing. 0, or -1 with errno.
+int kyt_check(const char* folder_path, struct kyt_health* health);
+
+// Opens the list of any recordings folder as the camera does, with all repairs, and closes it in order. The log says
+// what was found and done. Not while a daemon uses the folder. 0, or -1 with errno.
+int kyt_repair(const char* folder_path);
+
 // How many live records the list holds. Any kind of handle; 0 for null.
 uint32_t kyt_count(const kyt_handle* handle);
 

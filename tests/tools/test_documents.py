@@ -147,7 +147,7 @@ def test_completion_knows_every_command() -> None:
     assert complete("--bus", "") == {"unix:", "tcp:"}
 
 
-@pytest.mark.parametrize("name", ["status", "watch", "storage", "clips", "save", "delete", "format", "eject", "busy", "log", "report"])
+@pytest.mark.parametrize("name", ["status", "watch", "storage", "clips", "index", "save", "delete", "format", "eject", "busy", "log", "report"])
 def test_completion_knows_every_option(name: str) -> None:
     assert complete(name, "-") == commands()[name] | {"--json"}
 
@@ -158,6 +158,8 @@ def test_completion_of_files_and_folders(tmp_path: Path) -> None:
     assert complete("clips", "re", folder=tmp_path) == {"recordings"}
     assert complete("log", "re", folder=tmp_path) == {"recordings"}
     assert complete("report", "re", folder=tmp_path) == {"recordings", "report.json"}
+    assert complete("index", "re", folder=tmp_path) == {"recordings", "repair", "report.json"}
+    assert complete("index", "export", "--format", "") == {"csv", "json"}
     assert complete("watch", "--count", "re", folder=tmp_path) == set()
 
 
