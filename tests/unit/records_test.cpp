@@ -440,6 +440,7 @@ TEST_F(records_death, no_memory_for_the_table_ends_the_process) {
     write_bytes(in(FIRST, "a.mp4"), 10);
     rig::malloc_to_fail = 2;
     EXPECT_EXIT(record_dir_open(), testing::ExitedWithCode(255), "");
+    rig::malloc_to_fail = 0;  // it failed in the child
 }
 
 TEST_F(records, rescan_timer_scans) {
