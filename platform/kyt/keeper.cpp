@@ -117,6 +117,11 @@ void finish(keeper* k) {
         work_discard(k);
     }
     kept_file& file = k->files[k->list];
+    const tail& rest = k->rest;
+    if (rest.bytes > 0 && rest.file == k->list &&
+        (write_at(file.fd, rest.data, rest.bytes, rest.offset) < 0 || ftruncate(file.fd, file_bytes(file.used)) < 0)) {
+        log_err("kyt: the card has no room for the newest records");
+    }
     if (fdatasync(file.fd) < 0 ||
         header_seal(file.fd, file.generation, file_state::CLOSED, file.used.load(std::memory_order_acquire)) < 0) {
         log_err("kyt: the list is not closed in order: %s", std::strerror(errno));
@@ -230,7 +235,8 @@ void keeper_wake(keeper* k) {
     (void)!write(k->wake, &one, sizeof one);  // a counter that is full wakes as well
 }
 
-void keeper_close(keeper* k) {
+void keeper_close(keeper* k, const tail& rest) {
+    k->rest = rest;
     k->end.store(ending::CLOSE, std::memory_order_release);
     keeper_wake(k);
     pthread_join(k->thread, nullptr);

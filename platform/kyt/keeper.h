@@ -56,6 +56,14 @@ struct kept_file {
     std::atomic<uint32_t> capacity{0};  // bytes that the file has for sure; the thread's
 };
 
+// Records for which the file had no room when the session ended.
+struct tail {
+    int file = 0;  // of the keeper's files, the one that they belong into
+    const void* data = nullptr;
+    uint32_t bytes = 0;   // 0: there are none
+    uint32_t offset = 0;  // in the file
+};
+
 struct keeper {
     std::atomic<uint32_t> owners{2};  // the last one frees
     std::atomic<ending> end{ending::NONE};
@@ -68,6 +76,7 @@ struct keeper {
 
     kept_file files[2];  // under LIST_NAMES
     job work;
+    tail rest;  // set before the end
 
     // The thread's own.
     int folder = -1;
@@ -83,7 +92,8 @@ struct keeper {
 // Takes over both descriptors. Null: errno says why, the descriptors are still the caller's.
 keeper* keeper_start(int folder, int name, int fd, uint32_t generation, uint32_t bytes, uint32_t records);
 void keeper_wake(keeper* k);
-void keeper_close(keeper* k);
+// rest: only the keeper can bring it into the file, for it may be making the file longer at this moment.
+void keeper_close(keeper* k, const tail& rest);
 void keeper_abandon(keeper* k);
 
 // The thread's parts, in keeper.cpp and work.cpp.

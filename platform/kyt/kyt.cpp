@@ -292,15 +292,8 @@ KYT_API void kyt_close(kyt_handle* h) {
         write_again(h);
         take_growth(h);
         const uint32_t end = RECORDS_AT + h->order.count * static_cast<uint32_t>(sizeof(kyt_record));
-        if (end > h->map.in_file) {
-            // Records for which the file had no room yet. Here the card may be waited for.
-            const uint32_t bytes = file_bytes(h->order.count);
-            if (write_at(current(h).fd, h->map.base + h->map.in_file, end - h->map.in_file, h->map.in_file) < 0 ||
-                ftruncate(current(h).fd, bytes) < 0) {
-                log_err("kyt: the card has no room for the newest records");
-            }
-        }
-        keeper_close(h->keeper);
+        const uint32_t waiting = end > h->map.in_file ? end - h->map.in_file : 0;
+        keeper_close(h->keeper, {h->file, h->map.base + h->map.in_file, waiting, h->map.in_file});
         region_unmap(&h->map);
     }
     free_handle(h);

@@ -98,7 +98,7 @@ TEST_F(KytKeeper, NoCallOfTheLoopWaitsForAStalledCard) {
     card_calls::go_on();
     kyt_close(list);
     open();
-    EXPECT_EQ(kyt_count(list), 29'999U);
+    EXPECT_EQ(kyt_count(list), 29'999U) << testing::PrintToString(logged::lines());
 }
 
 TEST_F(KytKeeper, RecordsWithoutRoomInTheFileMoveIntoItWhenItGrows) {
