@@ -6,7 +6,7 @@ from pathlib import Path
 
 import pytest
 
-from cards import SECTOR, filesystem_offset
+from cards import GIB, SECTOR, filesystem_offset
 from conftest import clips, insert_normal, record, wait_daemon
 from jobs import check_card, eject_card, frame, hold, wait_job, wait_recordings
 from stand_ins import Tools
@@ -104,3 +104,19 @@ def test_what_is_absent_or_ejected_is_not_checked(probed: Camera, card: MakeCard
     probed.wait_log("sdcard_fsck: Unable to check filesystem when mmc device in 3 state.", since=mark)
     assert probed.state() == "eject"
     assert wait_daemon(probed) == pid
+
+
+def test_a_check_killed_for_its_memory_is_no_repaired_card(probed: Camera, card: MakeCard) -> None:
+    """The real tool on a card that it needs 26 MiB for, on a camera that has 20."""
+    probed.insert(card("fat", 32 * GIB))
+    probed.wait_state("normal", 60)
+    wait_recordings(probed)
+    pid = wait_daemon(probed)
+    text = wait_job(probed, "fsck", "failed", check_card(probed), 240)
+    assert "fsck.fat: exit with signal Killed" in text
+    assert "next_finish: unable to check filesystem." in text
+    assert frame(probed) == (FAILED, -1, 0)
+    probed.wait_state("normal", 60)
+    assert wait_daemon(probed) == pid
+    wait_recordings(probed)
+    record(probed, 1)
