@@ -1,0 +1,479 @@
+#include "invariants.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <ev.h>
+
+#include "faults.h"
+#include "mmc.h"
+#include "mountpoint.h"
+#include "sdcard.h"
+#include "world.h"
+
+namespace sim {
+namespace {
+
+// What the daemon may take to notice: a second's pause for a new disk, two until the next look at the mount, and what
+// the card takes to be mounted and opened.
+constexpr int64_t SETTLED_NS = 6 * SECOND;
+constexpr int64_t WORKER_PATIENCE_NS = 300 * SECOND;
+constexpr int64_t JOB_PAUSE_NS = 5 * SECOND;  // the longest that a job waits without a tool: half a second, and slack
+constexpr uint64_t FULL_KIB = 40960;
+constexpr int COOL_DOWN_S = 300;
+constexpr unsigned CARD_MAJOR = 179;
+constexpr size_t TABLE_BYTES = 4095;  // of the mount table that the daemon looks at
+
+struct block {
+    uint32_t minor;
+    std::string name;
+};
+
+// The daemon's table of block devices, as it must be.
+std::optional<block> disk;
+std::vector<block> partitions;
+bool is_disk_open;
+bool is_adding_disk;   // its opening is awaited
+bool is_flag_set;      // the read-only flag, as it was at the end of the last batch
+bool is_ejected;
+bool is_batch_accepted;
+bool is_known;         // a first rescan has been
+
+int64_t changed_at;
+bool is_judged;        // since the last change
+int32_t last_state = SDCARD_UNKNOWN;
+int64_t idle_since;    // a busy frame without a tool, since when; 0: not so
+int32_t last_sent_s[3];  // of the reports with a cool-down: states, slow, unmount
+bool has_sent[3];
+std::map<uint32_t, int64_t> requested;  // clips that a worker has to remove, since when
+uint32_t freed_ts;                      // the clip that is being freed
+bool may_abort;
+
+std::optional<block> mounted_block() {
+    const std::string text = mountinfo().substr(0, TABLE_BYTES);
+    // The first mount of the card that the daemon can see, wherever it is mounted.
+    size_t begin = 0;
+    while (begin < text.size()) {
+        const size_t end = std::min(text.find('\n', begin), text.size());
+        unsigned major = 0;
+        unsigned minor = 0;
+        if (sscanf(text.substr(begin, end - begin).c_str(), "%*d %*d %u:%u", &major, &minor) == 2 &&
+            major == CARD_MAJOR) {
+            return block{minor, ""};
+        }
+        begin = end + 1;
+    }
+    return std::nullopt;
+}
+
+bool is_in_table(uint32_t minor) {
+    const auto has = [minor](const block& b) { return b.minor == minor; };
+    return (disk && has(*disk)) || std::any_of(partitions.begin(), partitions.end(), has);
+}
+
+bool can_be_mounted(const std::string& name) {
+    const auto found = find_device("/dev/" + name);
+    if (!found) {
+        return false;
+    }
+    const std::shared_ptr<filesystem> fs = found->part != nullptr ? found->part->fs : found->of->whole;
+    return fs != nullptr && (fs->type == "vfat" || fs->type == "exfat");
+}
+
+bool is_mountable() {
+    return (disk && can_be_mounted(disk->name)) ||
+           std::any_of(partitions.begin(), partitions.end(), [](const block& b) { return can_be_mounted(b.name); });
+}
+
+// Is there a clip that can be deleted to free space?
+bool has_clip_to_free(filesystem& fs) {
+    if (fs.is_gone || fs.is_read_only || fs.unlink_errno != 0 || !list_is_open() || list_filesystem() != &fs) {
+        return false;
+    }
+    return std::any_of(fs.list.slots.begin(), fs.list.slots.end(), [&fs](const auto& entry) {
+        return !entry.second.is_deleted && fs.list.protected_ts.count(entry.first) == 0 &&
+               find(fs, clip_path(entry.first) + ".mp4") != nullptr;
+    });
+}
+
+// The state that the world amounts to, once the daemon has had the time to notice.
+int expected_state() {
+    if (!disk || !is_disk_open) {
+        return SDCARD_NOT_EXISTS;
+    }
+    if (is_ejected) {
+        return SDCARD_EJECT;
+    }
+    if (is_flag_set) {
+        return SDCARD_BROKEN;
+    }
+    const auto at = mounted_block();
+    if (!at || !is_in_table(at->minor)) {
+        // Mounted by itself if it can be.
+        return is_mountable() && !at ? SDCARD_UNKNOWN : SDCARD_BROKEN;
+    }
+    const std::shared_ptr<filesystem> fs = at_mount_point();
+    if (fs->is_read_only || fs->statfs_errno != 0) {
+        return SDCARD_BROKEN;
+    }
+    if (fs->free_kib() >= FULL_KIB) {
+        return SDCARD_NORMAL;
+    }
+    return has_clip_to_free(*fs) ? SDCARD_UNKNOWN : SDCARD_FULL;
+}
+
+const char* rw_of(int state) {
+    return state == SDCARD_NORMAL ? "rdwr" : state == SDCARD_FULL ? "rdonly" : "none";
+}
+
+bool is_busy() {
+    return sd.closure.status == CLOSURE_BUSY;
+}
+
+void check_keys() {
+    if (!is_link_up() || now_ns() - link_changed_ns() < SETTLED_NS || failures() > 0) {
+        return;
+    }
+    const std::string status = last_set("sdcard_status");
+    const std::string rw = last_set("sdcard_rw");
+    if (status != std::to_string(sd.state) || rw != rw_of(sd.state)) {
+        violation("state %d is published as %s, %s", sd.state, status.c_str(), rw.c_str());
+    }
+}
+
+void check_state() {
+    const int expected = expected_state();
+    ++counted.judgements;
+    if (expected != sd.state) {
+        violation("the state is %d and should be %d", sd.state, expected);
+    }
+    const mountpoint_manager* mount = mountpoint_get_manager();
+    if (mount->mask != 0) {
+        violation("mounting is held off and no job runs");
+    }
+    // Descriptors: the socket, the mount table, the disk, the recordings folder.
+    const int directories = open_descriptors(fd_kind::DIRECTORY);
+    if (open_descriptors(fd_kind::NETLINK) != 1 || open_descriptors(fd_kind::MOUNTINFO) != 1 ||
+        open_descriptors(fd_kind::DISK) != (is_disk_open ? 1 : 0) || directories > 1 ||
+        (list_is_open() && directories != 1) || open_descriptors(fd_kind::FILE) != 0 ||
+        open_descriptors(fd_kind::SYSTEM) != 0 || open_descriptors(fd_kind::PIPE_READ) != 0 ||
+        open_descriptors(fd_kind::PIPE_WRITE) != 0 || open_streams() != 0) {
+        violation("descriptors are left open:%s", list_descriptors().c_str());
+    }
+    if (list_is_open()) {
+        for (const auto& [ts, entry] : list_filesystem()->list.slots) {
+            if (!entry.is_deleted &&
+                (entry.record.flags != 0) != (list_filesystem()->list.protected_ts.count(ts) != 0)) {
+                violation("clip %u has the flags %u", ts, entry.record.flags);
+            }
+        }
+    }
+}
+
+void check_job() {
+    if (had_spawn_failure() || failures_of(call::PIPE) > 0) {
+        return;  // documented: the job that met it never ends
+    }
+    if (!is_busy()) {
+        idle_since = 0;
+        if (sd.closure.top != sd.closure.slots - 1) {
+            violation("no job runs and its stack is not empty");
+        }
+        return;
+    }
+    if (live_children() > 0) {
+        idle_since = 0;
+        return;
+    }
+    if (idle_since == 0) {
+        idle_since = now_ns();
+    } else if (now_ns() - idle_since > JOB_PAUSE_NS) {
+        violation("a job runs and waits for nothing");
+    }
+}
+
+void check_workers() {
+    if (requested.empty() || lost_workers() > 0) {
+        return;
+    }
+    for (const auto& [ts, since] : requested) {
+        if (now_ns() - since > WORKER_PATIENCE_NS) {
+            violation("clip %u was to be deleted and nobody has tried", ts);
+        }
+    }
+}
+
+}  // namespace
+
+void changed() {
+    changed_at = now_ns();
+    is_judged = false;
+}
+
+void check_iteration() {
+    if (sd.state == SDCARD_UNKNOWN) {
+        return;
+    }
+    check_job();
+    check_workers();
+    if (sd.state != last_state) {
+        note("state: %d to %d", last_state, sd.state);
+        if ((sd.state == SDCARD_FORMATTING || sd.state == SDCARD_FIXING || sd.state == SDCARD_EJECTING) && !is_busy()) {
+            violation("the state is %d and no job runs", sd.state);
+        }
+        last_state = sd.state;
+        is_judged = false;
+    }
+    if (is_judged || is_busy() || !is_known || now_ns() - changed_at < SETTLED_NS || is_failing_forever() ||
+        had_spawn_failure() || failures_of(call::PIPE) > 0) {
+        return;
+    }
+    check_state();
+    check_keys();
+    is_judged = is_link_up() && now_ns() - link_changed_ns() >= SETTLED_NS;
+}
+
+void check_exit() {
+    if (ev_is_active(&sd.refresh_timer) || ev_is_active(&sd.info_timer) || ev_is_active(&sd.speed_timer) ||
+        ev_is_active(&mountpoint_get_manager()->refresh_timer) ||
+        ev_is_active(&mountpoint_get_manager()->mountinfo_watcher) || ev_is_active(&mmc_get_manager()->uevent_watcher)) {
+        violation("a watcher is still active at exit");
+    }
+    if (list_is_open()) {
+        violation("the list is still open at exit");
+    }
+    const bool has_job = is_busy();
+    for (const fd_kind kind : {fd_kind::NETLINK, fd_kind::MOUNTINFO, fd_kind::DISK, fd_kind::DIRECTORY, fd_kind::BUS,
+                               fd_kind::SYSTEM}) {
+        if (open_descriptors(kind) != 0) {
+            violation("descriptors are still open at exit:%s", list_descriptors().c_str());
+        }
+    }
+    if (!has_job && live_workers() == 0 &&
+        open_descriptors(fd_kind::PIPE_READ) + open_descriptors(fd_kind::PIPE_WRITE) + open_descriptors(fd_kind::FILE) +
+                open_streams() != 0) {
+        violation("descriptors are still open at exit:%s", list_descriptors().c_str());
+    }
+}
+
+// --- the table of block devices --------------------------------------------------------------------------------------
+
+void table_rescan() {
+    disk.reset();
+    partitions.clear();
+    is_disk_open = false;
+    if (slot != nullptr) {
+        disk = block{slot->minor(), slot->name()};
+        is_disk_open = !slot->is_write_protected;
+        for (const partition& p : slot->partitions) {
+            if (partitions.size() < 7) {
+                partitions.push_back({slot->minor() + p.number, slot->name_of(p)});
+            }
+        }
+        is_flag_set = slot->is_read_only;
+    }
+    is_known = true;
+}
+
+void table_told(const uevent& e) {
+    if (e.major != static_cast<int>(CARD_MAJOR)) {
+        return;
+    }
+    if (e.action == "add" && e.type == "disk") {
+        disk = block{e.minor, e.name};
+        is_disk_open = slot != nullptr && slot->name() == e.name && !slot->is_write_protected;
+        is_adding_disk = true;
+    } else if (e.action == "add" && e.type == "partition") {
+        if (partitions.size() < 7) {
+            partitions.push_back({e.minor, e.name});
+        }
+    } else if (e.action == "remove" && e.type == "disk") {
+        disk.reset();
+        is_disk_open = false;
+        partitions.clear();
+    } else if (e.action == "remove" && e.type == "partition") {
+        const auto at = std::find_if(partitions.begin(), partitions.end(), [&e](const block& b) { return b.minor == e.minor; });
+        if (at != partitions.end()) {
+            partitions.erase(at);
+        }
+    } else if (e.action != "add" && e.action != "remove" && e.action != "change") {
+        return;
+    }
+    is_batch_accepted = true;
+}
+
+void table_opened(std::string_view path, int errnum) {
+    if (!disk || path != "/dev/" + disk->name) {
+        return;
+    }
+    is_disk_open = errnum == 0;
+    if (is_adding_disk && is_disk_open) {
+        partitions.clear();
+    }
+    is_adding_disk = false;
+}
+
+void table_batch_ended() {
+    if (!is_batch_accepted) {
+        return;
+    }
+    is_batch_accepted = false;
+    is_ejected = false;
+    is_flag_set = is_disk_open && slot != nullptr && slot->name() == disk->name && slot->is_read_only;
+    changed();
+}
+
+void table_flag_failed() {
+    is_flag_set = true;
+}
+
+void table_ejected() {
+    is_ejected = true;
+}
+
+// --- deletions -------------------------------------------------------------------------------------------------------
+
+void clip_requested(uint32_t ts) {
+    requested.emplace(ts, now_ns());
+}
+
+void unlink_tried(uint32_t ts) {
+    requested.erase(ts);
+}
+
+namespace {
+
+uint32_t ts_of_path(const std::string& path) {
+    tm parts = {};
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos || strptime(path.substr(slash + 1, 15).c_str(), "%Y%m%d_%H%M%S", &parts) == nullptr) {
+        return 0;
+    }
+    return static_cast<uint32_t>(timegm(&parts));
+}
+
+}  // namespace
+
+void check_unlink(const std::string& path) {
+    if (path.size() > 18 && path.compare(0, 20, "ZOLTA_RECORD_MOTION/") == 0) {
+        if (path.substr(path.size() - 18) != "/motion_record_msg") {
+            violation("%s is removed", path.c_str());
+        }
+        return;
+    }
+    const uint32_t ts = ts_of_path(path);
+    if (ts == 0 || (path != clip_path(ts) + ".jpeg" && path != clip_path(ts) + ".mp4")) {
+        violation("%s is removed", path.c_str());
+    }
+    const bool is_video = path.back() == '4';
+    if (in_worker()) {
+        if (requested.count(ts) == 0) {
+            violation("clip %u is removed and nobody asked for it", ts);
+        }
+        if (is_video) {
+            unlink_tried(ts);
+        }
+        return;
+    }
+    // The loop's thread removes clips only to free space: the image first, then the video of the same clip.
+    if (is_video) {
+        if (freed_ts != ts) {
+            violation("the video of %u is removed after the image of %u", ts, freed_ts);
+        }
+        freed_ts = 0;
+        ++counted.clips_freed;
+        return;
+    }
+    freed_ts = ts;
+    const std::shared_ptr<filesystem> fs = at_mount_point();
+    if (fs->free_kib() >= FULL_KIB) {
+        violation("clip %u is deleted with %llu KiB free", ts, static_cast<unsigned long long>(fs->free_kib()));
+    }
+    if (!list_is_open()) {
+        violation("clip %u is deleted without the list", ts);
+    }
+    const clip_list& list = list_filesystem()->list;
+    for (const auto& [other, entry] : list.slots) {
+        if (entry.is_deleted) {
+            continue;
+        }
+        const bool is_protected = list.protected_ts.count(other) != 0;
+        if (other == ts) {
+            if (is_protected) {
+                violation("clip %u is protected and deleted to free space", ts);
+            }
+            return;
+        }
+        if (!is_protected) {
+            violation("clip %u is deleted before the older %u", ts, other);
+        }
+    }
+    violation("clip %u is deleted and not in the list", ts);
+}
+
+// --- what is heard ---------------------------------------------------------------------------------------------------
+
+void heard_log(const std::string& level, const std::string& text) {
+    if (level == "crit" || level == "err") {
+        for (const char* fatal : {"Can not receive message on NETLINK socket", "Too many filesystems.",
+                                  "No filesystem detected.", "fail to init mountpoint monitor",
+                                  "fail to initialize uevent."}) {
+            if (text.find(fatal) != std::string::npos) {
+                may_abort = true;
+            }
+        }
+    }
+    if (text.rfind("closure: ", 0) == 0 && text.find(" successful") != std::string::npos) {
+        ++counted.jobs_ok;
+    } else if (text.rfind("closure: ", 0) == 0 && text.find(" failed") != std::string::npos) {
+        ++counted.jobs_failed;
+    }
+}
+
+void heard_report(const std::string& event_name, const std::string& json) {
+    if (event_name != "sdcard.alert") {
+        if (event_name != "sdcard.info") {
+            violation("report %s", event_name.c_str());
+        }
+        return;
+    }
+    const size_t at = json.find("\"type\": ");
+    const int type = at != std::string::npos ? std::atoi(json.c_str() + at + 8) : 0;
+    const int which = type == 4 || type == 5 ? 0 : type == 1 ? 1 : type == 2 ? 2 : -1;
+    if (which < 0) {
+        violation("alert %s", json.c_str());
+    }
+    const auto now = static_cast<int32_t>(wall_s());
+    if (has_sent[which] && now - last_sent_s[which] < COOL_DOWN_S) {
+        violation("alert of type %d %d s after the last", type, now - last_sent_s[which]);
+    }
+    has_sent[which] = true;
+    last_sent_s[which] = now;
+    if (which == 0 && sd.state != (type == 4 ? SDCARD_BROKEN : SDCARD_NOT_EXISTS)) {
+        violation("alert of type %d in state %d", type, sd.state);
+    }
+}
+
+void check_abort() {
+    if (!may_abort) {
+        violation("the process ends where nothing says that it may");
+    }
+}
+
+}  // namespace sim
+
+extern "C" [[noreturn]] void __wrap_abort(void) {
+    sim::check_abort();
+    sim::end_of_life("an abort that is documented");
+}
+
+extern "C" [[noreturn]] void __wrap_exit(int code) {
+    if (sim::failures_of(sim::call::MALLOC) == 0) {
+        sim::violation("the process exits with %d", code);
+    }
+    sim::end_of_life("a hash table found no memory");
+}
+
+extern "C" void __wrap_perror(const char* text) {
+    sim::note("perror: %s", text);
+}

@@ -1,0 +1,35 @@
+// What must be true of the daemon, worked out from the world alone.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "world.h"
+
+namespace sim {
+
+// After each iteration of the loop.
+void check_iteration();
+
+// After main has returned.
+void check_exit();
+
+// The daemon's table of block devices as it follows from what the kernel has told it.
+void table_rescan();                                // it reads /proc/partitions
+void table_told(const uevent& e);                   // it has received this
+void table_batch_ended();                           // and nothing more waits
+void table_opened(std::string_view path, int errnum);  // it has opened a device for writing; 0: successfully
+void table_flag_failed();                           // its question for the read-only flag failed
+void table_ejected();                               // it has set the whole disk's read-only flag
+
+// Deletions.
+void check_unlink(const std::string& path_below_mount_point);
+void clip_listed(filesystem& fs, uint32_t ts, bool is_protected);
+void clip_requested(uint32_t ts);  // a remote request wants it deleted, and it is in the list
+void unlink_tried(uint32_t ts);    // by a worker
+
+void check_abort();  // is the process allowed to end here?
+void heard_log(const std::string& level, const std::string& text);
+void heard_report(const std::string& event_name, const std::string& json);
+
+}  // namespace sim
