@@ -19,22 +19,22 @@ struct descriptor {
     fd_kind kind = fd_kind::FREE;
     bool is_close_on_exec = false;
     bool is_non_blocking = false;
-    bool is_readable = false;         // BUS
-    uint64_t counter = 0;             // EVENT
-    uint64_t seen_table = 0;          // MOUNTINFO: the version that its poll has told of
+    bool is_readable = false;  // BUS
+    uint64_t counter = 0;      // EVENT
+    uint64_t seen_table = 0;   // MOUNTINFO: the version that its poll has told of
     std::shared_ptr<pipe_buffer> pipe;
-    std::shared_ptr<card> disk;       // DISK
+    std::shared_ptr<card> disk;  // DISK
     uint32_t minor = 0;
-    std::shared_ptr<filesystem> fs;   // DIRECTORY, FILE
-    std::string path;                 // of it, below the filesystem's root; of SYSTEM, as it is
-    std::string text;                 // what is read from a SYSTEM file
+    std::shared_ptr<filesystem> fs;  // DIRECTORY, FILE
+    std::string path;                // of it, below the filesystem's root; of SYSTEM, as it is
+    std::string text;                // what is read from a SYSTEM file
 };
 
 constexpr int FIRST_FD = 64;  // below are the simulator's own
 constexpr size_t PIPE_BYTES = 65536;
 
-int new_descriptor(descriptor d);               // -1 with errno when there are none left
-descriptor* get(int fd);                        // null: not one of ours
+int new_descriptor(descriptor d);  // -1 with errno when there are none left
+descriptor* get(int fd);           // null: not one of ours
 int release(int fd);
 
 extern bool in_child;  // between fork and exec, in a process of its own

@@ -67,6 +67,7 @@ std::vector<rule> rules;
 uint64_t counts[CALLS];
 uint64_t failed[CALLS];
 uint64_t failed_in_all;
+int pauses;
 
 }  // namespace
 
@@ -87,6 +88,9 @@ void stop_failing() {
 }
 
 bool must_fail(call which) {
+    if (pauses > 0) {
+        return false;
+    }
     const auto index = static_cast<int>(which);
     ++counts[index];
     for (size_t i = 0; i < rules.size(); ++i) {
@@ -106,6 +110,14 @@ bool must_fail(call which) {
         return true;
     }
     return false;
+}
+
+faults_paused::faults_paused() {
+    ++pauses;
+}
+
+faults_paused::~faults_paused() {
+    --pauses;
 }
 
 uint64_t calls_of(call which) {

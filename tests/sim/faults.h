@@ -8,10 +8,46 @@
 namespace sim {
 
 enum class call : uint8_t {
-    OPEN, OPENAT, OPENDIR, READDIR, FOPEN, ACCESS, MKDIR, RENAME, UNLINK, RMDIR, FSTAT, FSTATAT, STATFS, FCNTL,
-    READ, WRITE, PREAD, RECV, IOCTL, MOUNT, UMOUNT, UMOUNT2, SOCKET, BIND, PIPE, FORK, EVENTFD, POLL,
-    MALLOC, THREAD, EXEC,
-    KYT_OPEN, KYT_WRITE, KYT_OPTIMISE, KYT_TS2PATH, KARVEL_OPEN, KARVEL_SET, KARVEL_REGISTER, JSON_OBJECT, JSON_ARRAY,
+    OPEN,
+    OPENAT,
+    OPENDIR,
+    READDIR,
+    FOPEN,
+    ACCESS,
+    MKDIR,
+    RENAME,
+    UNLINK,
+    RMDIR,
+    FSTAT,
+    FSTATAT,
+    STATFS,
+    FCNTL,
+    READ,
+    WRITE,
+    PREAD,
+    RECV,
+    IOCTL,
+    MOUNT,
+    UMOUNT,
+    UMOUNT2,
+    SOCKET,
+    BIND,
+    PIPE,
+    FORK,
+    EVENTFD,
+    POLL,
+    MALLOC,
+    THREAD,
+    EXEC,
+    KYT_OPEN,
+    KYT_WRITE,
+    KYT_OPTIMISE,
+    KYT_TS2PATH,
+    KARVEL_OPEN,
+    KARVEL_SET,
+    KARVEL_REGISTER,
+    JSON_OBJECT,
+    JSON_ARRAY,
 };
 constexpr int CALLS = static_cast<int>(call::JSON_ARRAY) + 1;
 
@@ -24,6 +60,12 @@ void stop_failing();
 
 // Counts the call. True: it is to fail; errno is set.
 bool must_fail(call which);
+
+// While one of these lives nothing fails and nothing is counted: the simulator calls for itself.
+struct faults_paused {
+    faults_paused();
+    ~faults_paused();
+};
 
 uint64_t calls_of(call which);  // so far
 uint64_t failures();            // so far

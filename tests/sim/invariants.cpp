@@ -19,6 +19,7 @@ namespace {
 constexpr int64_t SETTLED_NS = 6 * SECOND;
 constexpr int64_t WORKER_PATIENCE_NS = 300 * SECOND;
 constexpr int64_t JOB_PAUSE_NS = 5 * SECOND;  // the longest that a job waits without a tool: half a second, and slack
+constexpr int64_t REFRESH_NS = 1810 * SECOND;
 constexpr uint64_t FULL_KIB = 40960;
 constexpr int COOL_DOWN_S = 300;
 constexpr unsigned CARD_MAJOR = 179;
@@ -33,21 +34,30 @@ struct block {
 std::optional<block> disk;
 std::vector<block> partitions;
 bool is_disk_open;
-bool is_adding_disk;   // its opening is awaited
-bool is_flag_set;      // the read-only flag, as it was at the end of the last batch
+bool is_adding_disk;  // its opening is awaited
+bool is_flag_set;     // the read-only flag, as it was at the end of the last batch
 bool is_ejected;
 bool is_batch_accepted;
-bool is_known;         // a first rescan has been
+bool is_known;  // a first rescan has been
 
 int64_t changed_at;
-bool is_judged;        // since the last change
+bool is_judged;  // since the last change
 int32_t last_state = SDCARD_UNKNOWN;
-int64_t idle_since;    // a busy frame without a tool, since when; 0: not so
+int64_t idle_since;      // a busy frame without a tool, since when; 0: not so
 int32_t last_sent_s[3];  // of the reports with a cool-down: states, slow, unmount
 bool has_sent[3];
 std::map<uint32_t, int64_t> requested;  // clips that a worker has to remove, since when
 uint32_t freed_ts;                      // the clip that is being freed
+int64_t full_since;                     // and with clips to delete; 0: not so
+bool is_clip_announced;                 // in this iteration
+uint64_t failures_at_announcement;
+uint64_t failures_while_full;
+uint64_t last_free_kib = UINT64_MAX;  // as the daemon was told since the last clip was freed
 bool may_abort;
+
+bool is_busy() {
+    return sd.closure.status == CLOSURE_BUSY;
+}
 
 std::optional<block> mounted_block() {
     const std::string text = mountinfo().substr(0, TABLE_BYTES);
@@ -77,7 +87,10 @@ bool can_be_mounted(const std::string& name) {
         return false;
     }
     const std::shared_ptr<filesystem> fs = found->part != nullptr ? found->part->fs : found->of->whole;
-    return fs != nullptr && (fs->type == "vfat" || fs->type == "exfat");
+    // What is there already is not mounted a second time.
+    const bool is_there = std::any_of(mounts.begin(), mounts.end(),
+                                      [&fs](const mounted& m) { return m.fs == fs && m.target == "/mnt/sdcard"; });
+    return fs != nullptr && !is_there && (fs->type == "vfat" || fs->type == "exfat");
 }
 
 bool is_mountable() {
@@ -119,15 +132,30 @@ int expected_state() {
     if (fs->free_kib() >= FULL_KIB) {
         return SDCARD_NORMAL;
     }
-    return has_clip_to_free(*fs) ? SDCARD_UNKNOWN : SDCARD_FULL;
+    return SDCARD_FULL;
+}
+
+// A card stays full only when nothing can be deleted. Clips that are found after the state was derived, with the list
+// opened late, wait for the next occasion: a new clip, or the refresh every half an hour.
+void check_full() {
+    const bool could_free =
+        sd.state == SDCARD_FULL && !is_busy() && expected_state() == SDCARD_FULL && has_clip_to_free(*at_mount_point());
+    if (!could_free) {
+        full_since = 0;
+    } else if (full_since == 0 || failures() != failures_while_full) {
+        full_since = now_ns();
+        failures_while_full = failures();
+    } else if (now_ns() - full_since > REFRESH_NS) {
+        violation("the card is full and has clips to delete");
+    }
+    if (could_free && is_clip_announced && failures() == failures_at_announcement) {
+        violation("the card is full after a new clip and has clips to delete");
+    }
+    is_clip_announced = false;
 }
 
 const char* rw_of(int state) {
     return state == SDCARD_NORMAL ? "rdwr" : state == SDCARD_FULL ? "rdonly" : "none";
-}
-
-bool is_busy() {
-    return sd.closure.status == CLOSURE_BUSY;
 }
 
 void check_keys() {
@@ -153,11 +181,12 @@ void check_state() {
     }
     // Descriptors: the socket, the mount table, the disk, the recordings folder.
     const int directories = open_descriptors(fd_kind::DIRECTORY);
+    const int pipes = failures_of(call::EVENTFD) > 0 ? 1 : 0;  // the loop then wakes itself through a pipe
     if (open_descriptors(fd_kind::NETLINK) != 1 || open_descriptors(fd_kind::MOUNTINFO) != 1 ||
         open_descriptors(fd_kind::DISK) != (is_disk_open ? 1 : 0) || directories > 1 ||
         (list_is_open() && directories != 1) || open_descriptors(fd_kind::FILE) != 0 ||
-        open_descriptors(fd_kind::SYSTEM) != 0 || open_descriptors(fd_kind::PIPE_READ) != 0 ||
-        open_descriptors(fd_kind::PIPE_WRITE) != 0 || open_streams() != 0) {
+        open_descriptors(fd_kind::SYSTEM) != 0 || open_descriptors(fd_kind::PIPE_READ) != pipes ||
+        open_descriptors(fd_kind::PIPE_WRITE) != pipes || open_streams() != 0) {
         violation("descriptors are left open:%s", list_descriptors().c_str());
     }
     if (list_is_open()) {
@@ -216,6 +245,9 @@ void check_iteration() {
     }
     check_job();
     check_workers();
+    if (is_clip_announced || (sd.state == SDCARD_FULL && !is_judged)) {
+        check_full();
+    }
     if (sd.state != last_state) {
         note("state: %d to %d", last_state, sd.state);
         if ((sd.state == SDCARD_FORMATTING || sd.state == SDCARD_FIXING || sd.state == SDCARD_EJECTING) && !is_busy()) {
@@ -236,22 +268,24 @@ void check_iteration() {
 void check_exit() {
     if (ev_is_active(&sd.refresh_timer) || ev_is_active(&sd.info_timer) || ev_is_active(&sd.speed_timer) ||
         ev_is_active(&mountpoint_get_manager()->refresh_timer) ||
-        ev_is_active(&mountpoint_get_manager()->mountinfo_watcher) || ev_is_active(&mmc_get_manager()->uevent_watcher)) {
+        ev_is_active(&mountpoint_get_manager()->mountinfo_watcher) ||
+        ev_is_active(&mmc_get_manager()->uevent_watcher)) {
         violation("a watcher is still active at exit");
     }
     if (list_is_open()) {
         violation("the list is still open at exit");
     }
     const bool has_job = is_busy();
-    for (const fd_kind kind : {fd_kind::NETLINK, fd_kind::MOUNTINFO, fd_kind::DISK, fd_kind::DIRECTORY, fd_kind::BUS,
-                               fd_kind::SYSTEM}) {
+    for (const fd_kind kind :
+         {fd_kind::NETLINK, fd_kind::MOUNTINFO, fd_kind::DISK, fd_kind::DIRECTORY, fd_kind::BUS, fd_kind::SYSTEM}) {
         if (open_descriptors(kind) != 0) {
             violation("descriptors are still open at exit:%s", list_descriptors().c_str());
         }
     }
     if (!has_job && live_workers() == 0 &&
         open_descriptors(fd_kind::PIPE_READ) + open_descriptors(fd_kind::PIPE_WRITE) + open_descriptors(fd_kind::FILE) +
-                open_streams() != 0) {
+                open_streams() !=
+            0) {
         violation("descriptors are still open at exit:%s", list_descriptors().c_str());
     }
 }
@@ -292,7 +326,8 @@ void table_told(const uevent& e) {
         is_disk_open = false;
         partitions.clear();
     } else if (e.action == "remove" && e.type == "partition") {
-        const auto at = std::find_if(partitions.begin(), partitions.end(), [&e](const block& b) { return b.minor == e.minor; });
+        const auto at =
+            std::find_if(partitions.begin(), partitions.end(), [&e](const block& b) { return b.minor == e.minor; });
         if (at != partitions.end()) {
             partitions.erase(at);
         }
@@ -300,6 +335,7 @@ void table_told(const uevent& e) {
         return;
     }
     is_batch_accepted = true;
+    is_known = is_known || (e.type == "disk" && e.action != "change");  // of which the table is made anew
 }
 
 void table_opened(std::string_view path, int errnum) {
@@ -323,6 +359,10 @@ void table_batch_ended() {
     changed();
 }
 
+void table_lost() {
+    is_known = false;
+}
+
 void table_flag_failed() {
     is_flag_set = true;
 }
@@ -332,6 +372,17 @@ void table_ejected() {
 }
 
 // --- deletions -------------------------------------------------------------------------------------------------------
+
+void clip_removed(const std::string& path) {
+    if (!in_worker() && path.back() == '4') {
+        last_free_kib = UINT64_MAX;  // the next one needs another look at the free space
+        ++counted.clips_freed;
+    }
+}
+
+void told_free(uint64_t kib) {
+    last_free_kib = kib;
+}
 
 void clip_requested(uint32_t ts) {
     requested.emplace(ts, now_ns());
@@ -346,7 +397,8 @@ namespace {
 uint32_t ts_of_path(const std::string& path) {
     tm parts = {};
     const size_t slash = path.rfind('/');
-    if (slash == std::string::npos || strptime(path.substr(slash + 1, 15).c_str(), "%Y%m%d_%H%M%S", &parts) == nullptr) {
+    if (slash == std::string::npos ||
+        strptime(path.substr(slash + 1, 15).c_str(), "%Y%m%d_%H%M%S", &parts) == nullptr) {
         return 0;
     }
     return static_cast<uint32_t>(timegm(&parts));
@@ -381,13 +433,11 @@ void check_unlink(const std::string& path) {
             violation("the video of %u is removed after the image of %u", ts, freed_ts);
         }
         freed_ts = 0;
-        ++counted.clips_freed;
         return;
     }
     freed_ts = ts;
-    const std::shared_ptr<filesystem> fs = at_mount_point();
-    if (fs->free_kib() >= FULL_KIB) {
-        violation("clip %u is deleted with %llu KiB free", ts, static_cast<unsigned long long>(fs->free_kib()));
+    if (last_free_kib >= FULL_KIB) {
+        violation("clip %u is deleted and the card is not known to be full", ts);
     }
     if (!list_is_open()) {
         violation("clip %u is deleted without the list", ts);
@@ -415,13 +465,17 @@ void check_unlink(const std::string& path) {
 
 void heard_log(const std::string& level, const std::string& text) {
     if (level == "crit" || level == "err") {
-        for (const char* fatal : {"Can not receive message on NETLINK socket", "Too many filesystems.",
-                                  "No filesystem detected.", "fail to init mountpoint monitor",
-                                  "fail to initialize uevent."}) {
+        for (const char* fatal :
+             {"Can not receive message on NETLINK socket", "Too many filesystems.", "No filesystem detected.",
+              "fail to init mountpoint monitor", "fail to initialize uevent.", "/proc/filesystems"}) {
             if (text.find(fatal) != std::string::npos) {
                 may_abort = true;
             }
         }
+    }
+    if (text == "refresh sdcard state due to New Record") {
+        is_clip_announced = true;
+        failures_at_announcement = failures();
     }
     if (text.rfind("closure: ", 0) == 0 && text.find(" successful") != std::string::npos) {
         ++counted.jobs_ok;
@@ -476,4 +530,5 @@ extern "C" [[noreturn]] void __wrap_exit(int code) {
 
 extern "C" void __wrap_perror(const char* text) {
     sim::note("perror: %s", text);
+    sim::heard_log("crit", text);
 }

@@ -15,15 +15,18 @@ void check_iteration();
 void check_exit();
 
 // The daemon's table of block devices as it follows from what the kernel has told it.
-void table_rescan();                                // it reads /proc/partitions
-void table_told(const uevent& e);                   // it has received this
-void table_batch_ended();                           // and nothing more waits
+void table_rescan();                                   // it reads /proc/partitions
+void table_told(const uevent& e);                      // it has received this
+void table_batch_ended();                              // and nothing more waits
 void table_opened(std::string_view path, int errnum);  // it has opened a device for writing; 0: successfully
-void table_flag_failed();                           // its question for the read-only flag failed
-void table_ejected();                               // it has set the whole disk's read-only flag
+void table_flag_failed();                              // its question for the read-only flag failed
+void table_lost();                                     // it has taken the disk for something else
+void table_ejected();                                  // it has set the whole disk's read-only flag
 
 // Deletions.
+void told_free(uint64_t kib);  // how much is free, as the daemon has just been told
 void check_unlink(const std::string& path_below_mount_point);
+void clip_removed(const std::string& path_below_mount_point);
 void clip_listed(filesystem& fs, uint32_t ts, bool is_protected);
 void clip_requested(uint32_t ts);  // a remote request wants it deleted, and it is in the list
 void unlink_tried(uint32_t ts);    // by a worker

@@ -26,6 +26,10 @@ struct options {
     bool is_twice = false;
     bool fails_calls = false;
     int max_nth = 0;
+    std::string call_name;  // one call to fail
+    uint64_t call_nth = 1;
+    int call_errno = 0;
+    bool call_forever = false;
     std::vector<size_t> places;  // of the plan's events; empty: all
     bool has_places = false;
 };
@@ -33,6 +37,7 @@ struct options {
 constexpr char USAGE[] =
     "usage: sim [--seed N] [--days D] [--seeds K] [--minutes M] [--jobs J] [--events I,J,...] [--log] [--twice]\n"
     "       sim --fail-calls [--nth N] [--minutes M] [--jobs J]\n"
+    "       sim --fail-call NAME,NTH,ERRNO,FOREVER\n"
     "  --seed N     the first seed; 1\n"
     "  --days D     the length of each life in days; 1\n"
     "  --seeds K    how many seeds; 1\n"
@@ -67,6 +72,15 @@ bool parse(int argc, char** argv, options* o) {
             o->jobs = std::max(1, atoi(argv[++i]));
         } else if (name == "--nth") {
             o->max_nth = atoi(argv[++i]);
+        } else if (name == "--fail-call") {
+            char call_name[64];
+            int forever = 0;
+            if (sscanf(argv[++i], "%63[^,],%" SCNu64 ",%d,%d", call_name, &o->call_nth, &o->call_errno, &forever) !=
+                4) {
+                return false;
+            }
+            o->call_name = call_name;
+            o->call_forever = forever != 0;
         } else if (name == "--events") {
             o->has_places = true;
             for (char* at = strtok(argv[++i], ","); at != nullptr; at = strtok(nullptr, ",")) {
@@ -140,12 +154,14 @@ struct sum {
         counts.judgements += o.counts.judgements;
     }
     void print(double seconds) const {
-        fprintf(stdout, "%" PRIu64 " lives, %.1f days in %.0f s; %" PRIu64 " events, %" PRIu64 " injected failures, %" PRIu64
-               " iterations of the loop, %" PRIu64 " judgements of the state\n",
-               lives, days, seconds, counts.events, counts.failures, counts.iterations, counts.judgements);
-        fprintf(stdout, "%" PRIu64 " jobs succeeded, %" PRIu64 " failed; %" PRIu64 " clips freed; %" PRIu64
-               " lives ended early where documented; %" PRIu64 " violations\n",
-               counts.jobs_ok, counts.jobs_failed, counts.clips_freed, documented, violations);
+        fprintf(stdout,
+                "%" PRIu64 " lives, %.1f days in %.0f s; %" PRIu64 " events, %" PRIu64 " injected failures, %" PRIu64
+                " iterations of the loop, %" PRIu64 " judgements of the state\n",
+                lives, days, seconds, counts.events, counts.failures, counts.iterations, counts.judgements);
+        fprintf(stdout,
+                "%" PRIu64 " jobs succeeded, %" PRIu64 " failed; %" PRIu64 " clips freed; %" PRIu64
+                " lives ended early where documented; %" PRIu64 " violations\n",
+                counts.jobs_ok, counts.jobs_failed, counts.clips_freed, documented, violations);
         fflush(stdout);
     }
 };
@@ -160,9 +176,7 @@ int run_seeds(const options& o) {
     std::deque<running> lives;
     sum total;
     uint64_t next = o.seed;
-    const auto wants_more = [&] {
-        return o.minutes > 0 ? elapsed_s() < o.minutes * 60 : next < o.seed + o.seeds;
-    };
+    const auto wants_more = [&] { return o.minutes > 0 ? elapsed_s() < o.minutes * 60 : next < o.seed + o.seeds; };
     int failures_shown = 0;
     while (wants_more() || !lives.empty()) {
         while (wants_more() && lives.size() < static_cast<size_t>(o.is_loud ? 1 : o.jobs)) {
@@ -176,6 +190,8 @@ int run_seeds(const options& o) {
         total.add(seen);
         if (seen.what == verdict::VIOLATION && failures_shown++ < 3) {
             report_failure(o, r.t, seen);
+        } else if (seen.what == verdict::VIOLATION) {
+            fprintf(stdout, "seed %" PRIu64 ": VIOLATION: %s\n", r.t.seed, seen.reason);
         }
         if (o.is_twice && seen.what != verdict::VIOLATION) {
             const outcome again = run(r.t);
@@ -186,10 +202,10 @@ int run_seeds(const options& o) {
         }
         if (o.seeds == 1 && o.minutes == 0) {
             fprintf(stdout, "seed %" PRIu64 ": %s %s log %016" PRIx64 "\n", r.t.seed,
-                   seen.what == verdict::GOOD             ? "good"
-                   : seen.what == verdict::DOCUMENTED_END ? "ended early:"
-                                                          : "VIOLATION:",
-                   seen.reason, seen.counts.log_hash);
+                    seen.what == verdict::GOOD             ? "good"
+                    : seen.what == verdict::DOCUMENTED_END ? "ended early:"
+                                                           : "VIOLATION:",
+                    seen.reason, seen.counts.log_hash);
         }
     }
     total.print(elapsed_s());
@@ -207,6 +223,9 @@ int main(int argc, char** argv) {
     // One backend for every machine, and the one whose calls the simulator answers.
     setenv("LIBEV_FLAGS", "2", 1);
     setenv("TZ", "UTC", 1);
+    if (!o.call_name.empty()) {
+        return fail_one_call(o.call_name, o.call_nth, o.call_errno, o.call_forever) ? 0 : 1;
+    }
     if (o.fails_calls) {
         return fail_every_call(o.jobs, o.max_nth, o.minutes) ? 0 : 1;
     }

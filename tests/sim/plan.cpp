@@ -18,12 +18,12 @@ struct rate {
 };
 
 constexpr rate RATES[KINDS] = {
-    {kind::CLIP, "clip", 900, 95},      {kind::FILL, "fill", 40, 60},     {kind::RELEASE, "release", 40, 60},
-    {kind::INSERT, "insert", 60, 100},  {kind::PULL, "pull", 20, 80},     {kind::SWAP, "swap", 10, 60},
+    {kind::CLIP, "clip", 900, 95},       {kind::FILL, "fill", 40, 60},     {kind::RELEASE, "release", 40, 60},
+    {kind::INSERT, "insert", 60, 100},   {kind::PULL, "pull", 20, 80},     {kind::SWAP, "swap", 10, 60},
     {kind::REQUEST, "request", 150, 90}, {kind::CLOCK, "clock", 10, 40},   {kind::BROKER, "broker", 20, 50},
-    {kind::NOTICE, "notice", 20, 40},   {kind::UEVENT, "uevent", 60, 60}, {kind::MOUNT, "mount", 20, 40},
-    {kind::HOLD, "hold", 20, 60},       {kind::CARD, "card", 30, 60},     {kind::TOOL, "tool", 20, 60},
-    {kind::LIST, "list", 10, 40},       {kind::FAIL, "fail", 40, 40},     {kind::SIGNAL, "sigterm", 0, 0},
+    {kind::NOTICE, "notice", 20, 40},    {kind::UEVENT, "uevent", 60, 60}, {kind::MOUNT, "mount", 20, 40},
+    {kind::HOLD, "hold", 20, 60},        {kind::CARD, "card", 30, 60},     {kind::TOOL, "tool", 20, 60},
+    {kind::LIST, "list", 10, 40},        {kind::FAIL, "fail", 100, 50},    {kind::SIGNAL, "sigterm", 0, 0},
 };
 
 constexpr int64_t DAY_MS = 86'400'000;

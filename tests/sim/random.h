@@ -6,7 +6,7 @@
 namespace sim {
 
 class random {
- public:
+  public:
     explicit random(uint64_t seed) : state_(seed) {}
 
     uint64_t next() {
@@ -20,7 +20,7 @@ class random {
     uint32_t below(uint32_t n) { return static_cast<uint32_t>((next() >> 32) % n); }
     bool percent(uint32_t p) { return below(100) < p; }
 
- private:
+  private:
     uint64_t state_;
 };
 

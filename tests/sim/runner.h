@@ -13,6 +13,7 @@ struct task {
     double days = 1;
     std::vector<event> plan;
     bool is_loud = false;
+    bool is_mute = false;  // not even a crash is told about
     void (*prepare)(void*) = nullptr;
     void* context = nullptr;
 };
@@ -36,5 +37,8 @@ std::vector<size_t> shrink(const task& failing, const outcome& seen, int max_run
 
 // Fails every call in turn. True: no violation. Prints its own figures.
 bool fail_every_call(int jobs, int max_nth, double max_minutes);
+
+// One of them again, with its whole log.
+bool fail_one_call(const std::string& name, uint64_t nth, int errnum, bool forever);
 
 }  // namespace sim

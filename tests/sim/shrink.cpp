@@ -1,4 +1,5 @@
-// Makes a failing life short: leaves out events, first many at once, then fewer, as long as it still fails the same way.
+// Makes a failing life short: leaves out events, first many at once, then fewer, as long as it still fails the same
+// way.
 #include <algorithm>
 #include <cctype>
 #include <cstring>
@@ -29,6 +30,7 @@ std::vector<size_t> shrink(const task& failing, const outcome& seen, int max_run
     const auto fails = [&](const std::vector<size_t>& places) {
         task t = failing;
         t.is_loud = false;
+        t.is_mute = true;
         t.plan.clear();
         for (const size_t place : places) {
             t.plan.push_back(failing.plan[place]);

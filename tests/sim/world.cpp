@@ -18,7 +18,7 @@ figures counted;
 
 namespace {
 
-constexpr int64_t START_NS = 100 * SECOND;        // a camera has been up for a while when its daemons start
+constexpr int64_t START_NS = 100 * SECOND;  // a camera has been up for a while when its daemons start
 constexpr int64_t START_WALL_S = 1'790'000'000;
 constexpr size_t TAIL_LINES = 60;
 
@@ -70,6 +70,9 @@ void write_all(int fd, const void* data, size_t size) {
     counted.failures = failures();
     counted.simulated_ms = (the_time_ns - START_NS) / MS;
     result.counts = counted;
+    for (int i = 0; i < CALLS; ++i) {
+        result.calls[i] = calls_of(static_cast<call>(i));
+    }
     snprintf(result.reason, sizeof result.reason, "%s", reason);
     size_t used = 0;
     for (const std::string& line : tail) {
@@ -161,7 +164,8 @@ void run_due() {
     }
     is_running_due = true;
     for (;;) {
-        const int64_t planned = plan_position < current.plan->size() ? plan_ns((*current.plan)[plan_position]) : INT64_MAX;
+        const int64_t planned =
+            plan_position < current.plan->size() ? plan_ns((*current.plan)[plan_position]) : INT64_MAX;
         const int64_t agreed = agenda.empty() ? INT64_MAX : agenda.front().at_ns;
         if (std::min(planned, agreed) > the_time_ns) {
             break;

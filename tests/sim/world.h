@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "faults.h"
 #include "kyt.h"
 #include "plan.h"
 #include "random.h"
@@ -39,8 +40,8 @@ void changed();
 
 // --- time ------------------------------------------------------------------------------------------------------------
 
-int64_t now_ns();    // since the camera was switched on
-int64_t wall_s();    // since 1970, by the camera's clock
+int64_t now_ns();  // since the camera was switched on
+int64_t wall_s();  // since 1970, by the camera's clock
 void set_wall(int64_t seconds_ahead);
 
 // What a call costs: time passes, and what is due happens meanwhile.
@@ -106,12 +107,12 @@ struct partition {
 
 struct card {
     uint32_t serial = 0;
-    uint32_t index = 0;               // of mmcblk<index>
+    uint32_t index = 0;  // of mmcblk<index>
     bool is_in = false;
     bool is_write_protected = false;  // by its switch: no opening for writing
     bool is_read_only = false;        // the kernel's flag
     bool is_slow = false;
-    int64_t node_ready_ns = 0;        // when /dev/mmcblk<index> can be opened
+    int64_t node_ready_ns = 0;  // when /dev/mmcblk<index> can be opened
     uint64_t total_kib = 0;
     std::vector<partition> partitions;
     std::shared_ptr<filesystem> whole;  // without a partition table
@@ -138,20 +139,20 @@ struct uevent {
     std::string type;
 };
 
-extern std::shared_ptr<card> slot;      // the card in it, or null
-extern std::vector<mounted> mounts;     // in the kernel's order
+extern std::shared_ptr<card> slot;   // the card in it, or null
+extern std::vector<mounted> mounts;  // in the kernel's order
 extern uint64_t mounts_version;
 void mounts_changed();
-extern int64_t held_until_ns;           // somebody has files of the card open until then
+extern int64_t held_until_ns;  // somebody has files of the card open until then
 
 void insert_card(uint32_t what, uint32_t order);
 void pull_card(uint32_t order);
-void say(const uevent& e);              // the kernel's word to who listens
+void say(const uevent& e);  // the kernel's word to who listens
 void say_raw(std::string datagram);
 void odd_uevent(uint32_t a);
 void foreign_mount(uint32_t a);
 void change_card(uint32_t a);
-void after_fdisk(bool lies);            // a new table with one empty partition
+void after_fdisk(bool lies);  // a new table with one empty partition
 void after_mkfs(std::string_view device, bool lies);
 const std::string& mountinfo();
 
@@ -164,7 +165,19 @@ std::optional<device> find_device(std::string_view path);
 
 // --- descriptors (world_calls.cpp) -----------------------------------------------------------------------------------
 
-enum class fd_kind : uint8_t { FREE, EVENT, PIPE_READ, PIPE_WRITE, NETLINK, MOUNTINFO, DISK, DIRECTORY, FILE, SYSTEM, BUS };
+enum class fd_kind : uint8_t {
+    FREE,
+    EVENT,
+    PIPE_READ,
+    PIPE_WRITE,
+    NETLINK,
+    MOUNTINFO,
+    DISK,
+    DIRECTORY,
+    FILE,
+    SYSTEM,
+    BUS
+};
 int open_descriptors(fd_kind kind);
 std::string list_descriptors();
 int open_streams();  // directories and files with buffers
@@ -185,7 +198,7 @@ int live_workers();
 bool in_worker();
 void yield_worker();  // between two calls of a worker
 bool had_spawn_failure();
-int lost_workers();   // threads that could not be created
+int lost_workers();  // threads that could not be created
 
 // --- the configuration service, actions and reports (world_service.cpp) ----------------------------------------------
 
@@ -232,8 +245,8 @@ struct life {
     const std::vector<event>* plan;
     uint64_t seed;
     double days;
-    bool is_loud;         // every line of the log to standard output
-    int result_fd;        // where the verdict goes
+    bool is_loud;            // every line of the log to standard output
+    int result_fd;           // where the verdict goes
     void (*prepare)(void*);  // null, or what is done before the daemon starts
     void* context;
 };
@@ -247,6 +260,7 @@ enum class verdict : uint8_t { GOOD, DOCUMENTED_END, VIOLATION };
 struct outcome {
     verdict what;
     figures counts;
+    uint64_t calls[CALLS];  // how often each was made
     char reason[400];
     char tail[6000];  // the last lines of the log
 };

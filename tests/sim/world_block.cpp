@@ -15,6 +15,9 @@ uint64_t mounts_version = 1;
 
 namespace {
 
+constexpr char NO_ACTION[] = "add@/devices/x\0MAJOR=179\0MINOR=1\0DEVNAME=mmcblk0p1\0DEVTYPE=partition";
+constexpr char NO_SENSE[] = "\0\0\0=\0==";
+
 constexpr int64_t NODE_APPEARS_NS = 900 * MS;  // after the kernel has announced the disk
 
 uint32_t serial;
@@ -101,9 +104,8 @@ std::shared_ptr<card> make_card(uint32_t what) {
 // The number is free again only when nobody uses the old disk any more.
 uint32_t free_index() {
     for (uint32_t index = 0;; ++index) {
-        const bool is_used = std::any_of(mounts.begin(), mounts.end(), [index](const mounted& m) {
-            return m.from->index == index;
-        });
+        const bool is_used =
+            std::any_of(mounts.begin(), mounts.end(), [index](const mounted& m) { return m.from->index == index; });
         if (!is_used) {
             return index;
         }
@@ -206,7 +208,7 @@ void odd_uevent(uint32_t a) {
             say_raw("change@/devices/x");
             break;
         case 6:
-            say_raw(std::string("add@/devices/x\0MAJOR=179\0MINOR=1\0DEVNAME=mmcblk0p1\0DEVTYPE=partition\0", 76));
+            say_raw({NO_ACTION, sizeof NO_ACTION});
             break;
         case 7: {  // longer than anybody reads
             std::string text = "change@/devices/y";
@@ -224,7 +226,7 @@ void odd_uevent(uint32_t a) {
             say({"add", 8, 1, "sda1", "partition"});
             break;
         case 10:
-            say_raw(std::string("\0\0\0=\0==\0", 8));
+            say_raw({NO_SENSE, sizeof NO_SENSE});
             break;
         case 11:  // the socket ran over: what was in it is lost. Rare, because it ends the daemon.
             if ((a >> 4) % 400 == 0) {

@@ -206,7 +206,8 @@ short readiness(int fd, short events) {
             revents = static_cast<short>((d->counter > 0 ? POLLIN : 0) | POLLOUT);
             break;
         case fd_kind::PIPE_READ:
-            revents = static_cast<short>((!d->pipe->bytes.empty() ? POLLIN : 0) | (d->pipe->writers == 0 ? POLLHUP : 0));
+            revents =
+                static_cast<short>((!d->pipe->bytes.empty() ? POLLIN : 0) | (d->pipe->writers == 0 ? POLLHUP : 0));
             break;
         case fd_kind::PIPE_WRITE:
             revents = static_cast<short>((d->pipe->bytes.size() < PIPE_BYTES ? POLLOUT : 0) |
@@ -454,10 +455,15 @@ int __wrap_fclose(FILE* file) {
 
 int __wrap_access(const char* path, int mode) {
     spend(CALL_NS);
+    const std::string_view name = path;
     if (must_fail(call::ACCESS)) {
+        if (!is_on_card(name)) {
+            const int errnum = errno;
+            table_lost();
+            errno = errnum;
+        }
         return -1;
     }
-    const std::string_view name = path;
     if (!is_on_card(name)) {
         std::string text;
         return is_system_directory(name) || system_file(name, &text) ? 0 : refuse(ENOENT);
@@ -535,6 +541,7 @@ int __wrap_unlink(const char* path) {
     }
     note("world: %s removed", name.c_str());
     (void)remove_file(*fs, name);
+    clip_removed(name);
     return 0;
 }
 
@@ -604,8 +611,7 @@ int __wrap_fstatat64(int at, const char* path, struct stat* buffer, int) {
     buffer->st_mtime = found->mtime_s;
     return 0;
 }
-int __wrap_fstatat(int at, const char* path, struct stat* buffer, int flags)
-    __attribute__((alias("__wrap_fstatat64")));
+int __wrap_fstatat(int at, const char* path, struct stat* buffer, int flags) __attribute__((alias("__wrap_fstatat64")));
 
 int __wrap_statfs64(const char* path, struct statfs* buffer) {
     spend(CALL_NS);
@@ -619,6 +625,7 @@ int __wrap_statfs64(const char* path, struct statfs* buffer) {
     if (fs->statfs_errno != 0) {
         return refuse(fs->statfs_errno);
     }
+    told_free(fs->free_kib());
     *buffer = {};
     buffer->f_type = 0x4d44;
     buffer->f_bsize = 1024;
@@ -676,7 +683,9 @@ ssize_t __wrap_read(int fd, void* buffer, size_t size) {
     if (must_fail(call::READ)) {
         return -1;
     }
-    std::string* bytes = d->kind == fd_kind::SYSTEM ? &d->text : d->kind == fd_kind::PIPE_READ ? &d->pipe->bytes : nullptr;
+    std::string* bytes = d->kind == fd_kind::SYSTEM      ? &d->text
+                         : d->kind == fd_kind::PIPE_READ ? &d->pipe->bytes
+                                                         : nullptr;
     if (bytes == nullptr) {
         violation("read from descriptor %d", fd);
     }

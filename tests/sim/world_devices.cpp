@@ -134,8 +134,7 @@ int __wrap_mount(const char* path, const char* target, const char* type, unsigne
             return refuse(EBUSY);
         }
     }
-    mounts.push_back(
-        {found->of, found->of->minor() + (found->part != nullptr ? found->part->number : 0), target, fs});
+    mounts.push_back({found->of, found->of->minor() + (found->part != nullptr ? found->part->number : 0), target, fs});
     note("world: %s mounted", path);
     mounts_changed();
     return 0;
@@ -187,6 +186,8 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
             const int errnum = errno;
             table_flag_failed();
             errno = errnum;
+        } else if (request == BLKROSET && is_whole) {
+            table_ejected();  // asked for, which is all that is looked at
         }
         return -1;
     }

@@ -22,6 +22,7 @@ constexpr size_t FDISK_SCRIPT_BYTES = 17;
 constexpr char FDISK_SCRIPT[] = "o\nn\np\n1\n\n\nt\nc\nw\n";
 constexpr pid_t FIRST_PID = 5000;
 constexpr int NOT_FOUND = 99;
+constexpr int64_t PATIENCE_NS = 420 * SECOND;  // of somebody with a tool that hangs
 
 enum tool : uint8_t { FDISK, MKFS, FSCK, FUSER, TOOLS };
 enum class manner : uint8_t { GOOD, FAILS, KILLED, HANGS, LIES, MISSING, CHATTERS, STOPS };
@@ -82,7 +83,7 @@ void end_child(const std::shared_ptr<child>& c, int status) {
 
 int fdisk_end(const child& c, manner how) {
     if (c.argv.size() != 2 || c.input == nullptr || c.input->bytes != std::string(FDISK_SCRIPT, FDISK_SCRIPT_BYTES)) {
-        // Its script may be on the way still, when the write was made to fail.
+        // A write that was made to fail is not repeated.
         if (failures_of(call::WRITE) == 0) {
             violation("fdisk was given %zu bytes", c.input != nullptr ? c.input->bytes.size() : 0);
         }
@@ -145,6 +146,22 @@ int work_of(const child& c, manner how) {
     return 1;
 }
 
+// A tool does its work when it has all of its input, and waits for that as long as somebody has patience with it.
+void work(const std::shared_ptr<child>& c, manner how, int64_t patience_ns) {
+    const bool is_waiting = c->input != nullptr && c->input->writers > 0 && c->input->bytes.size() < FDISK_SCRIPT_BYTES;
+    if (is_waiting && patience_ns > 0) {
+        later(50 * MS, [c, how, patience_ns] { work(c, how, patience_ns - 50 * MS); });
+        return;
+    }
+    if (is_waiting) {
+        end_child(c, SIGKILL);
+        return;
+    }
+    const int code = work_of(*c, how);
+    // The kernel's events come before the tool is through.
+    later(20 * MS, [c, code] { end_child(c, code << 8); });
+}
+
 void start(const std::shared_ptr<child>& c) {
     if (c->exit_code != 0) {
         for (manner& m : manners) {  // somebody brings the missing one back
@@ -165,7 +182,7 @@ void start(const std::shared_ptr<child>& c) {
             later(takes_ns / 2, [c] { end_child(c, SIGKILL); });
             break;
         case manner::HANGS:  // until somebody loses patience with it
-            later(7 * 60 * SECOND, [c] { end_child(c, SIGKILL); });
+            later(PATIENCE_NS, [c] { end_child(c, SIGKILL); });
             break;
         case manner::STOPS:  // and goes on: nothing that ends the run
             later(takes_ns / 2, [c] {
@@ -174,11 +191,7 @@ void start(const std::shared_ptr<child>& c) {
             });
             [[fallthrough]];
         default:
-            later(takes_ns, [c, how] {
-                const int code = work_of(*c, how);
-                // The kernel's events come before the tool is through.
-                later(20 * MS, [c, code] { end_child(c, code << 8); });
-            });
+            later(takes_ns, [c, how] { work(c, how, PATIENCE_NS); });
             break;
     }
 }

@@ -131,9 +131,8 @@ void on_readable(struct ev_loop*, ev_io* watcher, int) {
     while (!handle->is_closed && !handle->deliveries.empty()) {
         delivery d = std::move(handle->deliveries.front());
         handle->deliveries.pop_front();
-        const bool is_request = d.response.error == 0 && d.response.name_space == "mem" &&
-                                d.response.value && d.response.value->substr(0, 5) == "start" &&
-                                d.response.key.substr(0, 5) == "spec_";
+        const bool is_request = d.response.error == 0 && d.response.name_space == "mem" && d.response.value &&
+                                d.response.value->substr(0, 5) == "start" && d.response.key.substr(0, 5) == "spec_";
         if (d.response.error == 0 && d.response.key == "sdcard_kyt" && d.response.value) {
             heard_announcement(*d.response.value);
         }
@@ -292,11 +291,17 @@ void act(const char* name, const std::string& parameters, const std::vector<uint
                 }
             }
         }
-        json_object* params = json_tokener_parse(parameters.c_str());
-        json_object* reply = __real_json_object_new_object();
+        json_object* params;
+        json_object* reply;
+        {
+            const faults_paused pause;
+            params = json_tokener_parse(parameters.c_str());
+            reply = json_object_new_object();
+        }
         const int state = sdcard_get_state();
         const bool is_array = json_object_is_type(params, json_type_array) != 0;
         const int32_t code = row->handler(nullptr, params, reply);
+        const faults_paused pause;
         note("answer: %d %s", code, json_object_to_json_string(reply));
         if (strcmp(name, "sd_storge") == 0) {
             check_storage(code, state, reply);
@@ -309,6 +314,11 @@ void act(const char* name, const std::string& parameters, const std::vector<uint
             }
         } else if (code != 0 && code != (strcmp(name, "sd_format") == 0 ? -2003 : -2002)) {
             violation("%s answers %d", name, code);
+        }
+        if (deletes && code != 0) {
+            for (const uint32_t ts : timestamps) {
+                unlink_tried(ts);  // nobody will
+            }
         }
         json_object_put(params);
         json_object_put(reply);
@@ -624,10 +634,8 @@ karvel_xpair* xresponse_parse(karvel_response* response, int* error) {
     if (response->error != 0) {
         return nullptr;
     }
-    const auto* name =
-        new karvel_xname{response->name_space.c_str(), response->group.c_str(), response->key.c_str()};
-    const auto* value =
-        response->value ? new karvel_xvalue{response->value->data(), response->value->size()} : nullptr;
+    const auto* name = new karvel_xname{response->name_space.c_str(), response->group.c_str(), response->key.c_str()};
+    const auto* value = response->value ? new karvel_xvalue{response->value->data(), response->value->size()} : nullptr;
     ++pairs;
     return new karvel_xpair{name, value};
 }
@@ -675,6 +683,7 @@ int rand_range(int a, int b) {
 }
 
 int report_stat_object(const char* event_name, json_object* object) {
+    const faults_paused pause;
     const std::string text = json_object_to_json_string(object);
     note("report: %s %s", event_name, text.c_str());
     heard_report(event_name, text);
