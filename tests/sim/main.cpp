@@ -49,6 +49,39 @@ constexpr char USAGE[] =
     "  --fail-calls every call that can fail, made to fail\n"
     "  --nth N      of each call only the first N\n";
 
+// An option that has a value. False: there is no such option, or no such value.
+bool take(const std::string& name, char* value, options* o) {
+    if (name == "--seed") {
+        o->seed = strtoull(value, nullptr, 10);
+    } else if (name == "--days") {
+        o->days = strtod(value, nullptr);
+    } else if (name == "--seeds") {
+        o->seeds = strtoull(value, nullptr, 10);
+    } else if (name == "--minutes") {
+        o->minutes = strtod(value, nullptr);
+    } else if (name == "--jobs") {
+        o->jobs = std::max(1, static_cast<int>(strtol(value, nullptr, 10)));
+    } else if (name == "--nth") {
+        o->max_nth = static_cast<int>(strtol(value, nullptr, 10));
+    } else if (name == "--fail-call") {
+        char call_name[64];
+        int forever = 0;
+        if (sscanf(value, "%63[^,],%" SCNu64 ",%d,%d", call_name, &o->call_nth, &o->call_errno, &forever) != 4) {
+            return false;
+        }
+        o->call_name = call_name;
+        o->call_forever = forever != 0;
+    } else if (name == "--events") {
+        o->has_places = true;
+        for (char* at = strtok(value, ","); at != nullptr; at = strtok(nullptr, ",")) {
+            o->places.push_back(strtoull(at, nullptr, 10));
+        }
+    } else {
+        return false;
+    }
+    return true;
+}
+
 bool parse(int argc, char** argv, options* o) {
     for (int i = 1; i < argc; ++i) {
         const std::string name = argv[i];
@@ -58,35 +91,7 @@ bool parse(int argc, char** argv, options* o) {
             o->is_twice = true;
         } else if (name == "--fail-calls") {
             o->fails_calls = true;
-        } else if (i + 1 == argc) {
-            return false;
-        } else if (name == "--seed") {
-            o->seed = strtoull(argv[++i], nullptr, 10);
-        } else if (name == "--days") {
-            o->days = strtod(argv[++i], nullptr);
-        } else if (name == "--seeds") {
-            o->seeds = strtoull(argv[++i], nullptr, 10);
-        } else if (name == "--minutes") {
-            o->minutes = strtod(argv[++i], nullptr);
-        } else if (name == "--jobs") {
-            o->jobs = std::max(1, atoi(argv[++i]));
-        } else if (name == "--nth") {
-            o->max_nth = atoi(argv[++i]);
-        } else if (name == "--fail-call") {
-            char call_name[64];
-            int forever = 0;
-            if (sscanf(argv[++i], "%63[^,],%" SCNu64 ",%d,%d", call_name, &o->call_nth, &o->call_errno, &forever) !=
-                4) {
-                return false;
-            }
-            o->call_name = call_name;
-            o->call_forever = forever != 0;
-        } else if (name == "--events") {
-            o->has_places = true;
-            for (char* at = strtok(argv[++i], ","); at != nullptr; at = strtok(nullptr, ",")) {
-                o->places.push_back(strtoull(at, nullptr, 10));
-            }
-        } else {
+        } else if (++i == argc || !take(name, argv[i], o)) {
             return false;
         }
     }

@@ -54,7 +54,7 @@ void fill_with_clips(filesystem& fs, uint32_t what) {
 std::shared_ptr<card> make_card(uint32_t what) {
     auto made = std::make_shared<card>();
     made->serial = ++serial;
-    made->total_kib = (600 + what % 1500) * 1024;
+    made->total_kib = (600 + what % 1500) * uint64_t{1024};
     const auto whole = [&] { return make_filesystem(made->total_kib - 2048); };
     switch (what % 16) {
         case 0:  // no partition table

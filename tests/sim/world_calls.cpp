@@ -214,8 +214,6 @@ short readiness(int fd, short events) {
                                          (d->pipe->readers == 0 ? POLLERR : 0));
             break;
         case fd_kind::NETLINK:
-            revents = d->is_readable ? POLLIN : 0;
-            break;
         case fd_kind::BUS:
             revents = d->is_readable ? POLLIN : 0;
             break;

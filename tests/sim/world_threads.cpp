@@ -18,7 +18,7 @@ static void __sanitizer_finish_switch_fiber(void*, const void**, size_t*) {}
 namespace sim {
 namespace {
 
-constexpr size_t STACK_BYTES = 256 * 1024;
+constexpr size_t STACK_BYTES = size_t{256} * 1024;
 constexpr int64_t SLICE_NS = 300'000;
 
 struct worker {
