@@ -12,6 +12,7 @@ struct kyt_handle {
     kyt::array<kyt_record> copy;    // a read-only handle's records
     int file = 0;                   // index into the keeper's files
     uint32_t asked_bytes = 0;       // the capacity at which the keeper was last woken to grow the file
+    uint32_t expected = 0;          // the slot behind the last one that was got; may be any number
     uint8_t round = 0;              // counts comparisons of folder and list, modulo 256
     bool taken = true;              // the last comparison's results are in the list
     bool compared = false;          // a complete comparison has been: the next field counts

@@ -334,10 +334,19 @@ KYT_API int kyt_optimise(kyt_handle* h) {
 }
 
 KYT_API kyt_record* kyt_get(kyt_handle* h, uint32_t ts) {
-    const uint32_t slot_number = h ? list_find(h->order, ts) : list::NONE;
+    if (!h) {
+        return nullptr;
+    }
+    // Whoever names many clips mostly names them as they lie, so the slot behind the last one is looked at before
+    // anything is searched: a ts is in one slot at most.
+    uint32_t slot_number = h->expected;
+    if (slot_number >= h->order.count || h->order.at[slot_number].ts != ts) {
+        slot_number = list_find(h->order, ts);
+    }
     if (slot_number == list::NONE || !is_live(h->order.at[slot_number])) {
         return nullptr;
     }
+    h->expected = slot_number + 1;
     if (h->keeper) {
         changed(h);  // it is about to be
     }

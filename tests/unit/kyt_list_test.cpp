@@ -138,6 +138,23 @@ TEST_F(KytList, RandomOperationsAgreeWithAModel) {
     }
 }
 
+TEST_F(KytList, AClipIsFoundWhateverWasFoundBeforeIt) {
+    open();
+    for (const uint32_t second : {10, 20, 30, 60, 40, 50, 70}) {  // two that come late
+        const kyt_record record = record_of(std::to_string(BASE + second));
+        ASSERT_EQ(kyt_write(list, &record), 0);
+    }
+    ASSERT_EQ(kyt_mark_deleted(list, kyt_get(list, BASE + 30)), 0);
+    for (uint32_t before = 0; before <= 80; before += 10) {
+        for (uint32_t second = 5; second <= 80; second += 5) {
+            (void)kyt_get(list, BASE + before);
+            const kyt_record* const found = kyt_get(list, BASE + second);
+            const bool is_there = second % 10 == 0 && second != 30 && second != 80;
+            ASSERT_EQ(found ? found->ts : 0, is_there ? BASE + second : 0) << before;
+        }
+    }
+}
+
 TEST_F(KytList, PointersStayGoodWhileTheFileGrows) {
     open();
     std::vector<kyt_record*> pointers;
