@@ -6,7 +6,8 @@
 #include <stddef.h>
 
 // Told about a notification of a registered key: value is `length` bytes of any kind with a NUL behind them, valid only
-// during the call, or null with length 0 when the notification carries none. Loop thread, once for every notification, never from kv_register.
+// during the call, or null with length 0 when the notification carries none. Loop thread, once for every notification,
+// never from kv_register.
 using kv_callback = void (*)(void* context, const char* value, size_t length);
 
 // Prepares the watchers and opens the link; while the service is away it is tried every second. Always 0.
