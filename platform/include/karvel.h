@@ -74,8 +74,8 @@ struct karvel_xname {
     const char* key;
 };
 
-// A value: bytes of any kind, in a pair with a NUL behind them that does not count. Owned by the pair or the response it
-// came from.
+// A value: bytes of any kind, in a pair with a NUL behind them that does not count. Owned by the pair or the response
+// it came from.
 struct karvel_xvalue {
     const char* data;
     size_t length;
