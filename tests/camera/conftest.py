@@ -6,6 +6,7 @@ import json
 import subprocess
 import sys
 import time
+import warnings
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from pathlib import Path
@@ -50,7 +51,9 @@ def camera(_shared_camera: Camera, request: pytest.FixtureRequest) -> Camera:
     if camera.running:
         try:
             reset(camera)
-        except (CameraError, ConnectionError):
+        except (CameraError, ConnectionError) as error:
+            # Told in the summary, so that what one scenario does to the camera is not hidden from whoever looks.
+            warnings.warn(f"the camera had to be started again: {error!r}\n{camera.log()[-1500:]}", stacklevel=1)
             camera.close()
     if not camera.running:
         camera.close()
