@@ -72,10 +72,10 @@ void next_partprobe(closure_frame* frame, void*) {
     } else if (mmc->partition_count != 1) {
         // Looked at once, as it stands: nothing here waits for an event. The kernel has told of the partition while
         // fdisk still ran, so that it is in the socket by now; but the loop handles a child's exit before everything
-        // else that is pending, that socket included. On a camera that gave fdisk and not the daemon the processor in
-        // between, the format of a blank card therefore ends here, with a count of 0 (bench/format_order says how
-        // often). The table on the card is good and its partition known a moment later: whoever wanted the format asks
-        // for it again. The events of the re-read just asked for come later still, and to the same partition.
+        // else that is pending, that socket included. Where the kernel gave the processor to fdisk and not to the
+        // daemon in between, the format therefore ends here, with a count of 0: seldom (docs/measurements.md). The
+        // table on the card is good and its partition known a moment later; whoever wanted the format asks for it
+        // again. The events of the re-read just asked for come later still, and to the same partition.
         code = EINVAL;
         cl_mkfs_err("Unexpected partition count: %d.", static_cast<int>(mmc->partition_count));
     } else {
