@@ -150,11 +150,13 @@ def test_busy_while_the_card_is_formatted(camera: Camera, card: MakeCard) -> Non
 def test_delete_takes_clips_and_their_files(camera: Camera, card: MakeCard) -> None:
     insert_normal(camera, card("fat"))
     times = record(camera, 8)
-    # Among what exists: what does not, twice the same, text, beyond 32 bits, and what is no clip at all.
-    assert code(camera, "deleteVideo", [times[0], 5, None, str(times[2]), times[4] + (1 << 32), times[4], "x", [times[6]]]) == 0
-    kept = [times[i] for i in (1, 3, 5, 6, 7)]
+    # Among what exists: what does not, text, twice the same, what is no clip at all, below 0, beyond 32 and 64 bits.
+    request = [times[0], 5, None, str(times[2]), times[4] + (1 << 32), times[4], "x", [times[6]], -1, (1 << 64) + times[6],
+               -(1 << 70), times[7] - (1 << 32)]
+    assert code(camera, "deleteVideo", request) == 0
+    kept = [times[i] for i in (1, 3, 5, 6)]
     assert clips(camera) == kept
-    wait_until(lambda: no_files_of(camera, [times[i] for i in (0, 2, 4)]), 20, "the files to go")
+    wait_until(lambda: no_files_of(camera, [times[i] for i in (0, 2, 4, 7)]), 20, "the files to go")
     assert len(files(camera)) == 2 * len(kept)
 
 
