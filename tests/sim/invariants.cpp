@@ -21,7 +21,6 @@ constexpr int64_t WORKER_PATIENCE_NS = 300 * SECOND;
 constexpr int64_t JOB_PAUSE_NS = 5 * SECOND;  // the longest that a job waits without a tool: half a second, and slack
 constexpr int64_t REFRESH_NS = 1810 * SECOND;
 constexpr uint64_t FULL_KIB = 40960;
-constexpr int COOL_DOWN_S = 300;
 constexpr unsigned CARD_MAJOR = 179;
 constexpr size_t TABLE_BYTES = 4095;  // of the mount table that the daemon looks at
 
@@ -43,9 +42,7 @@ bool is_known;  // a first rescan has been
 int64_t changed_at;
 bool is_judged;  // since the last change
 int32_t last_state = SDCARD_UNKNOWN;
-int64_t idle_since;      // a busy frame without a tool, since when; 0: not so
-int32_t last_sent_s[3];  // of the reports with a cool-down: states, slow, unmount
-bool has_sent[3];
+int64_t idle_since;                     // a busy frame without a tool, since when; 0: not so
 std::map<uint32_t, int64_t> requested;  // clips that a worker has to remove, since when
 uint32_t freed_ts;                      // the clip that is being freed
 int64_t full_since;                     // and with clips to delete; 0: not so
@@ -240,6 +237,7 @@ void changed() {
 }
 
 void check_iteration() {
+    loop_sleeps();
     if (sd.state == SDCARD_UNKNOWN) {
         return;
     }
@@ -325,6 +323,7 @@ void table_told(const uevent& e) {
         disk.reset();
         is_disk_open = false;
         partitions.clear();
+        speed_forgotten();
     } else if (e.action == "remove" && e.type == "partition") {
         const auto at =
             std::find_if(partitions.begin(), partitions.end(), [&e](const block& b) { return b.minor == e.minor; });
@@ -473,6 +472,9 @@ void heard_log(const std::string& level, const std::string& text) {
             }
         }
     }
+    if (text.rfind("ev_run: ", 0) == 0) {
+        heard_slow_loop(text);
+    }
     if (text == "refresh sdcard state due to New Record") {
         is_clip_announced = true;
         failures_at_announcement = failures();
@@ -481,30 +483,6 @@ void heard_log(const std::string& level, const std::string& text) {
         ++counted.jobs_ok;
     } else if (text.rfind("closure: ", 0) == 0 && text.find(" failed") != std::string::npos) {
         ++counted.jobs_failed;
-    }
-}
-
-void heard_report(const std::string& event_name, const std::string& json) {
-    if (event_name != "sdcard.alert") {
-        if (event_name != "sdcard.info") {
-            violation("report %s", event_name.c_str());
-        }
-        return;
-    }
-    const size_t at = json.find("\"type\": ");
-    const int type = at != std::string::npos ? std::atoi(json.c_str() + at + 8) : 0;
-    const int which = type == 4 || type == 5 ? 0 : type == 1 ? 1 : type == 2 ? 2 : -1;
-    if (which < 0) {
-        violation("alert %s", json.c_str());
-    }
-    const auto now = static_cast<int32_t>(wall_s());
-    if (has_sent[which] && now - last_sent_s[which] < COOL_DOWN_S) {
-        violation("alert of type %d %d s after the last", type, now - last_sent_s[which]);
-    }
-    has_sent[which] = true;
-    last_sent_s[which] = now;
-    if (which == 0 && sd.state != (type == 4 ? SDCARD_BROKEN : SDCARD_NOT_EXISTS)) {
-        violation("alert of type %d in state %d", type, sd.state);
     }
 }
 

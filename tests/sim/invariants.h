@@ -33,6 +33,15 @@ void unlink_tried(uint32_t ts);    // by a worker
 
 void check_abort();  // is the process allowed to end here?
 void heard_log(const std::string& level, const std::string& text);
+// The write speed: the daemon has looked at the disk's statistics, or the disk has gone.
+void speed_sampled(bool is_read);
+void speed_forgotten();
+
+// One turn of the loop, and what its watchdog says of it.
+void loop_woke();
+void loop_sleeps();
+void heard_slow_loop(const std::string& text);
+
 void heard_report(const std::string& event_name, const std::string& json);
 
 }  // namespace sim

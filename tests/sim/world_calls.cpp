@@ -425,12 +425,22 @@ int __wrap_closedir(DIR* directory) {
 }
 
 FILE* __wrap_fopen64(const char* path, const char*) {
+    const bool is_speed = strncmp(path, "/sys/block/", 11) == 0;
     spend(CALL_NS);
     if (must_fail(call::FOPEN)) {
+        if (is_speed) {
+            const int errnum = errno;
+            speed_sampled(false);
+            errno = errnum;
+        }
         return nullptr;
     }
     auto text = std::make_unique<std::string>();
-    if (!system_file(path, text.get())) {
+    const bool is_there = system_file(path, text.get());
+    if (is_speed) {
+        speed_sampled(is_there);
+    }
+    if (!is_there) {
         errno = ENOENT;
         return nullptr;
     }
@@ -806,6 +816,7 @@ int __wrap_poll(pollfd* fds, nfds_t count, int timeout_ms) {
             ready += fds[i].revents != 0 ? 1 : 0;
         }
         if (ready > 0 || now_ns() >= deadline) {
+            loop_woke();
             return ready;
         }
         jump_to(std::min(deadline, next_due_ns()));

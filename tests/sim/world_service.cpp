@@ -82,6 +82,7 @@ uint32_t next_id = 1;
 int64_t link_changed_at;
 int pairs;
 
+bool has_run;  // the loop is broken
 int action_fd = -1;
 ev_io action_watcher;
 const remote_action* action_rows;
@@ -555,6 +556,9 @@ void libkarvel_close(karvel_handle* handle) {
     if (handle == nullptr || handle->is_closed) {
         return;
     }
+    if (has_run && open_descriptors(fd_kind::NETLINK) != 0) {
+        violation("the link goes before the card manager");
+    }
     handle->is_closed = true;
     handle->deliveries.clear();
     handle->sets.clear();
@@ -667,10 +671,15 @@ int app_init(const vesk_app_descriptor* descriptor, int, char**) {
 
 int app_run(void) {
     ev_run(EV_DEFAULT, 0);
+    has_run = true;
     return 0;
 }
 
 void app_fini(void) {
+    // The last of all.
+    if (live_handle() != nullptr || list_is_open() || open_descriptors(fd_kind::NETLINK) != 0) {
+        violation("the framework goes before the link, the list or the uevents");
+    }
     ev_io_stop(EV_DEFAULT, &action_watcher);
     close_bus(action_fd);
     if (pairs != 0) {
