@@ -43,7 +43,13 @@ int64_t changed_at;
 bool is_judged;  // since the last change
 int32_t last_state = SDCARD_UNKNOWN;
 int64_t idle_since;                     // a busy frame without a tool, since when; 0: not so
-std::map<uint32_t, int64_t> requested;  // clips that a worker has to remove, since when
+// Clips that workers have to remove: in how many batches, since when. A clip whose batch waits comes back with the next
+// opening of the list, and may be asked for again.
+struct request_of_clip {
+    int batches;
+    int64_t since_ns;
+};
+std::map<uint32_t, request_of_clip> requested;
 uint32_t freed_ts;                      // the clip that is being freed
 int64_t full_since;                     // and with clips to delete; 0: not so
 bool is_clip_announced;                 // in this iteration
@@ -222,8 +228,8 @@ void check_workers() {
     if (requested.empty() || lost_workers() > 0) {
         return;
     }
-    for (const auto& [ts, since] : requested) {
-        if (now_ns() - since > WORKER_PATIENCE_NS) {
+    for (const auto& [ts, request] : requested) {
+        if (now_ns() - request.since_ns > WORKER_PATIENCE_NS) {
             violation("clip %u was to be deleted and nobody has tried", ts);
         }
     }
@@ -384,11 +390,16 @@ void told_free(uint64_t kib) {
 }
 
 void clip_requested(uint32_t ts) {
-    requested.emplace(ts, now_ns());
+    request_of_clip& request = requested[ts];
+    ++request.batches;
+    request.since_ns = now_ns();
 }
 
 void unlink_tried(uint32_t ts) {
-    requested.erase(ts);
+    const auto request = requested.find(ts);
+    if (request != requested.end() && --request->second.batches <= 0) {
+        requested.erase(request);
+    }
 }
 
 namespace {

@@ -638,6 +638,7 @@ TEST_F(cl_execvp, child_that_prints_without_end_waits_to_be_killed) {
     start_read("exec cat /dev/zero", buffer, sizeof buffer);
     turn_until("it is full", [] { return logged::has(OVERFLOWN); });
     EXPECT_EQ(ended, 0);
+    ASSERT_GT(child_started->pid, 0) << "-1 would be everybody's";
     kill(child_started->pid, SIGKILL);
     EXPECT_EQ(outcome(), "3 -1");
     EXPECT_EQ(logged::lines(),
