@@ -104,7 +104,7 @@ void on_notify(karvel_response* response, void*) {
     karvel_xpair* pair = xresponse_parse(response, &error);
     if (error == 0 && pair->second == nullptr) {
         if (++watched == 2) {
-            request_in(0.0);
+            request_in(PING_S);  // there may have been an answer just now
         }
     } else if (error == 0 && strcmp(pair->first->key, request_key) == 0) {
         on_request_key(*pair->second);
