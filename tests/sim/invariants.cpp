@@ -42,7 +42,7 @@ bool is_known;  // a first rescan has been
 int64_t changed_at;
 bool is_judged;  // since the last change
 int32_t last_state = SDCARD_UNKNOWN;
-int64_t idle_since;                     // a busy frame without a tool, since when; 0: not so
+int64_t idle_since;  // a busy frame without a tool, since when; 0: not so
 // Clips that workers have to remove: in how many batches, since when. A clip whose batch waits comes back with the next
 // opening of the list, and may be asked for again.
 struct request_of_clip {
@@ -50,9 +50,9 @@ struct request_of_clip {
     int64_t since_ns;
 };
 std::map<uint32_t, request_of_clip> requested;
-uint32_t freed_ts;                      // the clip that is being freed
-int64_t full_since;                     // and with clips to delete; 0: not so
-bool is_clip_announced;                 // in this iteration
+uint32_t freed_ts;       // the clip that is being freed
+int64_t full_since;      // and with clips to delete; 0: not so
+bool is_clip_announced;  // in this iteration
 uint64_t failures_at_announcement;
 uint64_t failures_while_full;
 uint64_t last_free_kib = UINT64_MAX;  // as the daemon was told since the last clip was freed

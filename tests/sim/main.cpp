@@ -12,8 +12,8 @@
 
 using namespace sim;
 
-// A life that runs wild is to end by itself, not with the machine. The daemon's memory is accounted for by the simulator;
-// what it leaves to the end of the process is documented.
+// A life that runs wild is to end by itself, not with the machine. The daemon's memory is accounted for by the
+// simulator; what it leaves to the end of the process is documented.
 extern "C" const char* __asan_default_options() {
     return "hard_rss_limit_mb=1000:detect_leaks=0";
 }
