@@ -116,6 +116,9 @@ void Broker::kill() {
 }
 
 void Broker::freeze() {
+    if (pid_ <= 0) {
+        die("freeze: no broker");  // -1 would be everybody's
+    }
     int status = 0;
     ::kill(pid_, SIGSTOP);
     if (waitpid(pid_, &status, WUNTRACED) != pid_ || !WIFSTOPPED(status)) {
@@ -124,6 +127,9 @@ void Broker::freeze() {
 }
 
 void Broker::go_on() {
+    if (pid_ <= 0) {
+        die("go on: no broker");
+    }
     ::kill(pid_, SIGCONT);
 }
 
