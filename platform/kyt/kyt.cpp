@@ -358,6 +358,9 @@ KYT_API kyt_record* kyt_next(kyt_handle* h, const kyt_record* prev) {
         return nullptr;
     }
     const uint32_t from = prev ? static_cast<uint32_t>(prev - h->order.at) : list::NONE;
+    if (prev && list_is_plain_behind(h->order, from)) {
+        return from + 1 < h->order.count ? h->order.at + from + 1 : nullptr;
+    }
     const uint32_t slot_number = list_next(h->order, from);
     return slot_number == list::NONE ? nullptr : h->order.at + slot_number;
 }

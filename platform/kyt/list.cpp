@@ -89,6 +89,7 @@ void step(const list& l, uint32_t slot, uint32_t* main, uint32_t* stray) {
 }
 
 void remember_dead(list* l, uint32_t slot) {
+    l->live_from = std::max(l->live_from, slot + 1);
     array<slots>& runs = l->dead_runs;
     const uint32_t end = to_main(*l, slot + 1);
     const uint32_t next = run_at(runs, slot);
@@ -175,7 +176,7 @@ bool list_load(list* l, kyt_record* at, uint32_t count) {
 
 void list_clear(list* l) {
     l->at = nullptr;
-    l->count = l->live = l->first_stray = 0;
+    l->count = l->live = l->first_stray = l->live_from = 0;
     l->last_main = list::NONE;
     l->strays.clear();
     l->stray_runs.clear();

@@ -31,6 +31,7 @@ struct list {
     uint32_t count = 0;        // used slots
     uint32_t live = 0;         // of them: live records
     uint32_t last_main = NONE;
+    uint32_t live_from = 0;  // no slot from here on is deleted, so that a walk need not look at their checks
 
     array<uint32_t> strays;    // slots, ascending by ts
     uint32_t first_stray = 0;  // in strays: all before it are deleted
@@ -42,6 +43,7 @@ struct list {
         std::swap(count, other.count);
         std::swap(live, other.live);
         std::swap(last_main, other.last_main);
+        std::swap(live_from, other.live_from);
         std::swap(first_stray, other.first_stray);
         strays.swap(other.strays);
         stray_runs.swap(other.stray_runs);
@@ -59,7 +61,12 @@ uint32_t list_find(const list& l, uint32_t ts);
 // The live slot with the lowest ts above that of `slot` (NONE: the lowest of all), or NONE.
 uint32_t list_next(const list& l, uint32_t slot);
 
-// The same with tombstones, for copying a whole list in order.
+// Whether what follows `slot` is simply the next slot, or the end: so it is for nearly all of a list that is in order.
+inline bool list_is_plain_behind(const list& l, uint32_t slot) {
+    return slot + 1 >= l.live_from && l.strays.size == 0;
+}
+
+// What list_next gives, with tombstones, for copying a whole list in order.
 uint32_t list_next_any(const list& l, uint32_t slot);
 
 // Appends in slot `count`, which must exist; the record's ts must be in no slot. False: out of memory, nothing changed.

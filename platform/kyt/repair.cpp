@@ -68,6 +68,7 @@ struct repair {
     int list = -1;            // which of the files is the list
     bool damaged = false;     // something in it was destroyed, or there was something but no list
     bool cut = false;         // fewer or more slots than it was left with
+    int rival = -1;           // beside a list: a file whose header does not say what it is, but with records
     bool other_card = false;  // the list was made on another card: believed only where a clip is on this one
     bool complete = false;    // the folder was read whole, without an error
     bool as_it_was = false;   // on a full card
@@ -173,8 +174,12 @@ bool merge(repair* r) {
         }
         clip += on_card ? 1 : 0;
         const uint32_t ts = c.record.ts;
-        while (at < r->candidates.size && r->candidates[at].record.ts == ts) {
-            ++at;
+        for (++at; at < r->candidates.size && r->candidates[at].record.ts == ts; ++at) {
+            // Nobody knows which of two files is the newer one: rather a mark too many than one too few.
+            if (r->rival >= 0 && on_card && r->result.size > 0 && r->result[r->result.size - 1].ts == ts) {
+                kyt_record& kept = r->result[r->result.size - 1];
+                kept.flags = static_cast<uint8_t>(kept.flags | r->candidates[at].record.flags);
+            }
         }
     }
     if (r->result.size > MAX_RECORDS) {
@@ -220,7 +225,8 @@ bool must_be_set_aside(const repair& r, int file) {
     }
     // Beside a list, the other file is a copy in the making or the list's predecessor: it may go. An unreadable page
     // keeps its place on the card, so that no clip is written there.
-    return l.failure != 0 || l.unreadable > 0 || (r.list < 0 && !is_list(l) && !(l.header == header_kind::INTACT));
+    return l.failure != 0 || l.unreadable > 0 || file == r.rival ||
+           (r.list < 0 && !is_list(l) && !(l.header == header_kind::INTACT));
 }
 
 void drop_file(repair* r, int file) {
@@ -347,6 +353,18 @@ int take_file(repair* r, ready_file* ready) {
     return 0;
 }
 
+// The name for the new list. What lies there goes first; the other file stays until the new list is sealed, so that a
+// power cut in between finds it: it is the one that says more.
+int name_for_new(const repair& r) {
+    if (r.list >= 0 && r.rival < 0) {
+        return 1 - r.list;
+    }
+    if (r.files[0].failure == ENOENT || r.files[1].failure == ENOENT) {
+        return r.files[0].failure == ENOENT ? 0 : 1;
+    }
+    return r.files[0].records.size < r.files[1].records.size ? 0 : 1;
+}
+
 // Writes the result under the free name and lets it take the place of what there was.
 int replace_files(repair* r, ready_file* ready) {
     uint32_t generation = 1;
@@ -355,7 +373,7 @@ int replace_files(repair* r, ready_file* ready) {
             generation = std::max(generation, l.head.generation + 1);
         }
     }
-    const int name = r->list == 0 ? 1 : 0;
+    const int name = name_for_new(*r);
     drop_file(r, name);
     if (write_anew(r, name, generation, ready) < 0) {
         if (errno != ENOSPC) {
@@ -394,6 +412,15 @@ int prepare_list(int folder, ready_file* ready) {
     r.cut = l && (l->odd_size || (closed && l->used != l->head.records));
     r.damaged = l ? l->destroyed > 0 || l->unreadable > 0 || r.cut
                   : r.files[0].failure != ENOENT || r.files[1].failure != ENOENT;
+    // A list's predecessor comes back when its end was not on the card yet. Beside it, a file with a damaged header may
+    // be the true list: the clips decide.
+    for (int file = 0; l && file < 2; ++file) {
+        const loaded& other = r.files[file];
+        if (file != r.list && other.failure == 0 && other.header == header_kind::DAMAGED && other.records.size > 0) {
+            r.rival = file;
+            r.damaged = true;
+        }
+    }
     const uint32_t card = card_of(folder);
     r.other_card = l && l->head.card != 0 && card != 0 && l->head.card != card;
     bool ok = true;

@@ -398,6 +398,24 @@ TEST_F(KytDamage, ACopyInTheMakingAndAPredecessorAreRemoved) {
     close(copy);
 }
 
+// The power went before the end of a list's predecessor was on the card, and a sector of noise hit the list's header:
+// the predecessor looks like the list, and is not.
+TEST_F(KytDamage, APredecessorThatIsBackDoesNotPushTheListAside) {
+    kyt_handle* const list = kyt::open_folder(card.path().c_str());
+    kyt_get(list, ts_of(1))->flags = KYT_PERSISTENT;
+    for (uint32_t i = 0; i < 3; ++i) {
+        card.add_clip(ts_of(CLIPS + i));
+        const kyt_record record = record_of(std::to_string(ts_of(CLIPS + i)) + ",60,1");
+        ASSERT_EQ(kyt_write(list, &record), 0);
+    }
+    kyt_close(list);
+    card.set_bytes("KYT_B.LST", std::string(512, '\x5A') + card.bytes("KYT_A.LST").substr(512));
+    card.set_bytes("KYT_A.LST", whole);
+    EXPECT_EQ(open_and_check(CLIPS + 3), ALL_MARKS + 4);
+    EXPECT_TRUE(card.has("KYT_BAD0.LST"));
+    EXPECT_TRUE(logged_part("KYT_B.LST was no list: KYT_B.LST is set aside as KYT_BAD0.LST, 703 records now"));
+}
+
 TEST_F(KytDamage, EveryCallThatCanFailMayFailDuringTheOpen) {
     for (const int errnum : {EIO, ENOSPC}) {
         for (const char* state : {"closed", "open", "zeros", "missing"}) {
