@@ -292,7 +292,6 @@ TEST_F(MainTest, SigtermDoesNotWaitForAJobsChild) {
         EXPECT_EQ(run_main(), 0);
         EXPECT_EQ(called, WHOLE_RUN);
         ASSERT_GT(job, 0) << "no child was started, and -1 would be everybody's";
-        ASSERT_GT(job, 0) << "-1 would be everybody's";
         kill(job, SIGKILL);
         waitpid(job, nullptr, 0);
     });

@@ -276,6 +276,7 @@ TEST_F(Actions, TheLastWillSpeaksForAProcessThatDied) {
         app_run();
         _exit(0);
     }
+    ASSERT_GT(pid, 0);
     watch("vesk/#");
     EXPECT_TRUE(wait_for(STATUS, 1));
     kill(pid, SIGKILL);
