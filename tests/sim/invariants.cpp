@@ -376,6 +376,12 @@ void table_ejected() {
     is_ejected = true;
 }
 
+void check_mount() {
+    if (is_known && (is_ejected || (is_flag_set && !is_batch_accepted))) {
+        violation("a card is mounted that is known to be read-only");
+    }
+}
+
 // --- deletions -------------------------------------------------------------------------------------------------------
 
 void clip_removed(const std::string& path) {

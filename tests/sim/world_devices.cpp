@@ -126,8 +126,9 @@ int __wrap_mount(const char* path, const char* target, const char* type, unsigne
     if (fs == nullptr || fs->type != type) {
         return refuse(EINVAL);
     }
+    check_mount();
     if (found->of->is_read_only || found->of->is_write_protected) {
-        violation("a read-only card is mounted");
+        return refuse(EACCES);
     }
     for (const mounted& m : mounts) {
         if (m.fs == fs && m.target == target) {
