@@ -182,6 +182,17 @@ def test_an_ejected_card_is_taken_out_without_an_alert(camera: Camera, card: Mak
     assert reports.names == ["sdcard.info", "sdcard.info"]
 
 
+def test_a_card_that_is_held(camera: Camera, card: MakeCard, reports: Reports) -> None:
+    insert_normal(camera, card("fat"))
+    holder = camera.spawn("exec sleep 600 > /mnt/sdcard/held")
+    wait_until(lambda: camera.run("test -e /mnt/sdcard/held").code == 0, 20, "the holder")
+    camera.publish("vesk/vesk_sdcard/action/sd_umount", "{}")
+    held = reports.wait("sdcard.alert", deadline=120)
+    camera.check(f"kill {holder}")
+    assert list(held.items())[:2] == [("type", 2), ("fuser", ["sleep"])]
+    camera.wait_state("eject", 60)
+
+
 def test_reports_wait_for_a_broker_that_is_away(camera: Camera, card: MakeCard, reports: Reports) -> None:
     made = card("fat")
     insert_normal(camera, made)
