@@ -804,6 +804,9 @@ int __wrap_poll(pollfd* fds, nfds_t count, int timeout_ms) {
     check_iteration();
     ++counted.iterations;
     if (must_fail(call::POLL)) {
+        const int errnum = errno;
+        loop_woke();
+        errno = errnum;
         return -1;
     }
     spend(CALL_NS);  // no loop turns round in no time
