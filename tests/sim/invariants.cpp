@@ -376,7 +376,16 @@ void table_ejected() {
     is_ejected = true;
 }
 
+void check_list_opened() {
+    if (is_busy()) {
+        violation("the list is opened while a job has the card");
+    }
+}
+
 void check_mount() {
+    if (live_children() > 0) {
+        violation("the card is mounted while a tool works on it");
+    }
     if (is_known && (is_ejected || (is_flag_set && !is_batch_accepted))) {
         violation("a card is mounted that is known to be read-only");
     }

@@ -23,6 +23,7 @@ void table_flag_failed();                              // its question for the r
 void table_lost();                                     // it has taken the disk for something else
 void table_ejected();                                  // it has set the whole disk's read-only flag
 
+void check_list_opened();
 void check_mount();  // the daemon mounts: is it a card that it knows to be writable?
 
 // Deletions.

@@ -1,6 +1,7 @@
 // What must be true of alerts, the daily report, the write speed and the watchdog: each worked out a second time.
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include "faults.h"
 #include "invariants.h"
@@ -42,6 +43,11 @@ bool heard_watchdog;
 // Has the daemon's function called, and judges what it sent. own: members between the type and the count.
 template <typename function>
 void judge(cool_down& slot, int type, const std::string& own, function call_it) {
+    // A clock is set at the worst of times: such that the last alert is just not, or just, long enough ago.
+    if (slot.last_sent_s != 0 && chance().percent(20)) {
+        constexpr int32_t AGO_S[] = {COOL_DOWN_S - 1, COOL_DOWN_S, COOL_DOWN_S + 1, 0, -1};
+        set_wall(slot.last_sent_s + AGO_S[chance().below(std::size(AGO_S))] - wall_s());
+    }
     const auto now = static_cast<int32_t>(wall_s());
     const auto since = static_cast<int32_t>(static_cast<uint32_t>(now) - static_cast<uint32_t>(slot.last_sent_s));
     const uint64_t failures_before = failures();

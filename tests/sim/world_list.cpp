@@ -98,6 +98,7 @@ using namespace sim;
 extern "C" {
 
 kyt_handle* kyt_open_rdwr(void) {
+    check_list_opened();
     spend(30 * MS);
     if (must_fail(call::KYT_OPEN)) {
         return nullptr;
