@@ -42,7 +42,8 @@ void* open_environment(const char* folder) {
     std::snprintf(e->path, sizeof e->path, "%s/clips.lmdb", folder);
     MDB_txn* making = nullptr;
     if (!good(mdb_env_create(&e->env)) || !good(mdb_env_set_mapsize(e->env, MAP_BYTES)) ||
-        !good(mdb_env_open(e->env, e->path, MDB_NOSUBDIR | MDB_NOTLS, 0644)) || !good(mdb_txn_begin(e->env, nullptr, 0, &making)) ||
+        !good(mdb_env_open(e->env, e->path, MDB_NOSUBDIR | MDB_NOTLS, 0644)) ||
+        !good(mdb_txn_begin(e->env, nullptr, 0, &making)) ||
         !good(mdb_dbi_open(making, nullptr, MDB_INTEGERKEY, &e->db)) || !good(mdb_txn_commit(making)) ||
         !good(mdb_txn_begin(e->env, nullptr, MDB_RDONLY, &e->reading))) {
         close_environment(e);
