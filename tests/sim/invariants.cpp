@@ -501,6 +501,9 @@ void heard_log(const std::string& level, const std::string& text) {
     if (text.rfind("ev_run: ", 0) == 0) {
         heard_slow_loop(text);
     }
+    if (text.rfind("refresh sdcard state", 0) == 0 && is_busy()) {
+        violation("the state is refreshed while a job owns it");
+    }
     if (text == "refresh sdcard state due to New Record") {
         is_clip_announced = true;
         failures_at_announcement = failures();

@@ -284,11 +284,13 @@ void act(const char* name, const std::string& parameters, const std::vector<uint
         }
         note("request: %s %s", name, parameters.c_str());
         const bool deletes = strncmp(name, "delete", 6) == 0;
+        std::vector<uint32_t> listed;
         if (deletes && list_is_open()) {
             for (const uint32_t ts : timestamps) {
                 const auto at = list_filesystem()->list.slots.find(ts);
                 if (at != list_filesystem()->list.slots.end() && !at->second.is_deleted) {
                     clip_requested(ts);
+                    listed.push_back(ts);
                 }
             }
         }
@@ -316,8 +318,8 @@ void act(const char* name, const std::string& parameters, const std::vector<uint
         } else if (code != 0 && code != (strcmp(name, "sd_format") == 0 ? -2003 : -2002)) {
             violation("%s answers %d", name, code);
         }
-        if (deletes && code != 0) {
-            for (const uint32_t ts : timestamps) {
+        if (code != 0) {
+            for (const uint32_t ts : listed) {
                 unlink_tried(ts);  // nobody will
             }
         }
