@@ -133,9 +133,10 @@ void speed_sampled(bool is_read) {
 
 void heard_slow_loop(const std::string& text) {
     char expected[96];
+    const auto seconds = now_ns() / SECOND - batch_began_ns / SECOND;
+    const auto rest_ns = now_ns() % SECOND - batch_began_ns % SECOND;
     snprintf(expected, sizeof expected, "ev_run: loop takes too long time: %5.3lf s",
-             static_cast<double>(now_ns() / SECOND - batch_began_ns / SECOND) +
-                 static_cast<double>(now_ns() % SECOND - batch_began_ns % SECOND) / 1e9);
+             static_cast<double>(seconds) + static_cast<double>(rest_ns) / 1e9);
     heard_watchdog = true;
     if (text != expected) {
         violation("the watchdog says %s instead of %s", text.c_str(), expected);
