@@ -4,6 +4,7 @@
 // the first failure of a chain reaches its bottom unchanged.
 #include "closure.h"
 
+#include <bit>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -23,7 +24,7 @@ __attribute__((format(printf, 1, 2))) void closure_debug(const char* format, ...
 
 // Never followed. Formed as a number, because there is no such address for C++ to count down to.
 closure_slot* closure_empty(closure_frame* frame) {
-    return reinterpret_cast<closure_slot*>(reinterpret_cast<uintptr_t>(frame->slots) - sizeof(closure_slot));
+    return std::bit_cast<closure_slot*>(std::bit_cast<uintptr_t>(&frame->slots[0]) - sizeof(closure_slot));
 }
 
 void closure_init(closure_frame* frame, sdcard_manager* owner) {
