@@ -15,7 +15,8 @@ LOG_LINES = 9
 Piece = tuple[str, str]
 Line = list[Piece]
 
-KEYS = [("i", "insert"), ("p", "pull"), ("s", "swap"), ("r", "record"), ("f", "fill"), ("w", "slow"), ("q", "quit")]
+KEYS = [[("i", "insert"), ("p", "pull"), ("s", "swap"), ("r", "record"), ("f", "fill"), ("w", "slow"), ("q", "quit")],
+        [("m", "format"), ("e", "eject"), ("h", "hold busy"), ("v", "protect"), ("d", "delete")]]
 
 # style -> (ANSI sequence, colour in the picture, bold)
 STYLES = {
@@ -42,11 +43,13 @@ class Snapshot:
     access: str = "none"  # "rdwr", "rdonly" or "none", as published
     card: str = ""  # what is in the slot, in words
     slow: bool = False
+    held: bool = False  # a program keeps a file of the card open
     total_bytes: int | None = None
     free_bytes: int | None = None
     clips: int | None = None
     oldest: str = ""
     newest: str = ""
+    alert: str = ""  # the last one, in words
     doing: str = ""  # what the last key started
     log: list[str] = dataclasses.field(default_factory=list)
 
@@ -94,7 +97,8 @@ def frame(shot: Snapshot) -> list[Line]:
     lines.append([("╭", "dim"), (title, "bold"), ("─" * (WIDTH - 3 - len(title) - len(up)), "dim"), (up, ""), ("─╮", "dim")])
     slot = shot.card or "empty"
     boxed([("card    ", "dim"), ("● " + shot.state, STATE_STYLE.get(shot.state, "")), (f"   {shot.access}", ""),
-           ("   slot: ", "dim"), (slot, ""), ("   slowed down", "warn") if shot.slow else ("", "")])
+           ("   slot: ", "dim"), (slot, ""), ("   slowed down", "warn") if shot.slow else ("", ""),
+           ("   held", "warn") if shot.held else ("", "")])
     if shot.total_bytes is not None and shot.free_bytes is not None:
         text = f" {size(shot.free_bytes)} free of {size(shot.total_bytes)}"
         boxed([("space   ", "dim"), *bar(shot.free_bytes, shot.total_bytes, inner - 8 - len(text)), (text, "")])
@@ -104,16 +108,18 @@ def frame(shot: Snapshot) -> list[Line]:
         boxed([("clips   ", "dim"), (str(shot.clips), "bold"), (f"   {shot.oldest} to {shot.newest}", "")])
     else:
         boxed([("clips   ", "dim"), ("-" if shot.clips is None else "0", "dim")])
+    boxed([("alert   ", "dim"), (shot.alert or "-", "warn" if shot.alert else "dim")])
     boxed([("doing   ", "dim"), (shot.doing or "-", "" if shot.doing else "dim")])
     lines.append([("├─ log " + "─" * (WIDTH - 8) + "┤", "dim")])
     for text in (shot.log[-LOG_LINES:] + [""] * LOG_LINES)[:LOG_LINES]:
         style = "warn" if "warn" in text[:12] else "bad" if any(word in text[:12] for word in ("err", "crit")) else ""
         boxed([(text, style)])
     lines.append([("╰" + "─" * (WIDTH - 2) + "╯", "dim")])
-    keys: Line = [(" ", "")]
-    for key, word in KEYS:
-        keys += [(f" {key} ", "key"), (f" {word}  ", "")]
-    lines.append(fit(keys, WIDTH))
+    for row in KEYS:
+        keys: Line = [(" ", "")]
+        for key, word in row:
+            keys += [(f" {key} ", "key"), (f" {word}  ", "")]
+        lines.append(fit(keys, WIDTH))
     return lines
 
 

@@ -16,106 +16,12 @@ from pathlib import Path
 from typing import Callable
 
 import live_view
-from cards import MIB, make_card
-from vcam import Camera, CameraError, wait_until
+from cards import make_card
+from story import ALERTS, CARD_BYTES, CLIP_BYTES, Story, ctl, record, status
+from vcam import Camera, CameraError
+from vmqtt import Message
 
-CARD_BYTES = 128 * MIB
-CLIP_KIB = 1024
-STORY_DEADLINE_S = 900
-RECORD = "vesk_recorder"
 LEVELS = {"2": "crit   ", "3": "err    ", "4": "warning", "6": "info   ", "7": "debug  "}  # the log's priority marks
-
-
-def status(camera: Camera) -> dict[str, object]:
-    """What veskctl says in the guest; empty while it has nothing to say."""
-    answer = camera.run("veskctl --json status", timeout=10)
-    try:
-        return json.loads(answer.out) if answer.out else {}
-    except ValueError:
-        return {}
-
-
-def clip_count(camera: Camera) -> int:
-    return int(status(camera).get("clips") or 0)
-
-
-def record(camera: Camera, count: int, first: str, timeout: float = 300) -> None:
-    """Records clips as the camera's recorder does, one a minute by their own clock and as fast as the card takes them."""
-    camera.check(f"{RECORD} --count {count} --size {CLIP_KIB}k --start {first} --seconds 60 --interval 0", timeout)
-
-
-class Story:
-    """The main job from an empty slot to a full card and back, each step seen to happen or the story ends."""
-
-    def __init__(self, camera: Camera, cards: Path) -> None:
-        self.camera = camera
-        self.cards = cards
-        self.began = time.monotonic()
-        self.steps = 0
-
-    def step(self, text: str, happens: Callable[[], object]) -> None:
-        began = time.monotonic()
-        seen = happens()
-        self.steps += 1
-        now = time.monotonic()
-        detail = f": {seen}" if isinstance(seen, str) else ""
-        print(f"[{now - self.began:6.1f} s] {text}{detail} ({now - began:.1f} s)", flush=True)
-
-    def play(self) -> None:
-        camera = self.camera
-        card = make_card(self.cards / "card.img", CARD_BYTES, "fat")
-        self.step("the camera boots, its slot is empty", self.boot)
-        self.step("a card goes in, is mounted and writable", lambda: self.insert(card))
-        self.step("clips are recorded and indexed", self.record_some)
-        self.step("the card fills, the oldest clips go, room is left", self.fill)
-        self.step("the card is pulled", self.pull)
-        self.step("it is put back, every clip is known again", lambda: self.put_back(card))
-        self.step("recording goes on", self.record_more)
-        print(f"all {self.steps} steps were seen to happen")
-
-    def boot(self) -> None:
-        self.camera.start(deadline=STORY_DEADLINE_S)
-        self.camera.wait_state("not_exists")
-
-    def insert(self, card: Path) -> str:
-        self.camera.insert(card)
-        self.camera.wait_state("normal")
-        return str(self.camera.check("grep ' /mnt/sdcard ' /proc/mounts | cut -d' ' -f1-3"))
-
-    def record_some(self) -> str:
-        record(self.camera, 10, "2026-11-21T08:00:00Z")
-        wait_until(lambda: clip_count(self.camera) == 10, 20, "10 clips in the index")
-        return "10 clips"
-
-    def fill(self) -> str:
-        before = status(self.camera)["oldest"]
-        record(self.camera, CARD_BYTES // (CLIP_KIB * 1024), "2026-11-21T09:00:00Z")
-        wait_until(lambda: status(self.camera)["oldest"] != before, 60, "the oldest clip gone")
-        self.camera.wait_state("normal", 60)
-        now = status(self.camera)
-        if int(now["free"]) < 40 * MIB:
-            raise CameraError(f"only {now['free']} bytes free on a card that is not full")
-        return f"oldest was {before}, is {now['oldest']}; {live_view.size(int(now['free']))} free"
-
-    def pull(self) -> None:
-        self.clips = clip_count(self.camera)
-        # The index reaches the card within two seconds of a change; the last clip is older than that.
-        newest = time.monotonic()
-        wait_until(lambda: time.monotonic() - newest > 2, 5, "the index on the card")
-        self.camera.pull()
-        self.camera.wait_state("not_exists")
-
-    def put_back(self, card: Path) -> str:
-        self.camera.insert(card)
-        self.camera.wait_state("normal")
-        wait_until(lambda: clip_count(self.camera) == self.clips, 20, f"{self.clips} clips in the index")
-        return f"{self.clips} clips"
-
-    def record_more(self) -> str:
-        before = status(self.camera)["newest"]
-        record(self.camera, 3, "2026-11-21T20:00:00Z")
-        wait_until(lambda: status(self.camera)["newest"] != before, 20, "a newer clip in the index")
-        return f"newest is {status(self.camera)['newest']}"
 
 
 class Live:
@@ -127,6 +33,7 @@ class Live:
         self.began = time.monotonic()
         self.shot = live_view.Snapshot(doing="booting")
         self.made = 0
+        self.holder: int | None = None  # its process id in the guest
         self.card: Path | None = None
         self.next_clip = int(time.time()) // 3600 * 3600
         self.busy = threading.Lock()
@@ -153,6 +60,15 @@ class Live:
         shot.clips = now.get("clips")
         shot.oldest, shot.newest = str(now.get("oldest") or ""), str(now.get("newest") or "")
 
+    def on_alert(self, message: Message) -> None:
+        alert = json.loads(message.payload)
+        self.shot.alert = {
+            1: lambda: f"too slow: {live_view.size(alert['mean_speed'])}/s for {alert['elapse']} s",
+            2: lambda: f"not unmounted, held by {', '.join(alert['fuser']) or 'nobody known'}",
+            4: lambda: "the card is broken",
+            5: lambda: "the card is gone, and was not ejected",
+        }.get(alert["type"], lambda: str(alert))()
+
     def log_tail(self) -> list[str]:
         if not self.camera.log_path.exists():
             return []
@@ -165,8 +81,9 @@ class Live:
         """Powers the camera on. The emulator ends with the thread that started it, so this one stays."""
         try:
             self.camera.start(deadline=24 * 3600)
+            self.camera.subscribe(ALERTS, self.on_alert)
             self.shot.doing = "booted; i puts a card in"
-        except (CameraError, OSError) as error:
+        except (CameraError, OSError, TimeoutError) as error:
             self.shot.doing = f"the camera did not boot: {error}"
         self.over.wait()
 
@@ -206,7 +123,26 @@ class Live:
 
     def slow(self) -> None:
         self.shot.slow = not self.shot.slow
-        self.camera.slow(bps_wr=100 * 1024) if self.shot.slow else self.camera.unthrottle()
+        self.camera.slow(bps_wr=80 * 1024) if self.shot.slow else self.camera.unthrottle()
+
+    def hold(self) -> None:
+        """A program that keeps a file of the card open, or its end."""
+        if self.holder:
+            self.camera.run(f"kill {self.holder}")
+        self.holder = None if self.holder else self.camera.spawn("exec sleep 86400 > /mnt/sdcard/held")
+        self.shot.held = self.holder is not None
+
+    def job(self, command: str) -> None:
+        """A card job from its request to its end; how it ended is worth reading when it failed."""
+        ended = ctl(self.camera, f"{command} --wait", (0, 1, 3, 6, 7))
+        if ended["outcome"] != "done":
+            raise CameraError(f"{ended['outcome']}, {ended['detail']}" if ended["detail"] else ended["outcome"])
+
+    def oldest(self, command: str, options: str = "") -> None:
+        clips = ctl(self.camera, f"clips {options}")
+        if not clips:
+            raise CameraError("there is no such clip")
+        ctl(self.camera, f"{command} {clips[0]['time']}")
 
     def record(self, count: int) -> None:
         first = time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(self.next_clip))
@@ -219,16 +155,21 @@ class Live:
             "p": ("pulling the card", self.pull),
             "s": ("putting another card in", self.swap),
             "r": ("recording 5 clips", lambda: self.record(5)),
-            "f": ("recording until the card is full", lambda: self.record(CARD_BYTES // (CLIP_KIB * 1024))),
+            "f": ("recording until the card is full", lambda: self.record(CARD_BYTES // CLIP_BYTES)),
             "w": ("changing the card's speed", self.slow),
+            "v": ("protecting the oldest unprotected clip", lambda: self.oldest("save", "--unmarked")),
+            "d": ("deleting the oldest clip", lambda: self.oldest("delete --yes")),
+            "h": ("holding the card busy" if not self.holder else "letting the card go", self.hold),
+            "e": ("ejecting", lambda: self.job("eject")),
+            "m": ("formatting", lambda: self.job("format --yes")),
         }
         if key == "q":
             self.over.set()
-        elif key in ("p", "w"):
-            # Cards are pulled and go slow while something else is going on; that is what they are here for.
+        elif key in ("p", "w", "h"):
+            # Cards are pulled, go slow and are held while something else is going on; that is what they are here for.
             try:
                 actions[key][1]()
-            except CameraError as error:
+            except (CameraError, OSError, TimeoutError) as error:
                 self.shot.doing = f"{actions[key][0]}: {error}"
         elif key in actions:
             self.start(*actions[key])
@@ -271,7 +212,7 @@ def main() -> int:
         try:
             Story(camera, Path(folder)).play()
             return 0
-        except (CameraError, OSError, TimeoutError, KeyError) as error:
+        except (CameraError, OSError, TimeoutError, LookupError, ValueError) as error:
             print(f"not seen to happen: {error}", file=sys.stderr)
             if camera.log_path.exists():
                 print("the camera's last words:\n" + camera.log()[-3000:], file=sys.stderr)
