@@ -109,11 +109,14 @@ class Story:
     def hold(self) -> str:
         holder = self.camera.spawn(f"exec sleep 600 > {HELD}")
         self.wait(lambda: HELD in [one["path"] for one in ctl(self.camera, "busy")], "the holder to be seen")
+        mark = self.camera.log_mark()
         self.expect("failed", ctl(self.camera, "eject --wait", (1,))["outcome"])
         alert = self.wait_alert(2)
         self.camera.check(f"kill {holder}; rm {HELD}")
         self.expect(["sleep"], alert["fuser"])
         self.wait_state("normal")
+        # The state is back before the index is open again; a clip announced in between is lost.
+        self.camera.wait_log("The record msg load successfully", PATIENCE_S, mark)
         self.wait_clips(10)
         return f"process {holder}, {alert['fuser'][0]}"
 
