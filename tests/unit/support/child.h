@@ -9,6 +9,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "support/coverage.h"
+
 namespace child {
 
 constexpr int FAILED = 99;  // exit status of a child with a failed expectation
@@ -37,8 +39,10 @@ inline outcome run(const std::function<void()>& body) {
         const rlimit no_core = {0, 0};
         setrlimit(RLIMIT_CORE, &no_core);
         alarm(20);
+        coverage::write_counts_at_abort();
         body();
         fflush(nullptr);
+        coverage::write_counts();
         _exit(testing::Test::HasFailure() ? FAILED : 0);
     }
     close(ends[1]);

@@ -9,22 +9,16 @@
 #include <mutex>
 #include <unistd.h>
 
+#include "support/coverage.h"
 #include "vesk_util.h"
-
-#ifdef VESK_COVERAGE
-extern "C" void __gcov_dump();  // NOLINT(bugprone-reserved-identifier): the compiler's
-#endif
 
 namespace {
 
-#ifdef VESK_COVERAGE
-// Counts are written while the stand-ins for the system's calls still stand: the compiler's own calls come to them too.
 class counts : public testing::Environment {
   public:
-    void TearDown() override { __gcov_dump(); }
+    void TearDown() override { coverage::write_counts(); }
 };
 const auto* const registered = testing::AddGlobalTestEnvironment(new counts);
-#endif
 
 std::mutex lock;
 std::vector<std::string> kept;
