@@ -15,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         char path[256];
         const int length = kyt_ts2path(period, path, sizeof path, 0);
         fuzz::require(length > 0, "the path of its first clip");
-        const std::string folder = std::string(kyt::RECORD_FOLDER) + "/" + name.c_str() + "/";
+        const std::string folder = std::string(kyt::RECORD_FOLDER) + "/" + name.substr(0, name.find('\0')) + "/";
         fuzz::require(std::string(path).compare(0, folder.size(), folder) == 0, "there and back: a period");
     }
     const uint32_t clip = kyt::clip_from_name(name);
