@@ -306,6 +306,11 @@ class Camera:
         """Calls the handler, on a thread of the connection's own, for each message to come and each retained one."""
         self.bus.subscribe(topic, handler)
 
+    def unsubscribe_all(self) -> None:
+        """Forgets what was subscribed to so far."""
+        if self._bus is not None and self._bus.alive:
+            self._bus.unsubscribe_all()
+
     def wait_for(self, topic: str, predicate: Callable[[bytes], bool] = lambda _: True, deadline: float = 10) -> bytes:
         """The first payload of the topic that satisfies the predicate; a retained one counts."""
         try:

@@ -30,6 +30,7 @@ class Bus:
         self._user = user
         self._lock = threading.Condition()
         self._handlers: list[tuple[str, Callable[[Message], None]]] = []
+        self._topics: set[str] = set()  # subscribed to
         self._confirmed: set[int] = set()
         self._connected: bool | None = None
         client.on_connect = self._on_connect
@@ -90,6 +91,14 @@ class Bus:
             self._handlers.append((topic, handler))
         self._subscribe(topic, timeout)
 
+    def unsubscribe_all(self, timeout: float = 5) -> None:
+        """Forgets every subscription. A message comes once for each that matches: old ones would double new ones'."""
+        with self._lock:
+            topics = sorted(self._topics)
+            self._topics.clear()
+            self._handlers.clear()
+        if topics:
+            self._wait_confirmed(self._client.unsubscribe(topics), timeout)
 
     def wait_for(self, topic: str, predicate: Callable[[bytes], bool], timeout: float) -> bytes:
         """The first payload that satisfies the predicate, a retained one included; TimeoutError otherwise."""
@@ -153,6 +162,8 @@ class Bus:
     # --- inside ---
 
     def _subscribe(self, topic: str, timeout: float) -> None:
+        with self._lock:
+            self._topics.add(topic)
         # Retained messages come again with every subscription: a second handler of a topic needs them too.
         options = SubscribeOptions(qos=1, retainHandling=SubscribeOptions.RETAIN_SEND_ON_SUBSCRIBE)
         self._wait_confirmed(self._client.subscribe(topic, options=options), timeout)

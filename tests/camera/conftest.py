@@ -110,6 +110,7 @@ def reset(camera: Camera) -> None:
     """Empties the slot, sets the clock, and waits until the daemon is up and says that there is no card."""
     camera.unthrottle()
     camera.run("killall vesk_recorder; killall -CONT vesk_sdcard karveld")
+    camera.unsubscribe_all()
     if camera.card:
         camera.pull()
     camera.check(f"date -s @{int(time.time())} && /etc/init.d/S50karveld start && /etc/init.d/S60vesk_sdcard start")
