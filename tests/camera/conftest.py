@@ -51,7 +51,7 @@ def camera(_shared_camera: Camera, request: pytest.FixtureRequest) -> Camera:
     if camera.running:
         try:
             reset(camera)
-        except (CameraError, ConnectionError) as error:
+        except (CameraError, ConnectionError, TimeoutError) as error:
             # Told in the summary, so that what one scenario does to the camera is not hidden from whoever looks.
             warnings.warn(f"the camera had to be started again: {error!r}\n{camera.log()[-1500:]}", stacklevel=1)
             camera.close()
