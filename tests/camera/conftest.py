@@ -26,7 +26,7 @@ DEADLINE_S = 1500  # a camera that is still there after this is killed
 
 
 def pytest_addoption(parser: pytest.Parser) -> None:
-    parser.addoption("--pulls", type=int, default=3, help="how often the card is pulled in the middle of each thing")
+    parser.addoption("--pulls", type=int, default=5, help="how often the card is pulled in the middle of each thing")
     parser.addoption("--sequences", type=int, default=1, help="how many random sequences of card jobs are run")
     parser.addoption("--seed", type=int, default=23, help="the seed of the first of them; the others' follow it")
 
