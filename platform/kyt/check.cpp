@@ -80,11 +80,8 @@ void compare(const array<kyt_record>& records, const array<uint32_t>& clips, kyt
 // 0, or the errno.
 int look(int folder, kyt_health* health) {
     loaded files[2];
-    for (int file = 0; file < 2; ++file) {
-        load_file(folder, LIST_NAMES[file], &files[file]);
-        if (files[file].failure == ENOMEM) {
-            return ENOMEM;
-        }
+    if (!load_files(folder, &files)) {
+        return ENOMEM;
     }
     const int list = choose_list(files);
     if (list >= 0) {

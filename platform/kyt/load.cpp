@@ -103,6 +103,17 @@ void load_file(int folder, const char* name, loaded* l) {
     close(fd);
 }
 
+bool load_files(int folder, loaded (*files)[2]) {
+    for (int file = 0; file < 2; ++file) {
+        loaded* const l = *files + file;
+        load_file(folder, LIST_NAMES[file], l);
+        if (l->failure == ENOMEM) {
+            return false;
+        }
+    }
+    return true;
+}
+
 int choose_list(const loaded (&files)[2]) {
     if (is_list(files[0]) && is_list(files[1])) {
         return files[1].head.generation > files[0].head.generation ? 1 : 0;

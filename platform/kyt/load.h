@@ -25,6 +25,9 @@ struct loaded {
 // Fills `l`, which must be fresh.
 void load_file(int folder, const char* name, loaded* l);
 
+// Both of the list's files. False: out of memory; whatever else is wrong with one is in its record.
+bool load_files(int folder, loaded (*files)[2]);
+
 inline bool is_list(const loaded& l) {
     return l.failure == 0 && l.header == header_kind::INTACT &&
            l.head.state != static_cast<uint32_t>(file_state::WRITING);

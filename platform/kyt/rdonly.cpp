@@ -29,11 +29,8 @@ bool take_copy(kyt_handle* h, const loaded& l) {
 // 0, or the errno.
 int copy_list(int folder, kyt_handle* h) {
     loaded files[2];
-    for (int file = 0; file < 2; ++file) {
-        load_file(folder, LIST_NAMES[file], &files[file]);
-        if (files[file].failure == ENOMEM) {
-            return ENOMEM;
-        }
+    if (!load_files(folder, &files)) {
+        return ENOMEM;
     }
     const int list = choose_list(files);
     if (list < 0) {

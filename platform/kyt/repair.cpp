@@ -399,12 +399,9 @@ int replace_files(repair* r, ready_file* ready) {
 int prepare_list(int folder, ready_file* ready) {
     repair r;
     r.folder = folder;
-    for (int file = 0; file < 2; ++file) {
-        load_file(folder, LIST_NAMES[file], &r.files[file]);
-        if (r.files[file].failure == ENOMEM) {
-            errno = ENOMEM;
-            return -1;
-        }
+    if (!load_files(folder, &r.files)) {
+        errno = ENOMEM;
+        return -1;
     }
     r.list = choose_list(r.files);
     const loaded* const l = r.list >= 0 ? &r.files[r.list] : nullptr;
