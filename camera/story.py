@@ -16,6 +16,8 @@ from vmqtt import Message
 CARD_BYTES = 128 * MIB
 CLIP_BYTES = MIB
 DEADLINE_S = 900
+BUSY_TIME_S = 300  # after power-on: a kernel of 32 bits does not count a disk's busy time before
+SLOW_BPS = 200 * 1024  # below that many bytes a second of busy time a card is reported as slow
 PATIENCE_S = 120  # for what takes a second or two; a loaded machine may need much longer
 ALERTS = "vesk/vesk_sdcard/report/sdcard.alert"
 HELD = "/mnt/sdcard/held"
@@ -76,6 +78,8 @@ class Story:
         self.step("it is put back, every clip is known again", self.put_back)
         self.step("it is pulled while it is recorded to", self.pull)
         self.step("it is put back, recording goes on", self.record_more)
+        self.step("the kernel begins to count the time for which the card is busy", self.wait_busy_time)
+        self.step("the card goes slow, which is reported", self.slow)
         print(f"all {self.steps} steps were seen to happen")
 
     # --- the steps; what one returns is shown with it ---
@@ -172,6 +176,27 @@ class Story:
         self.wait(lambda: status(self.camera).get("newest") == "2026-11-22T08:02:00Z", "the new clips in the index")
         return "newest is 2026-11-22T08:02:00Z"
 
+    def wait_busy_time(self) -> None:
+        """Linux starts its tick counter five minutes before it overflows; until then no card is slow."""
+        def counts() -> bool:
+            return float(self.camera.check("cat /proc/uptime").split()[0]) > BUSY_TIME_S
+        self.wait(counts, "five minutes since power-on", BUSY_TIME_S + PATIENCE_S)
+
+    def slow(self) -> str:
+        """The daemon looks once a minute at what the kernel has counted; a minute that began fast counts as fast."""
+        self.camera.slow(bps_wr=80 * 1024)
+        before = self.disk_statistics()
+        recorder = self.camera.spawn("exec vesk_recorder --size 32k --start 2026-11-23T08:00:00Z --interval 1")
+        alert = self.wait_alert(1, 300)
+        self.camera.unthrottle()
+        self.camera.check(f"kill {recorder}", PATIENCE_S)
+        after = self.disk_statistics()
+        sectors, busy_ms = (now - then for now, then in zip(after, before))
+        if not 0 < alert["mean_speed"] < SLOW_BPS or not 0 < alert["active_sec"] <= sectors:
+            raise CameraError(f"the report says {alert}, the kernel {sectors} sectors in {busy_ms} ms")
+        return (f"{live_view.size(alert['mean_speed'])}/s; by the kernel's count {sectors} sectors in "
+                f"{busy_ms / 1000:.1f} s, {live_view.size(sectors * 512000 // busy_ms)}/s")
+
     # --- what they use ---
 
     @staticmethod
@@ -213,6 +238,11 @@ class Story:
 
     def times(self, options: str = "") -> list[str]:
         return [clip["time"] for clip in ctl(self.camera, f"clips {options}")]
+
+    def disk_statistics(self) -> tuple[int, int]:
+        """Sectors written to the card, and the milliseconds for which it was busy, since it was put in."""
+        fields = self.camera.check("cat /sys/block/mmcblk0/stat", PATIENCE_S).split()
+        return int(fields[6]), int(fields[9])
 
     def wait_clips(self, count: int) -> None:
         self.wait(lambda: status(self.camera).get("clips") == count, f"{count} clips in the index")
