@@ -4,7 +4,8 @@
 // fuser on a workbench, and that one had much else to do.
 //
 // A run has no time limit. A child that waits for the end of its input waits for ever, because the pipe stays open
-// until it ends; so does one that prints more than the capture takes and the pipe holds. The tools do neither.
+// until it ends; so does one that prints more than the capture takes and the pipe holds. A camera's tools do neither;
+// cl_mkfs.cpp names one that waits.
 #include "cl_execvp.h"
 
 #include <errno.h>

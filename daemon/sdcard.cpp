@@ -98,7 +98,7 @@ void set_update_images_aside() {
     }
 }
 
-// Does not ask whether a job runs: for a moment a derived state may stand in the place of the job's. Accepted.
+// Does not ask whether a job runs: from then to its end a derived state may stand in the place of the job's. Accepted.
 void on_timer_refresh(struct ev_loop*, ev_timer*, int) {
     sdcard_update_state();
 }
