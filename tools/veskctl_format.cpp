@@ -8,7 +8,9 @@
 
 namespace {
 
-constexpr int LOOKS = 20;  // at the card, a tenth of a second apart: the state and the mount may be seen out of step
+// At the card, a tenth of a second apart. The state and the mount may be seen out of step, and what the job could not
+// mount the daemon tries again two seconds later.
+constexpr int LOOKS = 30;
 
 struct picture {
     fat_volume before[VOLUMES_MAX];
@@ -35,14 +37,14 @@ int judge(long state, char* detail, size_t size, void* context) {
         (void)snprintf(detail, size, "the card is broken");
         return VESKCTL_FAILED;
     }
-    if (state != STATE_NORMAL && state != STATE_FULL) {
-        (void)snprintf(detail, size, "no card is in service");
-        return VESKCTL_UNKNOWN;
-    }
+    // Behind a format that failed halfway there is often nothing to mount, and the state is the one without a card: it
+    // is called broken only with the next try to mount it.
+    const bool in_service = state == STATE_NORMAL || state == STATE_FULL;
+    bool has_card = in_service || (state == STATE_NOT_EXISTS && veskctl_is_local() && volume_card_is_present());
     char device[VOLUME_PATH];
     fat_volume now = {};
     bool seen = false;
-    for (int i = 0; i < LOOKS && veskctl_is_local(); ++i) {
+    for (int i = 0; i < LOOKS && has_card && veskctl_is_local(); ++i) {
         seen = volume_mounted(device) && volume_read(device, &now);
         if (seen && !was_there(*before, now.id)) {
             (void)snprintf(detail, size, "new volume %04X-%04X %s on %.64s", static_cast<unsigned>(now.id >> 16),
@@ -51,10 +53,19 @@ int judge(long state, char* detail, size_t size, void* context) {
         }
         const timespec tenth = {0, 100'000'000};
         nanosleep(&tenth, nullptr);
+        has_card = in_service || volume_card_is_present();
+    }
+    if (!has_card) {
+        (void)snprintf(detail, size, "no card is in service");
+        return VESKCTL_UNKNOWN;
     }
     if (seen) {
         (void)snprintf(detail, size, "the old volume %04X-%04X is mounted; veskctl busy names who holds it",
                        static_cast<unsigned>(now.id >> 16), static_cast<unsigned>(now.id & 0xffff));
+        return VESKCTL_FAILED;
+    }
+    if (!in_service) {
+        (void)snprintf(detail, size, "nothing on the card can be mounted");
         return VESKCTL_FAILED;
     }
     (void)snprintf(detail, size, "the card cannot be seen from here");

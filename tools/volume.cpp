@@ -8,7 +8,9 @@
 namespace {
 
 constexpr char MOUNT_POINT[] = "/mnt/sdcard";
+constexpr char PARTITIONS[] = "/proc/partitions";
 constexpr unsigned CARD_MAJOR = 179;
+constexpr size_t NAME_SIZE = 64;
 constexpr unsigned char EXTENDED = 0x29;  // an identity and a label follow
 
 uint32_t little_endian(const unsigned char* bytes, int count) {
@@ -40,7 +42,33 @@ void add(fat_volume (&volumes)[VOLUMES_MAX], size_t* count, const char* device) 
     }
 }
 
+// The next device of the card in the kernel's table (null: it could not be opened). False: there is no other.
+bool next_device(FILE* table, char (&name)[NAME_SIZE]) {
+    char line[256];
+    while (table != nullptr && fgets(line, sizeof line, table) != nullptr) {
+        unsigned major = 0;
+        if (sscanf(line, "%u %*u %*u %63s", &major, name) == 2 && major == CARD_MAJOR) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void close_table(FILE* table) {
+    if (table != nullptr) {
+        fclose(table);
+    }
+}
+
 }  // namespace
+
+bool volume_card_is_present() {
+    FILE* table = fopen(PARTITIONS, "re");
+    char name[NAME_SIZE];
+    const bool present = next_device(table, name);
+    close_table(table);
+    return present;
+}
 
 bool volume_mounted(char (&device)[VOLUME_PATH]) {
     FILE* table = fopen("/proc/self/mountinfo", "re");
@@ -102,19 +130,12 @@ size_t volume_list(fat_volume (&volumes)[VOLUMES_MAX]) {
     if (volume_mounted(device)) {
         add(volumes, &count, device);
     }
-    FILE* table = fopen("/proc/partitions", "re");
-    if (table == nullptr) {
-        return count;
+    FILE* table = fopen(PARTITIONS, "re");
+    char name[NAME_SIZE];
+    while (next_device(table, name)) {
+        (void)snprintf(device, sizeof device, "/dev/%s", name);
+        add(volumes, &count, device);
     }
-    char line[256];
-    while (fgets(line, sizeof line, table) != nullptr) {
-        unsigned major = 0;
-        char name[64];
-        if (sscanf(line, "%u %*u %*u %63s", &major, name) == 2 && major == CARD_MAJOR) {
-            (void)snprintf(device, sizeof device, "/dev/%s", name);
-            add(volumes, &count, device);
-        }
-    }
-    fclose(table);
+    close_table(table);
     return count;
 }

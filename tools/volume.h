@@ -13,6 +13,9 @@ struct fat_volume {
 constexpr size_t VOLUME_PATH = 256;
 constexpr size_t VOLUMES_MAX = 16;
 
+// Whether there is a card in this machine's slot, mounted or not.
+bool volume_card_is_present();
+
 // The device that is mounted as the card. False: none is.
 bool volume_mounted(char (&device)[VOLUME_PATH]);
 

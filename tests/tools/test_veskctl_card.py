@@ -80,6 +80,26 @@ def test_format_of_a_card_that_had_no_filesystem(broker: Broker, daemon, tmp_pat
     assert done.returncode == 0 and json.loads(done.stdout)["outcome"] == "done"
 
 
+DISK = " 179        0      65536 mmcblk0\n"
+
+
+@pytest.mark.parametrize("disk, mounted, code, said", [
+    (DISK, False, 1, "format: failed, nothing on the card can be mounted\n"),
+    (DISK, True, 0, "format: done, new volume 1234-ABCD QX_CAM on {device}\n"),
+    (DISK.replace("179", "  8"), True, 7, "format: ended, outcome unknown, no card is in service\n")],
+    ids=["nothing to mount", "mounted a moment later", "pulled"])
+def test_format_behind_which_no_card_is_mounted(broker: Broker, daemon, tmp_path: Path, disk: str, mounted: bool,
+                                                code: int, said: str) -> None:
+    """The state is then the one without a card; whether there is one, the kernel's table says."""
+    card, table = tmp_path / "card", tmp_path / "partitions"
+    card.write_bytes(boot_sector(0x11112222))
+    table.write_text(f"major minor  #blocks  name\n\n{disk}")
+    daemon(jobs={FORMAT: [FORMATTING, "end", lambda: card.write_bytes(boot_sector(0x1234abcd)), NOT_EXISTS]})
+    mount = MOUNT.format(device=card) if mounted else "mount -t tmpfs none /mnt"
+    done = ctl(broker, f"mount --bind {table} /proc/partitions\n{mount}", "format", "--yes", "--wait")
+    assert (done.returncode, done.stdout) == (code, said.format(device=str(card)[:64])), done.stderr
+
+
 def test_format_label_is_not_obeyed_by_a_terminal(broker: Broker, daemon, tmp_path: Path) -> None:
     device = tmp_path / "card"
     device.write_bytes(boot_sector(1))
