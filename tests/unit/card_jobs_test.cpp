@@ -26,6 +26,7 @@ struct {
     int eject_errno;
     bool can_mount;
     bool is_held;       // off automatic mounting
+    bool fork_failed;   // the last one
     size_t lines_seen;  // of RAN
 } card;
 
@@ -118,6 +119,12 @@ void __wrap_ev_timer_start(struct ev_loop* loop, ev_timer* timer) {
     __real_ev_timer_start(loop, timer);
 }
 
+pid_t __real_fork();
+pid_t __wrap_fork() {
+    card.fork_failed = kernel::must_fail("fork");
+    return card.fork_failed ? -1 : __real_fork();
+}
+
 }  // extern "C"
 
 namespace {
@@ -152,6 +159,7 @@ class card_jobs : public rig::test {
                 .eject_errno = 0,
                 .can_mount = true,
                 .is_held = false,
+                .fork_failed = false,
                 .lines_seen = 0};
         snprintf(world.mmc.disk.path, sizeof world.mmc.disk.path, "/dev/mmcblk0");
         snprintf(world.mmc.partitions[0].path, sizeof world.mmc.partitions[0].path, "/dev/mmcblk0p1");
@@ -172,14 +180,14 @@ class card_jobs : public rig::test {
         setenv("PATH", path.c_str(), 1);
     }
 
-    // Runs the loop until the job has ended.
+    // Runs the loop until the job has ended or, for want of a process, will never end.
     static void finish() {
         ev_timer deadline;
         ev_timer_init(
             &deadline, [](struct ev_loop*, ev_timer*, int) {}, DEADLINE_S, 0.0);
         ev_now_update(EV_DEFAULT);
         ev_timer_start(EV_DEFAULT, &deadline);
-        while (sd.closure.status == CLOSURE_BUSY && ev_is_active(&deadline)) {
+        while (sd.closure.status == CLOSURE_BUSY && !card.fork_failed && ev_is_active(&deadline)) {
             ev_run(EV_DEFAULT, EVRUN_ONCE);
         }
         ev_timer_stop(EV_DEFAULT, &deadline);
@@ -411,6 +419,46 @@ TEST_F(card_jobs, a_held_card_is_refreshed_by_nobody_and_taken_by_no_second_job)
     EXPECT_GT(rounds, 4);
     finish();
     EXPECT_EQ(CLOSURE_OK, sd.closure.status);
+}
+
+// At whichever step: the job stays where it is, the card off its mount point, and no other job begins.
+TEST_F(card_jobs, a_program_that_cannot_be_had_keeps_the_frame_for_good) {
+    struct {
+        const char* program;
+        int nth;  // fork
+        int refused_umounts;
+        int (*start_job)();
+    } rows[] = {
+        {"fuser", 1, 2, sdcard_eject},
+        {"fdisk", 1, 0, sdcard_mkfs},
+        {"mkfs.fat", 2, 0, sdcard_mkfs},
+        {"fsck.fat", 1, 0, sdcard_fsck},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.program);
+        SetUp();
+        card.refused_umounts = row.refused_umounts;
+        kernel::fail("fork", EAGAIN, row.nth);
+        EXPECT_EQ(0, row.start_job()) << "taken for a start";
+        finish();
+        EXPECT_TRUE(card.fork_failed);
+        EXPECT_EQ(CLOSURE_BUSY, sd.closure.status);
+        world.steps.clear();
+        for (int (*start_job)() : {sdcard_mkfs, sdcard_eject, sdcard_fsck}) {
+            errno = 0;
+            EXPECT_EQ(-1, start_job());
+            EXPECT_EQ(EBUSY, errno);
+        }
+        sdcard_refresh("New Record");
+        EXPECT_EQ(strings{}, world.steps);
+        EXPECT_TRUE(card.is_held);
+
+        // The daemon never gets there; the test does, so that the job leaves nothing behind.
+        card.fork_failed = false;
+        closure_fail(&sd.closure, EAGAIN);
+        finish();
+        EXPECT_EQ(closure_empty(&sd.closure), sd.closure.top);
+    }
 }
 
 TEST_F(card_jobs, one_after_the_other_on_one_frame) {
