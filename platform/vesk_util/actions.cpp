@@ -19,6 +19,7 @@ namespace {
 
 constexpr int GOODBYE_MS = 200;
 constexpr int AT_LEAST_ONCE = 1;  // the bus's quality of everything here
+constexpr int REFUSED = 0x80;     // reason codes from here on mean failure
 
 struct record {
     const char* app;             // the daemon's name in topics
@@ -55,13 +56,19 @@ void publish_reply(const bus_message* request, const char* topic, const char* te
 
 void answer_request(const char* name, const bus_message* request) {
     char own_reply[BUS_TOPIC_MAX];
-    (void)snprintf(own_reply, sizeof own_reply, "%s/reply", request->topic);
+    const int length = snprintf(own_reply, sizeof own_reply, "%s/reply", request->topic);
+    if (static_cast<size_t>(length) >= sizeof own_reply) {
+        // Nothing may go to a topic that was cut: it may be an action's again, and then the daemon would answer its own
+        // answers for ever.
+        log_warning("bus: action ignored: its name of %zu bytes leaves no room for a reply's topic", strlen(name));
+        return;
+    }
     const char* topic = request->response_topic != nullptr ? request->response_topic : own_reply;
 
     const remote_action* action = request_find(state.table, name);
     int32_t code = 0;
     char* text = nullptr;
-    if (!request_response_topic_allowed(topic, own_reply)) {
+    if (strlen(topic) > BUS_TOPIC_MAX || !request_response_topic_allowed(topic, own_reply)) {
         log_warning("bus: action %s: replies may not go to %s", name, topic);
         topic = own_reply;
         code = CODE_NO_JSON;
@@ -111,15 +118,18 @@ void on_connected(bus_session* session, void* /*context*/) {
     }
 }
 
-// Online means that actions are answered, hence only once the broker has confirmed the subscription.
+// Online means that actions are answered, hence only once the broker has confirmed the subscription. Refused, the
+// status stays what it was until the next connection.
 void on_answer(bus_session* /*session*/, uint32_t request, int reason, void* /*context*/) {
-    if (reason >= 0x80) {
+    if (reason >= REFUSED) {
         log_warning("bus: the broker refused request %u: reason 0x%02x", static_cast<unsigned>(request),
                     static_cast<unsigned>(reason));
     }
     if (request == state.subscription) {
         state.subscription = 0;
-        publish_status("online");
+        if (reason < REFUSED) {
+            publish_status("online");
+        }
     }
 }
 

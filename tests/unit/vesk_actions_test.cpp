@@ -1,6 +1,7 @@
 // Remote actions and status against a real broker.
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <ev.h>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -188,6 +189,49 @@ TEST_F(Actions, AreNotSentOnByAReply) {
     }
 }
 
+TEST_F(Actions, AResponseTopicThatIsTooLongIsNotUsed) {
+    start();
+    watch("answers/#");
+    const std::string longest = "answers/" + std::string(BUS_TOPIC_MAX - 8, 'x');
+    request("figures", "{}", longest.c_str());
+    ASSERT_TRUE(wait_for(longest, 1));
+    EXPECT_EQ(runs, 1);
+    request("figures", "{}", (longest + "x").c_str());
+    ASSERT_TRUE(wait_for(ACTION + "figures/reply", 1));
+    EXPECT_EQ(on(ACTION + "figures/reply")[0].payload, R"({"code": -22})");
+    EXPECT_EQ(runs, 1);
+}
+
+// Cut to what a topic may have, the reply's would be an action's again, and each answer the next request.
+TEST_F(Actions, ANameThatLeavesNoRoomForAReplyIsNotAnswered) {
+    start();
+    const size_t room = BUS_TOPIC_MAX - 1 - ACTION.size() - strlen("/reply");
+    const std::string longest(room, 'x');
+    request(longest, "{}");
+    ASSERT_TRUE(wait_for(ACTION + longest + "/reply", 1));
+    EXPECT_EQ(on(ACTION + longest + "/reply")[0].payload, R"({"code": -38})");
+    for (const size_t length : {room + 1, room + 6, BUS_TOPIC_MAX - ACTION.size()}) {
+        seen.clear();
+        const std::string name(length, 'x');
+        request(name, "{}");
+        ASSERT_TRUE(run_until([&] {
+            return log.count("<4>bus: action ignored: its name of " + std::to_string(length) + " bytes") == 1;
+        }));
+        request("echo", "{}");
+        ASSERT_TRUE(wait_for(ACTION + "echo/reply", 1));
+        EXPECT_EQ(seen.size(), 3U) << "the two requests and the one answer";
+    }
+    // Longer ones than this library publishes come from elsewhere.
+    seen.clear();
+    const std::string command = "mosquitto_pub --unix " + broker.folder() + "/sock -q 1 -t " + ACTION +
+                                std::string(3000, 'x') + " -m '{}' &";  // in the background: its end needs nobody
+    ASSERT_EQ(system(command.c_str()), 0);
+    ASSERT_TRUE(run_until([&] { return log.count("its name of 3000 bytes") == 1; }));
+    request("echo", "{}");
+    ASSERT_TRUE(wait_for(ACTION + "echo/reply", 1));
+    EXPECT_EQ(seen.size(), 3U);
+}
+
 TEST_F(Actions, NeverRunWhenTheBrokerKeptThem) {
     watch("vesk/#");
     request("echo", "[\"left over\"]", nullptr, "", true);
@@ -243,6 +287,22 @@ TEST_F(Actions, AnApplicationWithoutAnySaysThatItIsThere) {
     stop_app();
     ASSERT_TRUE(wait_for(STATUS, 2));
     EXPECT_EQ(on(STATUS)[1].payload, "offline");
+}
+
+// Online says that actions are answered, which they are not when the broker refuses the subscription.
+TEST_F(Actions, ARefusedSubscriptionIsNotOnline) {
+    std::ofstream(broker.folder() + "/rules")
+        << R"({"defaultACLAccess": {"publishClientSend": true, "publishClientReceive": true, "subscribe": false},)"
+        << R"("roles": [{"rolename": "r", "acls": [{"acltype": "subscribeLiteral", "topic": "vesk/tester/status", "allow": true}]}],)"
+        << R"("groups": [{"groupname": "g", "roles": [{"rolename": "r"}]}], "anonymousGroup": "g"})";
+    broker.configure("plugin " + broker_plugin("mosquitto_dynamic_security.so") + "\nplugin_opt_config_file " +
+                     broker.folder() + "/rules\n");
+    watch(STATUS);
+    start_app(ACTIONS);
+    ASSERT_TRUE(run_until([&] { return log.count("<4>bus: the broker refused request") == 1; }));
+    stop_app();
+    ASSERT_TRUE(wait_for(STATUS, 1));
+    EXPECT_EQ(on(STATUS)[0].payload, "offline") << "its goodbye comes first";
 }
 
 TEST_F(Actions, GoodbyeIsKept) {
