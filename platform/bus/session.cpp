@@ -275,6 +275,14 @@ void lose(bus_session* session, int error) {
     session->now = session->reconnect ? state::WAITING : state::LOST;
 }
 
+void watch_writable(bus_session* session) {
+    if (mosquitto_want_write(session->client)) {
+        ev_io_start(session->loop, &session->writable);
+    } else {
+        ev_io_stop(session->loop, &session->writable);
+    }
+}
+
 int attempt(bus_session* session) {
     session->accepted = false;
     session->refusal = 0;
@@ -289,6 +297,7 @@ int attempt(bus_session* session) {
     ev_io_set(&session->readable, fd, EV_READ);
     ev_io_set(&session->writable, fd, EV_WRITE);
     ev_io_start(session->loop, &session->readable);
+    watch_writable(session);  // a distant host has not taken the connection yet, and its first packet waits
     return 0;
 }
 
@@ -306,7 +315,9 @@ int publish(mosquitto* client, request* sent, const bus_message& message) {
         code = mosquitto_publish_v5(client, &sent->mid, message.topic, static_cast<int>(message.length),
                                     message.payload, sent->quality, message.retained, properties);
     }
+    const int error = errno;  // says more about some codes, see client_error
     mosquitto_property_free_all(&properties);
+    errno = error;
     return code;
 }
 
@@ -335,14 +346,6 @@ int send(mosquitto* client, request* sent, const bus_message& message) {
             return mosquitto_unsubscribe_v5(client, &sent->mid, message.topic, nullptr);
     }
     return MOSQ_ERR_INVAL;
-}
-
-void watch_writable(bus_session* session) {
-    if (mosquitto_want_write(session->client)) {
-        ev_io_start(session->loop, &session->writable);
-    } else {
-        ev_io_stop(session->loop, &session->writable);
-    }
 }
 
 void send_requests(bus_session* session) {
@@ -565,9 +568,6 @@ bus_session* bus_open(struct ev_loop* loop, const bus_options* options) {
         return nullptr;
     }
     ev_timer_start(loop, &session->tick);
-    if (session->client != nullptr) {
-        watch_writable(session);
-    }
     return session;
 }
 
