@@ -85,7 +85,8 @@ int mmc_read_stat();
 
 // Bytes per second of device busy time since the last call; 0: too little was written to judge; -1: the sample failed
 // (errno); MMC_SPEED_NO_BASELINE: the first call since the start or since the disk was removed.
-// written: null, or where the number of 512-byte sectors written goes (untouched when nothing was written).
+// written: null, or where the number of 512-byte sectors written goes (untouched without a measurement, and when one of
+// the two counters stood still or wrapped).
 int mmc_calc_write_speed(uint32_t* written);
 
 // --- used inside the module and by its tests ---------------------------------------------------------------------
