@@ -22,6 +22,9 @@ constexpr int64_t JOB_PAUSE_NS = 5 * SECOND;  // the longest that a job waits wi
 constexpr int64_t REFRESH_NS = 1810 * SECOND;
 constexpr uint64_t FULL_KIB = 40960;
 constexpr unsigned CARD_MAJOR = 179;
+constexpr int MOST_BLOCKS = 13;
+constexpr size_t MOST_BYTES = 200;
+constexpr size_t BATCH_BYTES = 24;
 constexpr size_t TABLE_BYTES = 4095;  // of the mount table that the daemon looks at
 
 struct block {
@@ -57,6 +60,8 @@ uint64_t failures_at_announcement;
 uint64_t failures_while_full;
 uint64_t last_free_kib = UINT64_MAX;  // as the daemon was told since the last clip was freed
 bool may_abort;
+int lost_batches;  // requests to delete that came while the list was closed
+size_t lost_batch_bytes;
 
 bool is_busy() {
     return sd.closure.status == CLOSURE_BUSY;
@@ -172,6 +177,36 @@ void check_keys() {
     }
 }
 
+// The daemon's table of block devices names what the kernel has told of, in the order in which it told.
+void check_table() {
+    const mmc_manager* told = mmc_get_manager();
+    const auto differs = [](const mmc_block& is, const block& must) {
+        return is.minor != must.minor || is.name == nullptr || is.name != must.name;
+    };
+    const auto count = static_cast<size_t>(told->partition_count);
+    if ((told->disk.name != nullptr) != disk.has_value() || (disk && differs(told->disk, *disk)) ||
+        count != partitions.size()) {
+        violation("the table has the disk %s and %zu partitions, and should have %s and %zu",
+                  told->disk.name != nullptr ? told->disk.name : "none", count, disk ? disk->name.c_str() : "none",
+                  partitions.size());
+    }
+    for (size_t i = 0; i < count; ++i) {
+        if (differs(told->partitions[i], partitions[i])) {
+            violation("partition %zu of the table should be %s", i, partitions[i].name.c_str());
+        }
+    }
+}
+
+// What a request to delete takes while the list is closed is lost: documented, and counted. Else nothing is left but
+// the keys: three that are listened to, with their names, and the values of those and of two that are set.
+void check_memory() {
+    const live_memory live = count_memory();
+    if (live.blocks - lost_batches > MOST_BLOCKS || live.bytes > MOST_BYTES + lost_batch_bytes) {
+        violation("%d blocks of memory are left, %zu bytes; %d batches were lost", live.blocks, live.bytes,
+                  lost_batches);
+    }
+}
+
 void check_state() {
     const int expected = expected_state();
     ++counted.judgements;
@@ -249,6 +284,9 @@ void check_iteration() {
     }
     check_job();
     check_workers();
+    if (is_known && !is_batch_accepted) {
+        check_table();
+    }
     if (is_clip_announced || (sd.state == SDCARD_FULL && !is_judged)) {
         check_full();
     }
@@ -280,6 +318,9 @@ void check_exit() {
         violation("the list is still open at exit");
     }
     const bool has_job = is_busy();
+    if (!has_job && live_workers() == 0 && lost_workers() == 0) {
+        check_memory();
+    }
     for (const fd_kind kind :
          {fd_kind::NETLINK, fd_kind::MOUNTINFO, fd_kind::DISK, fd_kind::DIRECTORY, fd_kind::BUS, fd_kind::SYSTEM}) {
         if (open_descriptors(kind) != 0) {
@@ -408,6 +449,11 @@ void clip_requested(uint32_t ts) {
     request_of_clip& request = requested[ts];
     ++request.batches;
     request.since_ns = now_ns();
+}
+
+void batch_lost(size_t clips) {
+    ++lost_batches;
+    lost_batch_bytes += BATCH_BYTES + clips * sizeof(uint32_t);
 }
 
 void unlink_tried(uint32_t ts) {

@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
+#include <utility>
 
 #include "faults.h"
 #include "invariants.h"
@@ -15,6 +16,9 @@ namespace {
 constexpr int COOL_DOWN_S = 300;
 constexpr int NOT_SLOW = -1;
 constexpr int64_t DAY_NS = 86'400 * SECOND;
+constexpr int64_t DAILY_SLACK_NS = 10 * SECOND;
+constexpr int64_t INFO_SPREAD_NS =
+    1800 * SECOND;  // so much earlier than a day after the last the daily report may come
 
 struct cool_down {
     int32_t last_sent_s = 0;
@@ -22,8 +26,10 @@ struct cool_down {
 };
 cool_down cool_downs[3];  // of the states, of slowness, of unmounting
 
-std::string sent;  // the alert that was sent since one was asked for
-int64_t last_info_ns = -1;
+std::string sent;            // the alert that was sent since one was asked for
+int64_t daily_info_ns = -1;  // of the last daily report, or when the first one began to be waited for
+int state_seen = SDCARD_UNKNOWN;
+bool is_alert_asked;  // of a state that the card has just come into
 
 // The write speed.
 bool has_baseline;
@@ -79,11 +85,38 @@ void judge(cool_down& slot, int type, const std::string& own, function call_it) 
 
 }  // namespace
 
+namespace {
+
+// The card's details are told when its state has changed, and once a day.
+void heard_info() {
+    const int before = std::exchange(state_seen, sd.state);
+    if (std::exchange(is_alert_asked, false) || before != sd.state) {
+        return;
+    }
+    const int64_t since_ns = now_ns() - daily_info_ns;
+    if (since_ns < DAY_NS - INFO_SPREAD_NS - DAILY_SLACK_NS) {
+        violation("a daily report %lld s after the last", static_cast<long long>(since_ns / SECOND));
+    }
+    daily_info_ns = now_ns();
+}
+
+void check_daily_info() {
+    if (daily_info_ns < 0) {
+        daily_info_ns = now_ns();  // the loop's first turn
+    }
+    if (now_ns() - daily_info_ns > DAY_NS + DAILY_SLACK_NS &&
+        failures_of(call::JSON_OBJECT) + failures_of(call::JSON_ARRAY) + failures_of(call::MALLOC) == 0) {
+        violation("no daily report for more than a day");
+    }
+}
+
+}  // namespace
+
 void heard_report(const std::string& event_name, const std::string& json) {
     if (event_name == "sdcard.alert") {
         sent = json;
     } else if (event_name == "sdcard.info") {
-        last_info_ns = now_ns();
+        heard_info();
         if (failures() == 0 && json.rfind("{ \"state\": " + std::to_string(sd.state) + ",", 0) != 0) {
             violation("report %s in state %d", json.c_str(), sd.state);
         }
@@ -162,10 +195,9 @@ void loop_sleeps() {
         violation("a turn of the loop took %lld ns and the watchdog said %s", static_cast<long long>(elapsed_ns),
                   heard_watchdog ? "so" : "nothing");
     }
-    if (last_info_ns >= 0 && now_ns() - last_info_ns > DAY_NS + 10 * SECOND &&
-        failures_of(call::JSON_OBJECT) + failures_of(call::MALLOC) == 0) {
-        violation("no report for more than a day");
-    }
+    check_daily_info();
+    state_seen = sd.state;
+    is_alert_asked = false;
 }
 
 }  // namespace sim
@@ -187,6 +219,7 @@ void seen_alert(rpc_alert type) {
     if ((type != RPC_ALERT_BROKEN && type != RPC_ALERT_NOT_EXISTS) || sd.state != state) {
         violation("alert of type %d in state %d", type, sd.state);
     }
+    is_alert_asked = true;
     judge(cool_downs[0], type, "", [type] { real_alert(type); });
 }
 

@@ -22,11 +22,20 @@ constexpr rate RATES[KINDS] = {
     {kind::INSERT, "insert", 60, 100},   {kind::PULL, "pull", 20, 80},     {kind::SWAP, "swap", 10, 60},
     {kind::REQUEST, "request", 150, 90}, {kind::CLOCK, "clock", 10, 40},   {kind::BROKER, "broker", 20, 50},
     {kind::NOTICE, "notice", 20, 40},    {kind::UEVENT, "uevent", 60, 60}, {kind::MOUNT, "mount", 20, 40},
-    {kind::HOLD, "hold", 20, 60},        {kind::CARD, "card", 30, 60},     {kind::TOOL, "tool", 20, 60},
-    {kind::LIST, "list", 10, 40},        {kind::FAIL, "fail", 100, 50},    {kind::SIGNAL, "sigterm", 0, 0},
+    {kind::HOLD, "hold", 20, 60},        {kind::WRITE, "write", 60, 60},   {kind::CARD, "card", 30, 60},
+    {kind::TOOL, "tool", 20, 60},        {kind::LIST, "list", 10, 40},     {kind::FAIL, "fail", 100, 50},
+    {kind::SIGNAL, "sigterm", 0, 0},
 };
 
 constexpr int64_t DAY_MS = 86'400'000;
+constexpr uint32_t SLOW_CARD = 8;  // of the sixteen kinds
+
+// Some cameras just hang on their wall: the card stays in and is written to, and what takes hours has the time to
+// happen.
+bool happens_on_a_wall(kind what) {
+    return what == kind::CLIP || what == kind::WRITE || what == kind::BROKER || what == kind::NOTICE ||
+           what == kind::RELEASE;
+}
 
 }  // namespace
 
@@ -35,11 +44,15 @@ std::vector<event> make_plan(uint64_t seed, double days) {
     const auto length_ms = static_cast<int64_t>(days * DAY_MS);
     std::vector<event> plan;
     // Most cameras start with a card in the slot.
-    if (chance.percent(70)) {
+    const bool is_quiet = chance.percent(15);
+    if (is_quiet) {
+        const uint32_t what = chance.below(1U << 12) * 16 + SLOW_CARD;
+        plan.push_back({0, kind::INSERT, chance.percent(70) ? what : what + 1, chance.below(1U << 16)});
+    } else if (chance.percent(70)) {
         plan.push_back({0, kind::INSERT, chance.below(1U << 16), chance.below(1U << 16)});
     }
     for (const rate& r : RATES) {
-        const bool occurs = chance.percent(r.worlds_percent);
+        const bool occurs = chance.percent(r.worlds_percent) && (!is_quiet || happens_on_a_wall(r.what));
         // Some worlds are ten times as quiet, some three times as busy as others.
         const uint64_t tempo = chance.below(3) == 0 ? 10 : 100 + chance.below(200);
         const uint64_t count = occurs ? static_cast<uint64_t>(r.per_day * days) * tempo / 100 + 1 : 0;

@@ -23,6 +23,7 @@ enum class kind : uint8_t {
     UEVENT,   // the kernel says something odd; a: what
     MOUNT,    // somebody mounts or unmounts; a: what
     HOLD,     // processes hold the card; b: for how long
+    WRITE,    // somebody writes a little to the card; a: how much
     CARD,     // the card changes its ways; a: how
     TOOL,     // the next run of a tool is not what it should be; a: which, b: how
     LIST,     // the record list library: a: what

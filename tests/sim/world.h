@@ -220,11 +220,11 @@ void odd_list(uint32_t a);
 
 // --- memory (world_memory.cpp) ---------------------------------------------------------------------------------------
 
-struct live_blocks {
-    int plain;    // malloc, calloc, realloc
-    int strings;  // strdup, strndup
+struct live_memory {
+    int blocks;
+    size_t bytes;
 };
-live_blocks count_blocks();
+live_memory count_memory();  // what the daemon, libev and json-c hold
 
 // --- a life (world.cpp) ----------------------------------------------------------------------------------------------
 

@@ -10,21 +10,21 @@
 namespace sim {
 namespace {
 
-std::unordered_map<void*, bool> blocks;  // and whether it came from strdup or strndup
+std::unordered_map<void*, size_t> blocks;  // and the bytes of each
 
-void* track(void* block, bool is_string) {
+void* track(void* block, size_t bytes) {
     if (block != nullptr) {
-        blocks[block] = is_string;
+        blocks[block] = bytes;
     }
     return block;
 }
 
 }  // namespace
 
-live_blocks count_blocks() {
-    live_blocks live = {0, 0};
-    for (const auto& [block, is_string] : blocks) {
-        ++(is_string ? live.strings : live.plain);
+live_memory count_memory() {
+    live_memory live = {static_cast<int>(blocks.size()), 0};
+    for (const auto& [block, bytes] : blocks) {
+        live.bytes += bytes;
     }
     return live;
 }
@@ -36,11 +36,11 @@ using namespace sim;
 extern "C" {
 
 void* __wrap_malloc(size_t size) {
-    return must_fail(call::MALLOC) ? nullptr : track(__real_malloc(size), false);
+    return must_fail(call::MALLOC) ? nullptr : track(__real_malloc(size), size);
 }
 
 void* __wrap_calloc(size_t count, size_t size) {
-    return must_fail(call::MALLOC) ? nullptr : track(__real_calloc(count, size), false);
+    return must_fail(call::MALLOC) ? nullptr : track(__real_calloc(count, size), count * size);
 }
 
 void* __wrap_realloc(void* block, size_t size) {
@@ -48,15 +48,16 @@ void* __wrap_realloc(void* block, size_t size) {
         return nullptr;
     }
     blocks.erase(block);
-    return track(__real_realloc(block, size), false);
+    return track(__real_realloc(block, size), size);
 }
 
 char* __wrap_strdup(const char* text) {
-    return must_fail(call::MALLOC) ? nullptr : static_cast<char*>(track(__real_strdup(text), true));
+    return must_fail(call::MALLOC) ? nullptr : static_cast<char*>(track(__real_strdup(text), strlen(text) + 1));
 }
 
 char* __wrap_strndup(const char* text, size_t size) {
-    return must_fail(call::MALLOC) ? nullptr : static_cast<char*>(track(__real_strndup(text, size), true));
+    return must_fail(call::MALLOC) ? nullptr
+                                   : static_cast<char*>(track(__real_strndup(text, size), strnlen(text, size) + 1));
 }
 
 void __wrap_free(void* block) {

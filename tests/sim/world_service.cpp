@@ -302,6 +302,7 @@ void act(const char* name, const std::string& parameters, const std::vector<uint
             reply = json_object_new_object();
         }
         const int state = sdcard_get_state();
+        const bool has_list = list_is_open();
         const bool is_array = json_object_is_type(params, json_type_array) != 0;
         const int32_t code = row->handler(nullptr, params, reply);
         const faults_paused pause;
@@ -317,6 +318,9 @@ void act(const char* name, const std::string& parameters, const std::vector<uint
             }
         } else if (code != 0 && code != (strcmp(name, "sd_format") == 0 ? -2003 : -2002)) {
             violation("%s answers %d", name, code);
+        }
+        if (deletes && code == 0 && !has_list) {
+            batch_lost(json_object_array_length(params));
         }
         if (code != 0) {
             for (const uint32_t ts : listed) {
