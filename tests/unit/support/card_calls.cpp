@@ -1,5 +1,6 @@
 #include "support/card_calls.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <condition_variable>
@@ -38,6 +39,7 @@ bool has_failed = false;
 std::map<std::string, int> counts;
 card_calls::hooks the_hooks;
 uint32_t volume = 0;
+std::atomic<size_t> most_at_once = SIZE_MAX;
 
 // True: the call is to fail, errno is set.
 bool enter(const char* call, bool writes) {
@@ -98,6 +100,7 @@ void reset() {
     counts.clear();
     the_hooks = {};
     volume = 0;
+    most_at_once = SIZE_MAX;
 }
 void fail(const std::string& only, int nth, int errnum, int times) {
     const std::lock_guard lock(guard);
@@ -132,6 +135,9 @@ void set_volume(uint32_t number) {
     const std::lock_guard lock(guard);
     volume = number;
 }
+void set_most_at_once(size_t bytes) {
+    most_at_once = bytes;
+}
 void set_hooks(const hooks& wanted) {
     const std::lock_guard lock(guard);
     the_hooks = wanted;
@@ -154,10 +160,10 @@ int __wrap_openat64(int folder, const char* name, int flags, ...) {
     return enter(writes ? "open for writing" : "open", writes) ? -1 : __real_openat64(folder, name, flags, mode);
 }
 ssize_t __wrap_pread64(int fd, void* data, size_t size, off64_t offset) {
-    return enter("pread", false) ? -1 : __real_pread64(fd, data, size, offset);
+    return enter("pread", false) ? -1 : __real_pread64(fd, data, std::min<size_t>(size, most_at_once), offset);
 }
 ssize_t __wrap_pwrite64(int fd, const void* data, size_t size, off64_t offset) {
-    return enter("pwrite", true) ? -1 : __real_pwrite64(fd, data, size, offset);
+    return enter("pwrite", true) ? -1 : __real_pwrite64(fd, data, std::min<size_t>(size, most_at_once), offset);
 }
 int __wrap_ftruncate64(int fd, off64_t size) {
     return enter("ftruncate", true) ? -1 : __real_ftruncate64(fd, size);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -15,6 +16,9 @@ void reset();
 void fail(const std::string& only, int nth, int errnum, int times = 1);
 bool failed();  // whether that has happened
 int count(const std::string& call);
+
+// From now on, one read or write moves so many bytes at most.
+void set_most_at_once(size_t bytes);
 
 // While stopped, calls that write to the card hang, as on a card whose driver waits.
 void stop();
