@@ -374,8 +374,12 @@ KYT_API int kyt_write(kyt_handle* h, const kyt_record* record) {
         return -1;
     }
     write_again(h);
+    // The announcement first: a comparison that has found the same clip knows neither its duration nor its mark.
+    const int result = add(h, *record);
+    const int error = errno;
     take_found(h);
-    return add(h, *record);
+    errno = error;
+    return result;
 }
 
 KYT_API int kyt_mark_deleted(kyt_handle* h, kyt_record* record) {

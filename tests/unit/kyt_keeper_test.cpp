@@ -202,6 +202,17 @@ TEST_F(KytKeeper, AnAnnouncementTakesOverWhatWasFound) {
     EXPECT_EQ(all_ts(list), (std::vector<uint32_t>{BASE + 60, BASE + 120}));
 }
 
+TEST_F(KytKeeper, AnAnnouncementCountsMoreThanWhatWasFound) {
+    open();
+    card.add_clip(BASE + 60);
+    ASSERT_EQ(kyt_optimise(list), 0);
+    ASSERT_TRUE(await([&] { return list->keeper->at == kyt::phase::DONE; }));
+    write(BASE + 60, ",20,1");
+    ASSERT_EQ(all_ts(list), std::vector<uint32_t>{BASE + 60});
+    EXPECT_EQ(kyt_record_seconds(kyt_get(list, BASE + 60)), 20U);
+    EXPECT_EQ(kyt_get(list, BASE + 60)->flags, KYT_PERSISTENT);
+}
+
 TEST_F(KytKeeper, OddThingsInTheFolderAreNoClips) {
     open();
     for (const char* name : {"2026092213/20260922_130000.mp4.part", "2026092213/20260922_140000.mp4",
