@@ -34,6 +34,7 @@ IMAGE = ROOT / "build/camera/initrd.gz"
 KERNEL = ROOT / "build/target/kernel/boot/vmlinuz"
 
 DRIVE = "sd"  # QEMU's name of what is in the card slot; "sd0" is taken
+SLOT = "slot"  # and of the slot itself
 AGENT_PORT = 7000
 BROKER_PORT = 1883
 STATES = ("normal", "not_exists", "full", "broken", "formatting", "eject", "fixing", "ejecting")  # by sdcard_status
@@ -123,6 +124,7 @@ class Camera:
         self._alarm: threading.Timer | None = None
         self._ports: dict[int, int] = {}
         self._throttle: dict[str, int] = {}
+        self._logged = 0  # cards with a log of their writes since power-on
         self._bus: Bus | None = None
 
     # --- power ---
@@ -151,7 +153,7 @@ class Camera:
                    "-initrd", str(IMAGE), "-append", append, "-display", "none", "-vga", "none", "-monitor", "none", "-no-reboot",
                    "-serial", f"file:{self.console_path}", "-serial", f"file:{self.log_path}",
                    "-nic", "none", "-netdev", f"user,id=net{forwards}", "-device", "pcnet,netdev=net,romfile=,addr=0x14",
-                   "-device", "sdhci-pci,addr=0x12", "-drive", drive, "-device", f"sd-card,drive={DRIVE}",
+                   "-device", "sdhci-pci,addr=0x12", "-drive", drive, "-device", f"sd-card,id={SLOT},drive={DRIVE}",
                    "-qmp", f"unix:{qmp_path},server=on,wait=off", *extra]
         # The kernel ends the emulator with this program, should it end without a chance to do so itself.
         command = ["setpriv", "--pdeathsig", "KILL", *command]
@@ -204,11 +206,21 @@ class Camera:
 
     # --- the card slot ---
 
-    def insert(self, path: Path | str, write_protected: bool = False) -> None:
-        """Puts a card into the slot. write_protected: its switch is set before anything can write to it."""
+    def insert(self, path: Path | str, write_protected: bool = False, write_log: Path | None = None) -> None:
+        """Puts a card into the slot. write_protected: its switch is set before anything can write to it. write_log: a
+        new file for all that is written to the card, in order, as the kernel's log-writes target lays it out."""
         if write_protected:
             self.spawn("until echo 1 > /sys/block/mmcblk0/force_ro; do usleep 10000; done")
-        self._execute("blockdev-change-medium", device=DRIVE, filename=str(path), format="raw")
+        if write_log:
+            write_log.write_bytes(b"")
+            self._logged += 1
+            node = f"logged{self._logged}"
+            self._execute("blockdev-add", **{"driver": "blklogwrites", "node-name": node,
+                                             "file": {"driver": "file", "filename": str(path)},
+                                             "log": {"driver": "file", "filename": str(write_log)}})
+            self._execute("blockdev-insert-medium", **{"id": SLOT, "node-name": node})
+        else:
+            self._execute("blockdev-change-medium", device=DRIVE, filename=str(path), format="raw")
         self.card = Path(path)
         self._apply_throttle()  # each medium has its own
 

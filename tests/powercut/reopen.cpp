@@ -1,0 +1,100 @@
+// Opens recordings folders as the camera does after a power cut, each in a process of its own, and tells what is left.
+//
+// A request is a line: FOLDER VOLUME CALL. VOLUME is the serial number of the folder's FAT volume. CALL above 0: first
+// a repair that is cut in its turn, from the so manieth call on which nothing reaches the card any more. The answer:
+//   log TEXT           what the library logs during the last repair, which nothing disturbs
+//   clip TS SECONDS FLAGS
+//   health NUMBER      what kyt_check finds wrong with the list afterwards: 0
+//   end 0              or the errno of what failed, or minus the signal that ended the process
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "handle.h"
+#include "kyt_rdonly.h"
+#include "support/card_calls.h"
+
+namespace {
+
+constexpr unsigned PATIENCE_S = 60;
+bool telling;
+
+void tell(const char* format, va_list args) {
+    if (telling) {
+        std::fputs("log ", stdout);
+        std::vprintf(format, args);
+        std::fputs("\n", stdout);
+    }
+}
+
+int reopen(const char* folder, uint32_t volume, int call) {
+    alarm(PATIENCE_S);
+    card_calls::set_volume(volume);
+    if (call > 0) {
+        card_calls::fail("", call, EIO, 1'000'000);
+        kyt_close_dirty(kyt::open_folder(folder));
+        card_calls::fail("", 0, 0, 0);
+    }
+    telling = true;
+    if (kyt_repair(folder) != 0) {
+        return errno;
+    }
+    kyt_handle* const list = kyt_open_rdonly(folder);
+    if (list == nullptr) {
+        return errno;
+    }
+    for (const kyt_record* clip = kyt_next(list, nullptr); clip != nullptr; clip = kyt_next(list, clip)) {
+        std::printf("clip %u %u %u\n", clip->ts, kyt_record_seconds(clip), clip->flags);
+    }
+    kyt_close(list);
+    kyt_health health = {};
+    if (kyt_check(folder, &health) != 0) {
+        return errno;
+    }
+    std::printf("health %u\n", health.header_damaged + health.other_version + health.open + health.other_byte_order +
+                                   health.wrong_size + health.out_of_order + health.destroyed + health.unreadable +
+                                   health.twice + health.undeleted);
+    return 0;
+}
+
+}  // namespace
+
+#define TELL(name)                                  \
+    extern "C" void name(const char* format, ...) { \
+        va_list args;                               \
+        va_start(args, format);                     \
+        tell(format, args);                         \
+        va_end(args);                               \
+    }
+TELL(log_err)
+TELL(log_warning)
+TELL(log_info)
+
+int main() {
+    char line[4096];
+    char folder[4096];
+    unsigned volume = 0;
+    int call = 0;
+    while (std::fgets(line, sizeof line, stdin) != nullptr) {
+        if (std::sscanf(line, "%4095s %u %d", folder, &volume, &call) != 3) {
+            return 2;
+        }
+        const pid_t child = fork();
+        if (child == 0) {
+            const int error = reopen(folder, volume, call);
+            std::fflush(stdout);
+            std::_Exit(error);
+        }
+        int status = 0;
+        if (child < 0 || waitpid(child, &status, 0) != child) {
+            return 1;
+        }
+        std::printf("end %d\n", WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status));
+        std::fflush(stdout);
+    }
+    return 0;
+}
