@@ -1,5 +1,6 @@
 """Disk tools that fail in every way: missing, killed, hanging, talkative. The job ends, and the card is back as it is."""
 
+import re
 from collections.abc import Callable
 from pathlib import Path
 
@@ -37,6 +38,16 @@ def test_a_tool_that_is_missing_or_fails(camera: Camera, card: MakeCard, tools: 
     fail_format(camera, tool, "exit with code 3", request(camera, "format"))
     tools.restore()
     format_card(camera)
+
+
+@pytest.mark.parametrize("tool, reason", [("fdisk", "the old volume "),
+                                          ("mkfs.fat", "nothing on the card |the card is broken")])
+def test_a_failed_format_is_told_as_such(camera: Camera, card: MakeCard, tools: Tools, tool: str, reason: str) -> None:
+    """With the old filesystem back in service, and with none at all: then the first state behind it is not_exists."""
+    insert_normal(camera, card("fat"))
+    tools.stand_in(tool, "exit 3")
+    answer = camera.run("veskctl format --yes --wait", 60)
+    assert answer.code == 1 and re.match(f"format: failed, ({reason})", answer.text), answer
 
 
 @pytest.mark.parametrize("tool", ["fdisk", "mkfs.fat"])
