@@ -31,9 +31,9 @@ void told_free(uint64_t kib);  // how much is free, as the daemon has just been 
 void check_unlink(const std::string& path_below_mount_point);
 void clip_removed(const std::string& path_below_mount_point);
 void clip_listed(filesystem& fs, uint32_t ts, bool is_protected);
-void clip_requested(uint32_t ts);  // a remote request wants it deleted, and it is in the list
-void batch_lost(size_t clips);     // a remote request while the list is closed
-void unlink_tried(uint32_t ts);    // by a worker
+void clip_requested(uint32_t ts);    // a remote request wants it deleted, and it is in the list
+void memory_lost(live_memory what);  // where that is documented
+void unlink_tried(uint32_t ts);      // by a worker
 
 void check_abort();  // is the process allowed to end here?
 void heard_log(const std::string& level, const std::string& text);

@@ -11,6 +11,7 @@
 #include "invariants.h"
 #include "karvel.h"
 #include "real.h"
+#include "records.h"
 #include "sdcard.h"
 #include "vesk_statistics.h"
 #include "vesk_util.h"
@@ -31,6 +32,9 @@ extern "C" json_object* __real_json_object_new_array(void);
 namespace {
 
 using namespace sim;
+
+constexpr int32_t ANSWERED = 0x7fffffff;
+constexpr live_memory EMPTY_ARRAY = {3, 340};  // of json-c, with room for its elements
 
 struct pending {
     karvel_callback on_ok;
@@ -230,7 +234,7 @@ int expected_storage(int state) {
         case SDCARD_EJECT:
             return -2005;
         default:
-            return 0x7fffffff;
+            return ANSWERED;
     }
 }
 
@@ -238,11 +242,11 @@ void check_storage(int32_t code, int state, json_object* reply) {
     if (failures() > 0 || at_mount_point()->statfs_errno != 0) {
         return;
     }
-    if (code != expected_storage(state) && !(code == -2002 && expected_storage(state) == 0x7fffffff)) {
+    if (code != expected_storage(state) && !(code == -2002 && expected_storage(state) == ANSWERED)) {
         violation("sd_storge answers %d in state %d", code, state);
     }
     json_object* result = nullptr;
-    if (code == 0x7fffffff &&
+    if (code == ANSWERED &&
         (!json_object_object_get_ex(reply, "result", &result) || json_object_array_length(result) != 4 ||
          json_object_get_int64(json_object_array_get_idx(result, 2)) !=
              static_cast<int64_t>(at_mount_point()->free_kib() * 1024) ||
@@ -320,7 +324,10 @@ void act(const char* name, const std::string& parameters, const std::vector<uint
             violation("%s answers %d", name, code);
         }
         if (deletes && code == 0 && !has_list) {
-            batch_lost(json_object_array_length(params));
+            // The batch is lost with the list.
+            memory_lost({1, sizeof(del_list_entry) + json_object_array_length(params) * sizeof(uint32_t)});
+        } else if (strcmp(name, "sd_storge") == 0 && code == -2002 && expected_storage(state) == ANSWERED) {
+            memory_lost(EMPTY_ARRAY);  // the card went between two looks at it
         }
         if (code != 0) {
             for (const uint32_t ts : listed) {
