@@ -27,11 +27,11 @@ _veskctl() {
         ;;
     esac
     case $command in
-    '') options='--bus --json --version --help status watch storage clips index save delete format eject busy log report' ;;
+    '') options='--bus --json --version --help status watch storage clips index save delete format eject busy log report action' ;;
     watch) options='--count --timeout --json' ;;
     clips) options='--from --to --marked --unmarked --follow --json' ;;
     index) options='--format --json' ;;
-    delete) options='--yes --json' ;;
+    delete | action) options='--yes --json' ;;
     format) options='--wait --timeout --yes --json' ;;
     eject) options='--wait --timeout --json' ;;
     report) options='--timeout --json' ;;
@@ -53,6 +53,9 @@ _veskctl() {
         mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -f -- "$word")
         ;;
     index:*) mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -f -- "$word") ;;
+    action:[!-]* | action:)
+        mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -W 'deleteVideo deleteSaveVideo saveVideo sd_storge sd_format sd_umount' -- "$word")
+        ;;
     report:*) mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -f -- "$word") ;;
     esac
 }

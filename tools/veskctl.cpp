@@ -32,6 +32,7 @@ constexpr subcommand SUBCOMMANDS[] = {
     {"busy", veskctl_busy, "the processes that hold the card"},
     {"log", veskctl_log, "what happened to the clips; [FOLDER] of a copied recordings folder"},
     {"report", veskctl_report, "the card's details (--timeout S; [FILE] of a report that was kept)"},
+    {"action", veskctl_action, "a remote action by its NAME on the bus; [PARAMETERS] are JSON (--yes)"},
 };
 
 // By number; what the daemon publishes as "sdcard_status".

@@ -38,6 +38,7 @@ int veskctl_eject(const veskctl_options& options, int argc, char** argv);
 int veskctl_busy(const veskctl_options& options, int argc, char** argv);
 int veskctl_log(const veskctl_options& options, int argc, char** argv);
 int veskctl_index(const veskctl_options& options, int argc, char** argv);
+int veskctl_action(const veskctl_options& options, int argc, char** argv);
 int veskctl_report(const veskctl_options& options, int argc, char** argv);
 
 // The card state in words by its number as published; null when there is no such state.

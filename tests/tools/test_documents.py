@@ -147,7 +147,7 @@ def test_completion_knows_every_command() -> None:
     assert complete("--bus", "") == {"unix:", "tcp:"}
 
 
-@pytest.mark.parametrize("name", ["status", "watch", "storage", "clips", "index", "save", "delete", "format", "eject", "busy", "log", "report"])
+@pytest.mark.parametrize("name", ["status", "watch", "storage", "clips", "index", "save", "delete", "format", "eject", "busy", "log", "report", "action"])
 def test_completion_knows_every_option(name: str) -> None:
     assert complete(name, "-") == commands()[name] | {"--json"}
 

@@ -117,6 +117,47 @@ def test_storage_without_service(tmp_path: Path) -> None:
     assert done.returncode == 3 and "does not answer" in done.stderr
 
 
+# --- action -----------------------------------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("arguments, asked", [
+    (["sd_storge"], ("sd_storge", "{}")), (["saveVideo", "[1, 2]"], ("saveVideo", "[1,2]")), (["made_up", "5"], ("made_up", "5")),
+    (["--yes", "deleteSaveVideo", "[1]"], ("deleteSaveVideo", "[1]")), (["--yes", "sd_format"], ("sd_format", "{}"))])
+def test_action(broker: Broker, daemon, arguments: list[str], asked: tuple[str, str]) -> None:
+    it = daemon(actions={asked[0]: FIGURES})
+    done = ask(broker, "action", *arguments)
+    assert (done.returncode, done.stderr) == (0, "")
+    assert json.loads(done.stdout) == json.loads(FIGURES)
+    assert it.asked == [asked]
+
+
+@pytest.mark.parametrize("code, exit_code, words", [
+    (-2003, 4, "there is no card"), (-2005, 4, "the card is ejected"), (-2000, 6, "a card job is running"),
+    (-38, 6, "it does not know this action")])
+def test_action_that_is_refused(broker: Broker, daemon, code: int, exit_code: int, words: str) -> None:
+    daemon(actions={"sd_umount": code})
+    done = ask(broker, "action", "sd_umount")
+    assert (done.returncode, json.loads(done.stdout)) == (exit_code, {"code": code})
+    assert done.stderr == f"veskctl: the daemon answers {code}: {words}\n"
+
+
+@pytest.mark.parametrize("name", ["deleteVideo", "deleteSaveVideo", "sd_format"])
+def test_action_that_erases_is_asked_about(broker: Broker, daemon, name: str) -> None:
+    it = daemon(actions={name: 0})
+    done = ask(broker, "action", name)  # there is nobody to ask
+    assert (done.returncode, done.stdout) == (2, "") and "--yes" in done.stderr
+    assert it.asked == []
+
+
+@pytest.mark.parametrize("arguments", [[], ["a", "{}", "{}"], ["a/b"], ["a+"], ["#"], [""], ["n" * 65], ["a", "{"], ["a", ""],
+                                       ["a", "{} {}"], ["a", "nonsense"], ["--no", "a"]])
+def test_bad_action(broker: Broker, daemon, arguments: list[str]) -> None:
+    it = daemon(actions={"a": 0})
+    done = ask(broker, "action", *arguments)
+    assert (done.returncode, done.stdout) == (2, "") and done.stderr
+    assert it.asked == []
+
+
 # --- clips ------------------------------------------------------------------------------------------------------------
 
 
