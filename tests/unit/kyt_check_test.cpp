@@ -176,6 +176,41 @@ TEST_F(KytCheck, APageThatTheCardDoesNotGive) {
     EXPECT_EQ(looked(), " header_damaged clips 5 clips_not_listed 5");
 }
 
+TEST_F(KytCheck, APageHasFiveHundredAndTwelveRecords) {
+    std::string longer = with_header(bytes, [](kyt::list_header* header) { header->records = 1100; });
+    for (uint32_t slot = CLIPS; slot < 1100; ++slot) {
+        const kyt_record record = kyt::live_record(ts_of(slot), 60, 0);
+        std::memcpy(longer.data() + kyt::RECORDS_AT + slot * sizeof record, &record, sizeof record);
+    }
+    card.set_bytes(LIST, longer);
+    card_calls::fail("pread", 3, EIO);
+    EXPECT_EQ(looked(), "KYT_A.LST records 588 destroyed 512 unreadable clips 5 records_without_clip 583");
+}
+
+TEST_F(KytCheck, WithoutAHeaderTheFirstWholeRecordTellsTheByteOrder) {
+    const int folder = open(card.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const auto loaded_other = [&](std::string list) {
+        std::fill(list.begin(), list.begin() + sizeof(kyt::list_header), '\0');
+        card.set_bytes(LIST, list);
+        kyt::loaded l;
+        kyt::load_file(folder, LIST, &l);
+        return std::to_string(l.records.size) + (l.other_order ? " of the other order" : "");
+    };
+    std::string other = bytes;
+    for (size_t slot = 0; slot < CLIPS; ++slot) {
+        const auto at = other.begin() + static_cast<long>(kyt::RECORDS_AT + slot * sizeof(kyt_record));
+        std::reverse(at, at + 4);
+    }
+    EXPECT_EQ(loaded_other(bytes), "5");
+    EXPECT_EQ(loaded_other(other), "5 of the other order");
+    EXPECT_EQ(loaded_other(std::string(bytes.size(), '\0')), "0");
+    // The second page's, when the first one has none.
+    EXPECT_EQ(
+        loaded_other(other.substr(0, kyt::RECORDS_AT) + std::string(4096, '\0') + other.substr(kyt::RECORDS_AT, 4096)),
+        "5 of the other order");
+    close(folder);
+}
+
 TEST_F(KytCheck, OfTwoRecordsOfAClipOneCountsAndItIsTheLiveOne) {
     const kyt_record live = kyt::live_record(ts_of(1), 60, 0);
     const kyt_record deleted = kyt::deleted_record(live, 1);

@@ -6,6 +6,7 @@
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/resource.h>
 
 #include "handle.h"
 #include "kyt_rdonly.h"
@@ -78,6 +79,37 @@ TEST_F(KytKeeper, AChangeIsSynchronisedWithinTwoSeconds) {
     ASSERT_TRUE(await([&] { return card_calls::count("fdatasync") >= before + 2; }, 3000));
     kyt_get(list, BASE)->flags = KYT_PERSISTENT;
     EXPECT_TRUE(await([&] { return card_calls::count("fdatasync") >= before + 3; }, 2000));
+}
+
+TEST_F(KytKeeper, AnIdleListIsNotSynchronisedButAFailureIsSeen) {
+    open();
+    // Pages alone, tick after tick; the card's own cache is flushed for changes only.
+    ASSERT_TRUE(await([] { return card_calls::count("sync_file_range") >= 2; }));
+    card_calls::fail("sync_file_range", 1, EIO);
+    EXPECT_TRUE(await([] { return logged::has("err kyt: the card does not take the list: Input/output error"); }));
+    EXPECT_TRUE(list->keeper->redirty);
+}
+
+TEST_F(KytKeeper, AnOpenWithoutDescriptorsSaysSoAndLeavesNoneOpen) {
+    const int before = open_descriptors();
+    const int next = dup(STDERR_FILENO);
+    close(next);
+    rlimit limit = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    rlimit low = limit;
+    int refused = 0;
+    for (low.rlim_cur = static_cast<rlim_t>(next); !list; ++low.rlim_cur) {
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+        list = kyt::open_folder(card.path().c_str());
+        const int failure = errno;
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+        if (!list) {
+            ++refused;
+            EXPECT_EQ(failure, EMFILE);
+            EXPECT_EQ(open_descriptors(), before) << refused;
+        }
+    }
+    EXPECT_GE(refused, 3);  // the folder, the list, the keeper's own
 }
 
 TEST_F(KytKeeper, NoCallOfTheLoopWaitsForAStalledCard) {

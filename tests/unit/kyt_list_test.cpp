@@ -314,6 +314,73 @@ TEST_F(KytList, AClipDeletedOnceMoreWhileTheListIsRewrittenStaysDeleted) {
     EXPECT_NE(kyt::list_find(list->order, BASE + 20), kyt::list::NONE);  // else the comparison would bring it back
 }
 
+TEST_F(KytList, WhatIsRecordedWhileTheListIsRewrittenMayExceedTheNewFile) {
+    open();
+    for (const uint32_t ts : {10U, 20U, 15U}) {
+        const kyt_record record = record_of(BASE + ts);
+        ASSERT_EQ(kyt_write(list, &record), 0);
+    }
+    ASSERT_EQ(kyt_optimise(list), 0);
+    await_job(list);
+    ASSERT_TRUE(list->keeper->work.rewritten);
+    for (uint32_t i = 0; i < 8'000; ++i) {
+        const kyt_record record = record_of(BASE + 100 + i);
+        ASSERT_EQ(kyt_write(list, &record), 0);
+    }
+    ASSERT_EQ(kyt_optimise(list), 0);
+    EXPECT_EQ(list->file, 1);
+    EXPECT_GT(list->map.usable, list->map.in_file);
+    await_job(list);
+    reopen();
+    EXPECT_EQ(kyt_count(list), 8'003U);
+    EXPECT_EQ(all_ts(list).back(), BASE + 100 + 7'999);
+}
+
+// 512 of them and one more for each 64 live clips, the first slot's included.
+TEST_F(KytList, TombstonesAreDroppedWhenThereAreEnough) {
+    open();
+    for (uint32_t i = 0; i < 640; ++i) {
+        const kyt_record record = record_of(BASE + i);
+        ASSERT_EQ(kyt_write(list, &record), 0);
+    }
+    for (uint32_t i = 0; i < 512; ++i) {
+        ASSERT_EQ(kyt_mark_deleted(list, kyt_get(list, BASE + i)), 0);
+    }
+    for (int round = 0; round < 4; ++round) {
+        optimise(list);
+    }
+    EXPECT_EQ(list->file, 0);
+    EXPECT_EQ(list->order.count, 640U);
+    ASSERT_EQ(kyt_mark_deleted(list, kyt_get(list, BASE + 512)), 0);
+    for (int round = 0; round < 4; ++round) {
+        optimise(list);
+    }
+    EXPECT_EQ(list->file, 1);
+    EXPECT_EQ(list->order.count, 127U);
+    EXPECT_EQ(all_ts(list).front(), BASE + 513);
+}
+
+TEST_F(KytList, AClipComesBackInFrontOfBehindAndWithinARunOfDeletedOnes) {
+    open();
+    model expected;
+    for (uint32_t i = 0; i < 10; ++i) {
+        const kyt_record record = record_of(BASE + i);
+        ASSERT_EQ(kyt_write(list, &record), 0);
+        expected[BASE + i] = {0, 0};
+    }
+    for (uint32_t i = 1; i < 9; ++i) {
+        ASSERT_EQ(kyt_mark_deleted(list, kyt_get(list, BASE + i)), 0);
+        expected.erase(BASE + i);
+    }
+    EXPECT_EQ(contents(list), expected);
+    for (const uint32_t i : {4U, 1U, 8U, 6U, 2U, 3U, 5U, 7U}) {
+        const kyt_record record = record_of(BASE + i);
+        ASSERT_EQ(kyt_write(list, &record), 0) << i;
+        expected[BASE + i] = {0, 0};
+        EXPECT_EQ(contents(list), expected) << i;
+    }
+}
+
 TEST_F(KytList, RefusesWhatIsNoRecord) {
     open();
     kyt_record record = record_of(BASE);
