@@ -587,6 +587,13 @@ TEST_F(MainTest, DumpSurvivesShortAndFailingWrites) {
     });
     EXPECT_TRUE(outcome.killed_by(SIGABRT)) << outcome.status;
     EXPECT_EQ(outcome.error.find("SIGBUS"), std::string::npos);
+
+    // Nor is one that takes nothing tried for ever.
+    outcome = child::run([] {
+        on_write = [](int, const void*, size_t) -> ssize_t { return 0; };
+        on_sigbus(SIGBUS, nullptr, nullptr);
+    });
+    EXPECT_TRUE(outcome.killed_by(SIGABRT)) << outcome.status;
 }
 
 }  // namespace

@@ -705,6 +705,13 @@ TEST_F(mmc_batch, datagram_ends_where_it_ends) {
     EXPECT_EQ(logged::lines(), (list{"warning device: Change block mmcblk0p1", "warning device: Change block mmcb"}));
 }
 
+TEST_F(mmc_batch, datagram_of_one_byte_does_not_end_the_batch) {
+    answers = {{"x"}, {disk_event("change")}};
+    readable();
+    EXPECT_EQ(refresh_delays, 1);
+    EXPECT_TRUE(answers.empty());
+}
+
 TEST_F(mmc_batch, empty_datagram_ends_the_batch_with_the_errno_that_was_there) {
     for (int errnum : {EAGAIN, ENOMEM}) {
         answers = {{disk_event("change")}, {"", errnum, true}, {disk_event("change")}};

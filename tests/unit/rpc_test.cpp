@@ -367,6 +367,15 @@ TEST_F(rpc, info_number_of_a_file) {
     }
 }
 
+// Without a line break it ends with the file, not with what was read before.
+TEST_F(rpc, info_number_ends_with_its_file) {
+    make_sysfs();
+    kernel::write(DISK + "ro"s, "987654");
+    kernel::write(DISK + "force_ro"s, "12");
+    kernel::write(DISK + "size"s, "3");
+    EXPECT_EQ(info(), info_with("{}", R"({"ro":987654,"force_ro":12,"size":3})"));
+}
+
 TEST_F(rpc, info_leaves_out_what_cannot_be_read) {
     make_sysfs();
     kernel::write(CARD + "name"s, "SD32G\n");
