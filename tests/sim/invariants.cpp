@@ -304,6 +304,12 @@ void check_iteration() {
     is_judged = is_link_up() && now_ns() - link_changed_ns() >= SETTLED_NS;
 }
 
+void check_mounts_end() {
+    if (list_is_open() || open_descriptors(fd_kind::NETLINK) != 0) {
+        violation("the mount table goes before the list or the uevents");
+    }
+}
+
 void check_exit() {
     if (ev_is_active(&sd.refresh_timer) || ev_is_active(&sd.info_timer) || ev_is_active(&sd.speed_timer) ||
         ev_is_active(&mountpoint_get_manager()->refresh_timer) ||
@@ -533,14 +539,18 @@ void check_unlink(const std::string& path) {
 // --- what is heard ---------------------------------------------------------------------------------------------------
 
 void heard_log(const std::string& level, const std::string& text) {
-    if (level == "crit" || level == "err") {
-        for (const char* fatal :
-             {"Can not receive message on NETLINK socket", "Too many filesystems.", "No filesystem detected.",
-              "fail to init mountpoint monitor", "fail to initialize uevent.", "/proc/filesystems"}) {
-            if (text.find(fatal) != std::string::npos) {
-                may_abort = true;
-            }
+    if ((level == "crit" || level == "err") && failures() > 0) {
+        for (const char* fatal : {"Too many filesystems.", "No filesystem detected.", "fail to init mountpoint monitor",
+                                  "fail to initialize uevent.", "/proc/filesystems"}) {
+            may_abort = may_abort || text.find(fatal) != std::string::npos;
         }
+        may_abort = may_abort || (text.find("Can not receive message on NETLINK socket") != std::string::npos &&
+                                  failures_of(call::RECV) > 0);
+    }
+    // Each log call leaves another errno behind: what is told after one must have been kept from before it.
+    if ((level == "warning" || level == "err") && text.ends_with("Success") &&
+        text != "records_delete_oldest: Success") {
+        violation("\"%s\": an errno that a log call has disturbed", text.c_str());
     }
     if (text.rfind("ev_run: ", 0) == 0) {
         heard_slow_loop(text);

@@ -11,6 +11,9 @@ namespace sim {
 // After each iteration of the loop.
 void check_iteration();
 
+// The daemon lets go of the mount table, which it does last of all.
+void check_mounts_end();
+
 // After main has returned.
 void check_exit();
 

@@ -373,6 +373,10 @@ int __wrap_close(int fd) {
     if (fd < FIRST_FD) {
         return in_child ? 0 : __real_close(fd);
     }
+    const descriptor* d = get(fd);
+    if (d != nullptr && d->kind == fd_kind::MOUNTINFO) {
+        check_mounts_end();
+    }
     return release(fd);
 }
 
