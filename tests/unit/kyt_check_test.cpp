@@ -222,6 +222,20 @@ TEST_F(KytCheck, OfTwoRecordsOfAClipOneCountsAndItIsTheLiveOne) {
     EXPECT_EQ(looked_at(other_way), "KYT_A.LST out_of_order records 4 deleted twice clips 5 clips_not_listed");
 }
 
+TEST_F(KytCheck, ALookFromOutsideHasEachLiveClipOnceAndInOrder) {
+    std::string changed = with_slot(2, kyt::live_record(ts_of(1), 60, 0));
+    const kyt_record late = kyt::live_record(ts_of(0) - 60, 60, 0);
+    const kyt_record gone = kyt::deleted_record(kyt::live_record(ts_of(3), 60, 0), 1);
+    std::memcpy(changed.data() + kyt::RECORDS_AT + 3 * sizeof gone, &gone, sizeof gone);
+    std::memcpy(changed.data() + kyt::RECORDS_AT + 4 * sizeof late, &late, sizeof late);
+    card.set_bytes(LIST, changed);
+    kyt_handle* const look = kyt_open_rdonly(card.path().c_str());
+    ASSERT_NE(look, nullptr);
+    EXPECT_EQ(all_ts(look), (std::vector<uint32_t>{ts_of(0) - 60, ts_of(0), ts_of(1)}));
+    EXPECT_EQ(kyt_count(look), 3U);
+    kyt_close(look);
+}
+
 TEST_F(KytCheck, ClipsWithoutARecordWhereverTheyLie) {
     card.add_clip(ts_of(0) - 7200);
     EXPECT_EQ(looked(), "KYT_A.LST records 5 clips 6 clips_not_listed");

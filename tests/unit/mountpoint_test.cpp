@@ -126,7 +126,13 @@ class mountpoint : public testing::Test {
   protected:
     mountpoint_manager* m = mountpoint_get_manager();
 
+    // The record as the program finds it, before any test has touched it.
+    static const mountpoint_manager& at_start() {
+        static const mountpoint_manager kept = *mountpoint_get_manager();
+        return kept;
+    }
     void SetUp() override {
+        (void)at_start();
         kernel::reset();
         logged::reset();
         block_devices = mmc_manager{};
@@ -165,6 +171,12 @@ class mountpoint : public testing::Test {
     }
     ev_tstamp timer_left() { return ev_timer_remaining(ev_default_loop(0), &m->refresh_timer); }
 };
+
+TEST_F(mountpoint, nothing_is_mounted_or_held_off_when_the_program_starts) {
+    EXPECT_EQ(at_start().mountinfo_fd, -1);
+    EXPECT_EQ(at_start().mounted, MOUNT_NONE);
+    EXPECT_EQ(at_start().mask, 0U);
+}
 
 // --- the filesystems -----------------------------------------------------------------------------------------------
 
