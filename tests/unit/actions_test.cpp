@@ -43,7 +43,8 @@ del_list_entry* records_del_begin(uint32_t count) {
     if (memory_is_short) {
         return nullptr;
     }
-    const size_t size = sizeof(del_list_entry) + count * sizeof(uint32_t);
+    // One more than there is room for, so that a write behind the last one shows.
+    const size_t size = sizeof(del_list_entry) + (count + size_t{1}) * sizeof(uint32_t);
     auto* batch = static_cast<del_list_entry*>(malloc(size));
     memset(batch, 0xa5, size);  // what the caller does not fill shows
     batch->count = count;
@@ -51,6 +52,7 @@ del_list_entry* records_del_begin(uint32_t count) {
 }
 int records_del_commit(del_list_entry* batch) {
     told.push_back("commit " + std::to_string(batch->count));
+    EXPECT_EQ(batch->ts[batch->count], 0xa5a5a5a5U) << "behind the last one";
     batches.emplace_back(batch->ts, batch->ts + batch->count);
     free(batch);
     return commit_result;
