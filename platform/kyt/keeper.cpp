@@ -17,8 +17,8 @@
 namespace kyt {
 namespace {
 
-constexpr uint32_t FLUSH_MS = 900;  // with a wake-up each second: at most 2 s from a change to the card
-constexpr int TICK_MS = 1000;
+constexpr uint32_t FLUSH_MS = 900;
+constexpr uint32_t TICK_MS = 1000;
 constexpr size_t STACK_BYTES = size_t{64} * 1024;
 
 uint64_t now_ms() {
@@ -51,8 +51,8 @@ void flush(keeper* k) {
         k->flush_due = 2;
     }
     const int fd = k->files[k->list].fd;
-    const int result = k->flush_due > 0 ? fdatasync(fd) : write_pages(fd);
     k->last_flush_ms = now_ms();
+    const int result = k->flush_due > 0 ? fdatasync(fd) : write_pages(fd);
     if (result == 0) {
         k->flush_due -= k->flush_due > 0 ? 1 : 0;
         if (k->failing) {
@@ -136,11 +136,19 @@ void release(keeper* k) {
     }
 }
 
+// A flush begins a second after the last one began: on a slow card, where it takes long itself, a pause behind it would
+// be too much for the 2 s from a change to the card.
+int pause_ms(const keeper& k) {
+    const uint64_t passed = now_ms() - k.last_flush_ms;
+    return passed < TICK_MS ? static_cast<int>(TICK_MS - passed) : 0;
+}
+
 void* keeper_main(void* context) {
     auto* const k = static_cast<keeper*>(context);
+    k->last_flush_ms = now_ms();
     for (;;) {
         pollfd wake = {k->wake, POLLIN, 0};
-        if (poll(&wake, 1, TICK_MS) > 0) {
+        if (poll(&wake, 1, pause_ms(*k)) > 0) {
             uint64_t count = 0;
             (void)!read(k->wake, &count, sizeof count);
         }

@@ -1,4 +1,5 @@
 // The thread beside the loop: flushing, growing, comparing, and every way to end.
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csetjmp>
@@ -110,6 +111,29 @@ TEST_F(KytKeeper, AnOpenWithoutDescriptorsSaysSoAndLeavesNoneOpen) {
         }
     }
     EXPECT_GE(refused, 3);  // the folder, the list, the keeper's own
+}
+
+TEST_F(KytKeeper, BehindASlowSynchronisationThereIsNoPause) {
+    using clock = std::chrono::steady_clock;
+    std::atomic<int> pause_ms = -1;
+    clock::time_point end = clock::time_point::max();  // the keeper's alone
+    card_calls::hooks hooks;
+    hooks.before_sync = [&](const std::string&) {
+        if (end != clock::time_point::max()) {
+            const auto pause = std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - end);
+            pause_ms = static_cast<int>(pause.count());
+        }
+        usleep(1'100'000);
+    };
+    hooks.after_sync = [&](const std::string&) { end = clock::now(); };
+    open();
+    card_calls::set_hooks(hooks);
+    write(BASE);
+    ASSERT_TRUE(await([&] { return pause_ms >= 0; }));
+    EXPECT_LT(pause_ms, 900);  // a whole second otherwise
+    card_calls::set_hooks({});
+    kyt_close(list);  // waits for the thread, which may still be in a hook
+    list = nullptr;
 }
 
 TEST_F(KytKeeper, NoCallOfTheLoopWaitsForAStalledCard) {
