@@ -78,6 +78,25 @@ int send(exchange* talk, asking* ask, const char* name, const char* text) {
     return code;
 }
 
+const char* result_words(int result) {
+    switch (result) {
+        case -2000:
+            return "a card job is running";
+        case -2002:
+            return "the card is broken";
+        case -2003:
+            return "there is no card";
+        case -2005:
+            return "the card is ejected";
+        case -12:
+            return "out of memory";
+        case -38:
+            return "it does not know this action";
+        default:
+            return "it says why in its log";
+    }
+}
+
 }  // namespace
 
 int action_ask(const char* name, json_object* parameters, json_object** reply, int* result) {
@@ -108,21 +127,7 @@ int action_ask(const char* name, json_object* parameters, json_object** reply, i
     return VESKCTL_DONE;
 }
 
-const char* action_result_words(int result) {
-    switch (result) {
-        case -2000:
-            return "a card job is running";
-        case -2002:
-            return "the card is broken";
-        case -2003:
-            return "there is no card";
-        case -2005:
-            return "the card is ejected";
-        case -12:
-            return "out of memory";
-        case -38:
-            return "it does not know this action";
-        default:
-            return "it says why in its log";
-    }
+int action_refused(int result) {
+    fprintf(stderr, "veskctl: the daemon answers %d: %s\n", result, result_words(result));
+    return result == -2003 || result == -2005 ? VESKCTL_NO_CARD : VESKCTL_REFUSED;
 }

@@ -8,5 +8,5 @@ struct json_object;
 // answer came.
 int action_ask(const char* name, json_object* parameters, json_object** reply, int* result);
 
-// The words for a code that the daemon answers instead of doing it.
-const char* action_result_words(int result);
+// Says that the daemon answers this code, which is not 0. VESKCTL_NO_CARD or VESKCTL_REFUSED.
+int action_refused(int result);

@@ -35,10 +35,6 @@ json_object* read_parameters(const char* text) {
     return value;
 }
 
-int exit_code(int result) {
-    return result == 0 ? VESKCTL_DONE : result == -2003 || result == -2005 ? VESKCTL_NO_CARD : VESKCTL_REFUSED;
-}
-
 int ask(const char* name, const char* text, bool yes) {
     json_object* const parameters = read_parameters(text);
     if (!is_name(name) || parameters == nullptr) {
@@ -60,10 +56,7 @@ int ask(const char* name, const char* text, bool yes) {
         return code;
     }
     veskctl_print_json(reply);
-    if (result != 0) {
-        fprintf(stderr, "veskctl: the daemon answers %d: %s\n", result, action_result_words(result));
-    }
-    return exit_code(result);
+    return result == 0 ? VESKCTL_DONE : action_refused(result);
 }
 
 }  // namespace

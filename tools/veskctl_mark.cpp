@@ -120,8 +120,7 @@ int carry_out(const veskctl_options& options, order* asked, bool deleted, bool y
     }
     json_object_put(reply);
     if (result != 0) {
-        fprintf(stderr, "veskctl: the daemon answers %d: %s\n", result, action_result_words(result));
-        return VESKCTL_REFUSED;
+        return action_refused(result);
     }
     const int64_t done = count_done(*asked, deleted);
     print(options, *asked, done);

@@ -9,10 +9,6 @@ namespace {
 
 constexpr size_t FIGURES = 4;  // total, used by recordings, free, state
 
-int exit_code(int result) {
-    return result == -2003 || result == -2005 ? VESKCTL_NO_CARD : VESKCTL_REFUSED;
-}
-
 bool read_figures(json_object* reply, int64_t (&figures)[FIGURES]) {
     json_object* array = nullptr;
     if (!json_object_object_get_ex(reply, "result", &array) || !json_object_is_type(array, json_type_array) ||
@@ -67,8 +63,7 @@ int veskctl_storage(const veskctl_options& options, int argc, char** argv) {
     const bool known = read_figures(reply, figures);
     json_object_put(reply);
     if (result != 0) {
-        fprintf(stderr, "veskctl: the daemon answers %d: %s\n", result, action_result_words(result));
-        return exit_code(result);
+        return action_refused(result);
     }
     if (!known) {
         fputs("veskctl: the answer makes no sense\n", stderr);
