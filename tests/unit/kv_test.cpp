@@ -25,6 +25,7 @@ struct karvel_response {
     std::string key;
     bool has_value = false;
     std::string value;
+    std::string behind;  // bytes that follow the value and are none of it
 };
 
 namespace {
@@ -239,7 +240,9 @@ int xcontrol_get_response(karvel_response* response, const karvel_xvalue** value
     if (!response->has_value) {
         return 0;
     }
-    given = {response->value.data(), response->value.size()};
+    static std::string bytes;
+    bytes = response->value + response->behind;
+    given = {bytes.data(), response->value.size()};
     *value = &given;
     return 1;
 }
@@ -683,6 +686,22 @@ TEST_F(KvTest, MisdirectedNotificationsGoToTheFirstThatSharesAName) {
     }
 }
 
+TEST_F(KvTest, MisdirectedNotificationAnswersWhomItReaches) {
+    start();
+    kv_register("mem", "default", "a", on_told, context_a);
+    kv_register("mem", "default", "b", on_told, context_b);
+    turn();
+    notify("b", value_of("a", "v"));
+    notify("a", value_of("a", "v"));
+    EXPECT_EQ(told, (strings{"A v", "A v"}));
+    called.clear();
+    advance(1.1);
+    EXPECT_EQ(news(), strings{"timeout 1"}) << "b has had no answer";
+    notify("b", value_of("b", "v"));
+    advance(3);
+    EXPECT_EQ(news(), strings{});
+}
+
 TEST_F(KvTest, EachNameMakesANotificationMisdirected) {
     start();
     kv_register("mem", "default", "a", on_told, context_a);
@@ -892,6 +911,20 @@ TEST_F(KvTest, FetchOfNothing) {
     turn();
     EXPECT_EQ(kv_get_str("k"), nullptr) << "the value goes";
     EXPECT_EQ(live_copies.size(), 0U);
+}
+
+TEST_F(KvTest, FetchedValueIsCopiedAsFarAsItGoes) {
+    start();
+    answer = value_of("k", "up to here");
+    answer.behind = " and no further";
+    kvmem_sync("k");
+    EXPECT_STREQ(kv_get_str("k"), "up to here");
+    fails_at["strndup"] = 1;
+    kvmem_sync("k");
+    turn();
+    EXPECT_EQ(kv_get_str("k"), nullptr) << "no memory for it";
+    EXPECT_EQ(live_copies.size(), 0U);
+    expect_no_log();
 }
 
 TEST_F(KvTest, OtherSetsRunWhileAFetchWaits) {

@@ -341,6 +341,13 @@ TEST_F(mountpoint, mount_tries_partitions_then_the_disk_with_each_filesystem) {
     }
 }
 
+TEST_F(mountpoint, card_without_partitions_is_mounted_as_a_whole) {
+    block_devices.partition_count = 0;
+    EXPECT_EQ(mountpoint_mount(), 0);
+    EXPECT_EQ(mounts(), list{"/dev/mmcblk0 /mnt/sdcard vfat"});
+    EXPECT_EQ(m->mounted, MOUNT_OK);
+}
+
 TEST_F(mountpoint, mount_options) {
     unsigned long seen = 0;
     std::string data;
@@ -597,6 +604,14 @@ TEST_F(mountpoint, card_mounted_by_hand_elsewhere_counts) {
     EXPECT_EQ(told_count("record_dir_open"), 1);
     EXPECT_TRUE(mounts().empty());
     EXPECT_EQ(kernel::count("umount"), 0);
+}
+
+TEST_F(mountpoint, card_unmounted_by_hand_is_mounted_again) {
+    m->mounted = MOUNT_OK;
+    mountinfo_refresh_state();
+    EXPECT_EQ(mounts(), list{"/dev/mmcblk0p1 /mnt/sdcard vfat"});
+    EXPECT_EQ(told, (list{"record_dir_open", "merge_state while 1"}));
+    EXPECT_EQ(m->mounted, MOUNT_OK);
 }
 
 TEST_F(mountpoint, folder_is_not_opened_where_it_cannot_be_written) {
