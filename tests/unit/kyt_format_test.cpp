@@ -41,6 +41,41 @@ struct KytFormat : testing::Test {
     int folder = open(card.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 };
 
+// The check as the format's page has it, a bit at a time.
+uint16_t crc_16(const uint8_t (&bytes)[5]) {
+    uint32_t crc = 0xFFFF;
+    for (const uint8_t byte : bytes) {
+        for (unsigned bit = 0x80; bit != 0; bit >>= 1) {
+            const bool one = ((crc & 0x8000) != 0) != ((byte & bit) != 0);
+            crc = ((crc << 1) ^ (one ? 0x1021U : 0U)) & 0xFFFF;
+        }
+    }
+    return static_cast<uint16_t>(crc);
+}
+
+// Cards are read by later versions and by other programs: the bytes must stay what they are.
+TEST_F(KytFormat, ARecordsBytesAreThoseOfTheFormat) {
+    constexpr uint8_t SHOWN[2] = {0x8D, 0x97};  // for BASE and 60 s
+    const kyt_record shown = kyt::live_record(BASE, 60, 1);
+    EXPECT_EQ(shown.reserved[1], SHOWN[0]);
+    EXPECT_EQ(shown.flags, 1);
+    EXPECT_EQ(shown.reserved2, SHOWN[1]);
+    for (const uint32_t ts : {1U, 0x0102'0304U, 0x8040'2010U, BASE, UINT32_MAX}) {
+        for (unsigned value = 0; value < 256; ++value) {
+            const auto detail = static_cast<uint8_t>(value);
+            const uint8_t bytes[5] = {static_cast<uint8_t>(ts), static_cast<uint8_t>(ts >> 8),
+                                      static_cast<uint8_t>(ts >> 16), static_cast<uint8_t>(ts >> 24), detail};
+            const kyt_record live = kyt::live_record(ts, detail, 0xA5);
+            ASSERT_EQ(live.ts, ts);
+            ASSERT_EQ(live.reserved[0], detail);
+            ASSERT_EQ(live.reserved[1] | (live.reserved2 << 8), crc_16(bytes) ^ 0x4C56) << ts << ' ' << value;
+            const kyt_record deleted = kyt::deleted_record(live, detail);
+            ASSERT_EQ(deleted.reserved[1] | (deleted.reserved2 << 8), crc_16(bytes) ^ 0xB3A9) << ts << ' ' << value;
+            ASSERT_EQ(deleted.flags, 0xA5);
+        }
+    }
+}
+
 TEST_F(KytFormat, AFileIsOfWholeStepsWithSpareSlots) {
     // What fits into the first step beside the header's page and the spare slots.
     constexpr uint32_t FITS = (kyt::STEP_BYTES - kyt::RECORDS_AT) / 8 - kyt::SPARE_RECORDS;
