@@ -267,6 +267,16 @@ TEST_F(records_del_list, what_the_index_does_not_have_is_left_alone) {
     EXPECT_TRUE(logged::has(ended(1)));
 }
 
+TEST_F(records_del_list, a_worker_asks_the_library_for_paths_and_nothing_else) {
+    make(101);
+    rig::add(102);
+    rig::get().calls.clear();
+    commit({101, 0, 102});
+    await_workers();
+    EXPECT_EQ((strings{"kyt_mark_deleted 101", "kyt_mark_deleted 102", "kyt_ts2path 4096", "kyt_ts2path 4096"}),
+              rig::get().calls);
+}
+
 TEST_F(records_del_list, a_batch_of_strangers_starts_a_worker_that_removes_nothing) {
     for (const std::vector<uint32_t>& times : {std::vector<uint32_t>{7, 8, 9}, std::vector<uint32_t>{}}) {
         logged::reset();

@@ -34,6 +34,12 @@ void note(const std::string& text) {
     rig::get().calls.push_back(text);
 }
 
+// Workers may ask for paths and for nothing else.
+pthread_t loop_thread;
+void expect_loop_thread() {
+    EXPECT_NE(0, pthread_equal(loop_thread, pthread_self()));
+}
+
 }  // namespace
 
 namespace rig {
@@ -98,6 +104,7 @@ void test::SetUp() {
     umask(022);
     kernel::make_dir("/mnt/sdcard");
     get() = state{};
+    loop_thread = pthread_self();
     malloc_to_fail = 0;
     records_init();
 }
@@ -134,6 +141,7 @@ int kv_register(const char* name_space, const char* group, const char* key, kv_c
 // --- the record list library -----------------------------------------------------------------------------------------
 
 kyt_handle* kyt_open_rdwr() {
+    expect_loop_thread();
     rig::state& rig = rig::get();
     note("kyt_open_rdwr");
     if (rig.open_errno != 0) {
@@ -146,6 +154,7 @@ kyt_handle* kyt_open_rdwr() {
 }
 
 void kyt_close(kyt_handle* handle) {
+    expect_loop_thread();
     rig::state& rig = rig::get();
     note("kyt_close");
     EXPECT_EQ(&rig.list, handle);
@@ -154,6 +163,7 @@ void kyt_close(kyt_handle* handle) {
 }
 
 void kyt_close_dirty(kyt_handle* handle) {
+    expect_loop_thread();
     rig::state& rig = rig::get();
     note("kyt_close_dirty");
     EXPECT_EQ(&rig.list, handle);
@@ -163,18 +173,21 @@ void kyt_close_dirty(kyt_handle* handle) {
 }
 
 int kyt_optimise(kyt_handle*) {
+    expect_loop_thread();
     note("kyt_optimise");
     EXPECT_TRUE(rig::get().is_open);
     return -1;  // the daemon does not look
 }
 
 kyt_record* kyt_get(kyt_handle* handle, uint32_t ts) {
+    expect_loop_thread();
     EXPECT_TRUE(rig::get().is_open);
     auto at = handle->records.find(ts);
     return at == handle->records.end() || handle->deleted.count(ts) != 0 ? nullptr : &at->second;
 }
 
 kyt_record* kyt_next(kyt_handle* handle, const kyt_record* prev) {
+    expect_loop_thread();
     EXPECT_TRUE(rig::get().is_open);
     ++handle->steps;
     if (rig::get().on_next) {
@@ -188,6 +201,7 @@ kyt_record* kyt_next(kyt_handle* handle, const kyt_record* prev) {
 }
 
 int kyt_write(kyt_handle* handle, const kyt_record* record) {
+    expect_loop_thread();
     note("kyt_write " + std::to_string(record->ts));
     if (rig::get().on_write) {
         rig::get().on_write(record);
@@ -198,6 +212,7 @@ int kyt_write(kyt_handle* handle, const kyt_record* record) {
 }
 
 int kyt_mark_deleted(kyt_handle* handle, kyt_record* record) {
+    expect_loop_thread();
     note("kyt_mark_deleted " + std::to_string(record->ts));
     handle->deleted.insert(record->ts);
     if (rig::get().marking_errno != 0) {
