@@ -404,6 +404,17 @@ TEST_F(rpc, info_leaves_out_what_cannot_be_read) {
     }
 }
 
+TEST_F(rpc, info_waits_for_no_file) {
+    make_sysfs();
+    kernel::write(DISK + "size"s, "8\n");
+    for (const char* name : {"stat", "ro"}) {
+        ASSERT_EQ(mkfifo(kernel::host(DISK + std::string(name)).c_str(), 0600), 0);
+    }
+    alarm(30);
+    EXPECT_EQ(info(), info_with("{}", R"({"size":8})"));
+    alarm(0);
+}
+
 TEST_F(rpc, info_null_for_a_directory_that_cannot_be_opened) {
     EXPECT_EQ(info(), info_with("null", "null"));  // gone meanwhile
     make_sysfs();
