@@ -598,6 +598,22 @@ TEST_F(cl_execvp, child_that_closes_its_output_and_goes_on) {
     EXPECT_STREQ(buffer, "ab");
 }
 
+// Called without anything to read, it finds the pipe not ready: a failure like any other.
+TEST_F(cl_execvp, output_that_cannot_be_read) {
+    make_gate();
+    char buffer[16];
+    memset(buffer, '#', sizeof buffer);
+    start_read("printf ab; read x <&9; exit 3", buffer, sizeof buffer);
+    turn_until("all has arrived", [&] { return buffer[1] == 'b'; });
+    ev_invoke(loop, io_started[0], EV_READ);
+    EXPECT_FALSE(ev_is_active(io_started[0]));
+    EXPECT_EQ(ended, 0);
+    open_gate();
+    EXPECT_EQ(outcome(), "3 3");
+    EXPECT_STREQ(buffer, "ab");
+    EXPECT_EQ(logged::lines(), list{"warning sh: exit with code 3"});
+}
+
 // The child's end is handled before its output when both are there at once, and then the output is lost: kept so.
 TEST_F(cl_execvp, output_behind_the_end_is_not_read) {
     char buffer[16];

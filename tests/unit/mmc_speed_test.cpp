@@ -273,6 +273,34 @@ TEST_F(mmc_speed, another_card_starts_anew) {
     EXPECT_EQ(written, UNTOUCHED);
 }
 
+TEST_F(mmc_speed, only_a_removed_disk_takes_the_sample_along) {
+    baseline(0, 0);
+    mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
+    counters(2048, 1000);
+    EXPECT_EQ(mmc_calc_write_speed(&written), 1048576);
+
+    kernel::write("/proc/partitions", " 179 0 100 mmcblk0\n");
+    ASSERT_EQ(mmc_rescan(), 0);
+    counters(4096, 2000);
+    EXPECT_EQ(mmc_calc_write_speed(&written), 1048576);
+}
+
+// Its time is the number that says that there is none: once in 49 days, for a millisecond.
+TEST_F(mmc_speed, a_sample_at_millisecond_zero_is_none) {
+    baseline(0, 0);
+    monotonic = {.tv_sec = 4'294'967, .tv_nsec = 296'000'000};
+    counters(2048, 1000);
+    EXPECT_EQ(mmc_calc_write_speed(&written), 1048576);
+    EXPECT_EQ(m->stat_time_ms, 0U);
+    monotonic.tv_sec += 60;
+    written = UNTOUCHED;
+    counters(4096, 2000);
+    EXPECT_EQ(mmc_calc_write_speed(&written), MMC_SPEED_NO_BASELINE);
+    EXPECT_EQ(written, UNTOUCHED);
+    counters(6144, 3000);
+    EXPECT_EQ(mmc_calc_write_speed(&written), 1048576);
+}
+
 TEST_F(mmc_speed, partitions_that_go_take_no_sample_along) {
     baseline(0, 0);
     mmc_new_block("mmcblk0p1", 1, MMC_BLOCK_PARTITION);

@@ -97,6 +97,13 @@ TEST_F(records, exit_closes_in_order) {
     expect_closed(descriptors);
 }
 
+TEST_F(records, exit_leaves_the_guard) {
+    records_exit();
+    struct sigaction action = {};
+    sigaction(SIGBUS, nullptr, &action);
+    EXPECT_EQ(on_sigbus, action.sa_sigaction);
+}
+
 // --- opening ---------------------------------------------------------------------------------------------------------
 
 TEST_F(records, opens_a_card_with_the_folder) {

@@ -371,6 +371,23 @@ TEST_F(sdcard, missing_images_are_warned_of) {
     EXPECT_TRUE(ev_is_active(&sd.refresh_timer));
 }
 
+TEST_F(sdcard, image_that_cannot_be_renamed_leaves_the_others_theirs) {
+    int nth = 0;
+    for (const char* bad : IMAGES) {
+        SCOPED_TRACE(bad);
+        SetUp();
+        for (const char* image : IMAGES) {
+            kernel::write(std::string("/mnt/sdcard/") + image, "");
+        }
+        kernel::fail("rename", EROFS, ++nth);
+        sdcard_init();
+        EXPECT_EQ(strings{std::string("warning Rename ") + bad + ": Read-only file system"}, logged::lines());
+        for (const char* image : IMAGES) {
+            EXPECT_EQ(image == bad, kernel::exists(std::string("/mnt/sdcard/") + image)) << image;
+        }
+    }
+}
+
 TEST_F(sdcard, images_stay_where_the_marker_is) {
     kernel::write("/mnt/sdcard/manu_test/update.txt", "");
     for (const char* image : IMAGES) {
