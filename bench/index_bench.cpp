@@ -14,6 +14,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <ftw.h>
+#include <memory>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -77,11 +78,15 @@ long resident_kib(const char* what) {
     return kib;
 }
 
+struct freed {
+    void operator()(double* at) const { std::free(at); }
+};
+
 struct times {
-    double* at;
+    std::unique_ptr<double[], freed> at;
     uint32_t count;
     double share(double part) {
-        std::sort(at, at + count);
+        std::sort(at.get(), at.get() + count);
         return at[std::min(count - 1, static_cast<uint32_t>(part * count))];
     }
 };
@@ -89,8 +94,8 @@ struct times {
 // Until there are `count` times, or patience is at an end. `prepare` is not measured.
 template <typename Prepare, typename Call>
 times measure(uint32_t count, double overhead, Prepare prepare, Call call) {
-    times t = {static_cast<double*>(std::malloc(count * sizeof(double))), 0};
-    if (t.at == nullptr) {
+    times t = {decltype(t.at)(static_cast<double*>(std::malloc(count * sizeof(double)))), 0};
+    if (!t.at) {
         die("memory");
     }
     const double begin = now_us();
