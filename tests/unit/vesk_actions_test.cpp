@@ -46,8 +46,8 @@ int32_t act_own_code(void*, json_object* params, json_object* reply) {
 }
 
 constexpr remote_action ACTIONS[] = {
-    {"echo", act_echo, {0, 0}},         {"figures", act_figures, {0, 0}}, {"refuse", act_refuse, {0, 0}},
-    {"own_code", act_own_code, {0, 0}}, {nullptr, nullptr, {0, 0}},
+    {"echo", act_echo, {0, 0}},   {"figures", act_figures, {0, 0}},   {"refuse", act_refuse, {0, 0}},
+    {"planned", nullptr, {0, 0}}, {"own_code", act_own_code, {0, 0}}, {nullptr, nullptr, {0, 0}},
 };
 
 const std::string ACTION = "vesk/tester/action/";
@@ -114,6 +114,7 @@ TEST_F(Actions, AnswerWithCodes) {
         {"echo", std::string("[1]\0", 4), R"({"code": -22})", ""},
         {"echo", std::string("[1]\0[2]", 7), R"({"code": -22})", ""},
         {"echo", too_deep, R"({"code": -22})", ""},
+        {"planned", "{}", R"({"code": -38})", ""},
         {"ech", "{}", R"({"code": -38})", ""},
         {"echoo", "{}", R"({"code": -38})", ""},
         {"Echo", "no JSON", R"({"code": -38})", ""},

@@ -2,6 +2,7 @@
 #include "vesk_statistics.h"
 
 #include <cerrno>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 #include <string>
@@ -58,7 +59,9 @@ TEST_F(Statistics, GoOutUntouchedAndNotRetained) {
 }
 
 TEST_F(Statistics, OwnTheObjectWhateverTheResult) {
-    const char* names[] = {"sdcard.info", nullptr, "", "a/b", "a+", "#"};
+    const std::string longest(255, 'n');
+    const std::string longer(256, 'n');
+    const char* names[] = {"sdcard.info", longest.c_str(), longer.c_str(), nullptr, "", "a/b", "a+", "#"};
     json_object* early = json_object_get(numbered(0));
     errno = 0;
     EXPECT_EQ(report_stat_object("sdcard.info", early), -1);  // no application yet
@@ -69,7 +72,7 @@ TEST_F(Statistics, OwnTheObjectWhateverTheResult) {
     for (const char* name : names) {
         json_object* object = json_object_get(numbered(1));
         errno = 0;
-        const bool good = name == names[0];
+        const bool good = name == names[0] || name == names[1];
         EXPECT_EQ(report_stat_object(name, object), good ? 0 : -1);
         EXPECT_EQ(errno == EINVAL, !good);
         EXPECT_EQ(json_object_put(object), 1) << "not the last reference";
@@ -162,6 +165,20 @@ TEST_F(Statistics, OneThatCannotBeSentDoesNotHoldUpTheRest) {
     json_object_object_add(huge, "x", json_object_new_string(std::string(BUS_PAYLOAD_MAX, 'x').c_str()));
     EXPECT_EQ(report_stat_object("huge", huge), -1);
     EXPECT_EQ(errno, EMSGSIZE);
+}
+
+TEST_F(Statistics, OneThatTheBrokerRefusesIsSaid) {
+    std::ofstream(broker.folder() + "/acl")
+        << "topic readwrite vesk/tester/status\ntopic readwrite " << REPORT << "good\n";
+    broker.configure("acl_file " + broker.folder() + "/acl\n");
+    start();
+    for (int i = 0; i <= UNANSWERED_MAX; ++i) {
+        ASSERT_EQ(report_stat_object("shut", numbered(i)), 0);
+    }
+    ASSERT_EQ(report_stat_object("good", numbered(7)), 0);
+    ASSERT_TRUE(wait_for(REPORT + "good", 1)) << "a refusal is an answer: the next one goes out";
+    EXPECT_EQ(log.count("<4>statistics: the broker refused one: reason 0x87"), UNANSWERED_MAX + 1) << log.text();
+    EXPECT_TRUE(on(REPORT + "shut").empty());
 }
 
 TEST_F(Statistics, ReachTheBrokerBeforeTheEnd) {

@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <functional>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <set>
 #include <sstream>
 #include <string>
@@ -229,18 +230,21 @@ TEST(Log, GivesUpOnAFullPipeThatDoesNotBlock) {
 
 TEST(Log, FiltersByLevel) {
     const struct {
-        const char* level;
+        std::vector<std::string> arguments;
         const char* lines;
     } rows[] = {
-        {"crit", "<2>c\n"},
-        {"err", "<2>c\n<3>e\n"},
-        {"warning", "<2>c\n<3>e\n<4>w\n"},
-        {"info", "<2>c\n<3>e\n<4>w\n<6>i\n"},
-        {"debug", "<2>c\n<3>e\n<4>w\n<6>i\n<7>d\n"},
+        {{"--log-level", "crit"}, "<2>c\n"},
+        {{"--log-level", "err"}, "<2>c\n<3>e\n"},
+        {{"--log-level", "warning"}, "<2>c\n<3>e\n<4>w\n"},
+        {{"--log-level", "info"}, "<2>c\n<3>e\n<4>w\n<6>i\n"},
+        {{"--log-level", "debug"}, "<2>c\n<3>e\n<4>w\n<6>i\n<7>d\n"},
+        {{}, "<2>c\n<3>e\n<4>w\n<6>i\n"},
     };
     for (const auto& row : rows) {
         const outcome result = in_child([&] {
-            const int ready = init({"--foreground", "--log-level", row.level});
+            std::vector<std::string> arguments = row.arguments;
+            arguments.emplace_back("--foreground");
+            const int ready = init(arguments);
             log_crit("c");
             log_err("e");
             log_warning("w");
@@ -291,6 +295,28 @@ TEST(Log, ChoosesItsTarget) {
             EXPECT_EQ(result.out, "") << row.name;
         }
     }
+}
+
+TEST(Log, GoesToATerminal) {
+    const outcome result = in_child([] {
+        const int own = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+        if (own < 0 || grantpt(own) < 0 || unlockpt(own) < 0) {
+            return 1;
+        }
+        const int terminal = open(ptsname(own), O_RDWR | O_NOCTTY | O_CLOEXEC);
+        if (terminal < 0 || dup2(terminal, STDERR_FILENO) < 0 || init({}) != READY) {
+            return 2;
+        }
+        log_warning("seen");
+        char text[64] = "";
+        pollfd waiting = {own, POLLIN, 0};
+        if (poll(&waiting, 1, 10'000) == 1) {
+            (void)!read(own, text, sizeof text - 1);
+        }
+        return strcmp(text, "<4>seen\r\n") == 0 ? 0 : 3;
+    });
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "") << "not to syslog";
 }
 
 TEST(Log, KeepsTheLinesOfThreadsApart) {
