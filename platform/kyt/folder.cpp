@@ -14,11 +14,14 @@ namespace {
 template <typename See>
 int read_names(int folder, const char* name, See see) {
     const int fd = openat(folder, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
-    DIR* const stream = fd < 0 ? nullptr : fdopendir(fd);
+    if (fd < 0) {
+        return -1;
+    }
+    DIR* const stream = fdopendir(fd);
     if (!stream) {
-        if (fd >= 0) {
-            close(fd);
-        }
+        const int failure = errno;
+        close(fd);
+        errno = failure;
         return -1;
     }
     int failure = 0;

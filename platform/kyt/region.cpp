@@ -28,7 +28,6 @@ void lock(const region& r) {
 }  // namespace
 
 int region_map(region* r, int fd, uint32_t bytes) {
-    *r = {};
     void* const reserved = mmap(nullptr, RESERVED_BYTES, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (reserved == MAP_FAILED) {
         return -1;
@@ -63,7 +62,7 @@ int region_grow(region* r, int fd, uint32_t bytes) {
     r->in_file = bytes;
     r->usable = std::max(r->usable, bytes);
     lock(*r);
-    if (waiting > 0) {
+    if (moved) {
         std::memcpy(r->base + first, moved, waiting);
         std::free(moved);
     }

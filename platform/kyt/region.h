@@ -28,7 +28,7 @@ inline kyt_record* region_slots(const region& r) {
     return reinterpret_cast<kyt_record*>(r.base + RECORDS_AT);
 }
 
-// Maps the first `bytes` of the file (a multiple of the step). 0, or -1 with errno.
+// Maps the first `bytes` of the file (a multiple of the step) into a fresh region. 0, or -1 with errno.
 int region_map(region* r, int fd, uint32_t bytes);
 
 // The file has `bytes` now: takes its new pages in. 0, or -1 with errno and nothing lost.

@@ -40,10 +40,10 @@ bool read_slots(keeper* k, uint32_t records, See see) {
         const uint32_t wanted = std::min(PAGE_RECORDS, records - slot);
         const long got = read_at(k->files[k->list].fd, page, wanted * sizeof page[0],
                                  RECORDS_AT + slot * static_cast<uint32_t>(sizeof page[0]));
-        const uint32_t whole = got < 0 ? 0 : static_cast<uint32_t>(got) / sizeof page[0];
         if (is_ending(*k) || got < 0) {
             return false;
         }
+        const uint32_t whole = static_cast<uint32_t>(got) / sizeof page[0];
         for (uint32_t i = 0; i < whole; ++i) {
             see(page[i]);
         }
@@ -98,8 +98,8 @@ bool compare_batch(keeper* k, batch* b) {
     for (uint32_t i = 0; i < b->count; ++i) {
         for (uint32_t second = 0; second < PERIOD_S; ++second) {
             const auto bit = static_cast<uint8_t>(1U << (second % 8));
-            const uint32_t ts = b->periods[i] + second;
-            if (ts != 0 && (b->clip[i][second / 8] & bit) != 0) {
+            if ((b->clip[i][second / 8] & bit) != 0) {
+                const uint32_t ts = b->periods[i] + second;
                 const bool deleted = (b->deleted[i][second / 8] & bit) != 0;
                 if (deleted) {
                     complete = add_found(&k->work.undead, ts) && complete;
@@ -174,8 +174,9 @@ void copy_strays(copier* c, uint32_t ts) {
 bool rewrite(keeper* k) {
     job& work = k->work;
     const int name = 1 - k->list;
+    const uint32_t generation = k->files[k->list].generation + 1;
     copier c = {k, {}, false, 0, 0, 0};
-    c.failed = writer_begin(&c.writer, k->folder, LIST_NAMES[name], k->files[k->list].generation + 1) < 0;
+    c.failed = writer_begin(&c.writer, k->folder, LIST_NAMES[name], generation) < 0;
     const bool read = !c.failed && read_slots(k, work.records, [&](const kyt_record& record) {
         const uint32_t slot_number = c.slot++;
         if (c.next_run < work.runs.size && work.runs[c.next_run] == slot_number) {
@@ -199,7 +200,7 @@ bool rewrite(keeper* k) {
     }
     kept_file& file = k->files[name];
     file.fd = c.writer.fd;
-    file.generation = k->files[k->list].generation + 1;
+    file.generation = generation;
     file.used = c.writer.records;
     file.capacity = file_bytes(c.writer.records);
     work.new_records = c.writer.records;

@@ -174,11 +174,11 @@ TEST_F(KytRegion, WhatIsWrittenThereIsInTheFile) {
 
 TEST_F(KytRegion, BehindWhatIsInUseNothingCanBeTouched) {
     ASSERT_EQ(kyt::region_map(&map, fd, STEP_BYTES), 0);
-    EXPECT_TRUE(is_readable(map.base + STEP_BYTES - 1));
+    EXPECT_TRUE(is_readable(map.base + (STEP_BYTES - 1)));
     EXPECT_FALSE(is_readable(map.base + STEP_BYTES));
     ASSERT_EQ(kyt::region_overflow(&map), 0);
-    EXPECT_TRUE(is_readable(map.base + 2 * STEP_BYTES - 1));
-    EXPECT_FALSE(is_readable(map.base + 2 * STEP_BYTES));
+    EXPECT_TRUE(is_readable(map.base + (size_t{2} * STEP_BYTES - 1)));
+    EXPECT_FALSE(is_readable(map.base + size_t{2} * STEP_BYTES));
 }
 
 TEST_F(KytRegion, AMappingThatFailsSaysWhyAndTakesNoRoom) {
