@@ -354,6 +354,8 @@ TEST_F(mmc, block_by_minor) {
     mmc_remove_block("mmcblk0p1", 1, MMC_BLOCK_PARTITION);
     EXPECT_EQ(mmc_get_block(1), nullptr);
     EXPECT_EQ(mmc_get_block(2), &m->partitions[0]) << "not the stale copy behind the count";
+    mmc_remove_block("mmcblk0p2", 2, MMC_BLOCK_PARTITION);
+    EXPECT_EQ(mmc_get_block(2), nullptr) << "nor when it is the only one left";
 }
 
 TEST_F(mmc, state_follows_the_kernels_read_only_flag) {

@@ -136,10 +136,12 @@ TEST_F(sdcard_jobs, format_and_check_need_a_writable_card) {
 }
 
 TEST_F(sdcard_jobs, check_takes_the_first_partition_or_else_the_disk) {
-    world.mmc.partition_count = 7;
-    ASSERT_EQ(0, sdcard_fsck());
-    EXPECT_EQ("cl_next_fsck /dev/mmcblk0p1", world.steps.back());
-    end_chain(true, 0);
+    for (int32_t partitions : {1, 2, 7}) {
+        world.mmc.partition_count = partitions;
+        ASSERT_EQ(0, sdcard_fsck());
+        EXPECT_EQ("cl_next_fsck /dev/mmcblk0p1", world.steps.back());
+        end_chain(true, 0);
+    }
     world.mmc.partition_count = 0;
     ASSERT_EQ(0, sdcard_fsck());
     EXPECT_EQ("cl_next_fsck /dev/mmcblk0", world.steps.back());

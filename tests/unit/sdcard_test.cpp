@@ -91,6 +91,7 @@ TEST_F(sdcard, free_space) {
         {"big blocks", 1280, 32768, SDCARD_NORMAL, ""},
         {"8 GiB would be 0 in 32 bits", 1 << 21, 4096, SDCARD_NORMAL, ""},
         {"more blocks than a signed 32-bit number", 0x80000000, 512, SDCARD_NORMAL, ""},
+        {"more blocks than 32 bits", 0x100000002, 512, SDCARD_NORMAL, ""},
         {"kept in 32 bits", 0x100000001, 1024, SDCARD_FULL, "info size available: 1 KiB"},
         {"just below 4 TiB", 0xffffffff, 1024, SDCARD_NORMAL, ""},
     };
