@@ -149,8 +149,9 @@ int probe_append(const char* folder, const char* engine_name) {
 
 // --- how long calls take ---
 
-constexpr uint32_t LOOKS_A_ROUND = 16;
-constexpr uint32_t ROUNDS_AN_OPTIMISE = 50;
+constexpr uint32_t LOOKS_A_ROUND = 64;
+constexpr uint32_t CHANGES_A_ROUND = 8;
+constexpr uint32_t ROUNDS_AN_OPTIMISE = 10;
 constexpr int ROUND_MS = 20;
 constexpr double LIMIT_US = 5000;
 
@@ -203,62 +204,67 @@ struct call_times {
     }
 };
 
-kyt_record clip_of(uint32_t ts) {
-    return kyt::live_record(ts, 60, 0);
+uint32_t ts_of(uint32_t clip) {
+    return FIRST + clip * 60;
 }
 
-int probe_calls(const char* folder, uint32_t clips, uint32_t seconds) {
+int probe_fill(const char* folder, uint32_t clips) {
+    auto ts = make_buffer<uint32_t>(clips);
+    for (uint32_t i = 0; i < clips; ++i) {
+        ts[i] = ts_of(i);
+    }
+    if (!INDEX_KYT.fill(folder, ts.get(), clips)) {
+        die("fill");
+    }
+    return 0;
+}
+
+// Clips [oldest, newest) of those that probe_fill has made, and that are added here, are alive throughout.
+int probe_calls(const char* folder, uint32_t seconds) {
     kyt_handle* const list = kyt::open_folder(folder);
-    if (list == nullptr) {
+    if (list == nullptr || kyt_count(list) <= CHANGES_A_ROUND) {
         die("open");
     }
-    uint32_t newest = FIRST;
-    for (uint32_t i = 0; i < clips; ++i) {
-        const kyt_record record = clip_of(newest += 60);
-        while (kyt_write(list, &record) < 0) {
-            poll(nullptr, 0, 1);
-        }
-    }
-    uint32_t oldest = FIRST + 60;
+    uint32_t oldest = 0;
+    uint32_t newest = kyt_count(list);
     const uint32_t rounds = seconds * 1000 / ROUND_MS;
     call_times get("kyt_get", rounds * LOOKS_A_ROUND);
     call_times next("kyt_next", rounds * LOOKS_A_ROUND);
-    call_times write("kyt_write", rounds);
-    call_times mark("kyt_mark_deleted", rounds);
+    call_times write("kyt_write", rounds * CHANGES_A_ROUND);
+    call_times mark("kyt_mark_deleted", rounds * CHANGES_A_ROUND);
     call_times optimise("kyt_optimise", rounds);
     uint32_t refused = 0;
     uint32_t random = 1;
+    const unsigned long long sectors_before = read_traffic().sectors;
     const double end = now_us() + seconds * 1e6;
-    for (uint32_t round = 0; round < rounds && now_us() < end; ++round) {
-        const uint32_t alive = (newest - oldest) / 60 + 1;
+    for (uint32_t round = 1; round <= rounds && now_us() < end; ++round) {
         const kyt_record* walked = nullptr;
         for (uint32_t i = 0; i < LOOKS_A_ROUND; ++i) {
             random = random * 1664525 + 1013904223;
-            const uint32_t ts = oldest + (random >> 8) % alive * 60;
-            const kyt_record* const found = get.measure([&] { return kyt_get(list, ts); });
-            if (found == nullptr) {
+            const uint32_t ts = ts_of(oldest + (random >> 8) % (newest - oldest));
+            if (get.measure([&] { return kyt_get(list, ts); }) == nullptr) {
                 die("a clip is missing");
             }
             walked = next.measure([&] { return kyt_next(list, walked); });
         }
-        const kyt_record record = clip_of(newest + 60);
-        if (write.measure([&] { return kyt_write(list, &record); }) == 0) {
-            newest += 60;
-        } else {
-            ++refused;
+        for (uint32_t i = 0; i < CHANGES_A_ROUND; ++i) {
+            const kyt_record record = kyt::live_record(ts_of(newest), 60, 0);
+            const bool written = write.measure([&] { return kyt_write(list, &record); }) == 0;
+            refused += written ? 0 : 1;
+            newest += written ? 1 : 0;
+            kyt_record* const first = kyt_next(list, nullptr);
+            if (first == nullptr || first->ts != ts_of(oldest++) ||
+                mark.measure([&] { return kyt_mark_deleted(list, first); }) < 0) {
+                die("mark");
+            }
         }
-        kyt_record* const victim = kyt_next(list, nullptr);
-        if (victim == nullptr || victim->ts != oldest ||
-            mark.measure([&] { return kyt_mark_deleted(list, victim); }) < 0) {
-            die("mark");
-        }
-        oldest += 60;
-        if (round % ROUNDS_AN_OPTIMISE == ROUNDS_AN_OPTIMISE - 1) {
+        if (round % ROUNDS_AN_OPTIMISE == 0) {
             (void)optimise.measure([&] { return kyt_optimise(list); });
         }
         poll(nullptr, 0, ROUND_MS);
     }
-    std::printf("{\"clips\": %u, \"refused\": %u, \"calls\": [", clips, refused);
+    const unsigned long long sectors = read_traffic().sectors - sectors_before;
+    std::printf("{\"refused\": %u, \"written_kib\": %llu, \"calls\": [", refused, sectors / 2);
     for (call_times* one : {&get, &next, &write, &mark}) {
         one->print(", ");
     }
@@ -330,12 +336,15 @@ LOG_TO_STDERR(log_info)
 
 int main(int argc, char** argv) {
     const auto is = [&](const char* what, int words) { return argc == words && std::strcmp(argv[1], what) == 0; };
+    const auto number = static_cast<uint32_t>(argc == 4 ? std::strtoul(argv[3], nullptr, 10) : 0);
     if (is("append", 4)) {
         return probe_append(argv[2], argv[3]);
     }
-    if (is("calls", 5)) {
-        const auto clips = static_cast<uint32_t>(std::strtoul(argv[3], nullptr, 10));
-        return probe_calls(argv[2], std::max(clips, 2U), static_cast<uint32_t>(std::strtoul(argv[4], nullptr, 10)));
+    if (is("fill", 4) && number > 0) {
+        return probe_fill(argv[2], number);
+    }
+    if (is("calls", 4) && number > 0) {
+        return probe_calls(argv[2], number);
     }
     if (is("open", 3) || is("close", 3)) {
         return probe_open(argv[2], is("close", 3));
@@ -343,7 +352,9 @@ int main(int argc, char** argv) {
     if (is("names", 3)) {
         return probe_names(argv[2]);
     }
-    std::fputs("usage: index_probe append FOLDER ENGINE | calls FOLDER CLIPS SECONDS | open|close|names FOLDER\n",
-               stderr);
+    std::fputs(
+        "usage: index_probe append FOLDER ENGINE | fill FOLDER CLIPS | calls FOLDER SECONDS | open|close|names "
+        "FOLDER\n",
+        stderr);
     return 2;
 }
