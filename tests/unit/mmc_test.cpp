@@ -313,6 +313,21 @@ TEST_F(mmc, removal_touches_only_the_first_of_its_minor) {
     EXPECT_EQ(names(), (list{"b", "c"}));
 }
 
+// Places of the table that are no longer used still hold what was there last.
+TEST_F(mmc, a_partition_that_was_removed_before_is_not_known) {
+    for (const uint32_t minor : {1U, 2U, 3U}) {
+        mmc_new_block("a", minor, MMC_BLOCK_PARTITION);
+    }
+    for (const uint32_t minor : {1U, 2U, 3U}) {
+        mmc_remove_block("a", minor, MMC_BLOCK_PARTITION);
+    }
+    mmc_new_block("d", 4, MMC_BLOCK_PARTITION);
+    for (const uint32_t minor : {1U, 2U, 3U}) {
+        mmc_remove_block("a", minor, MMC_BLOCK_PARTITION);
+        EXPECT_EQ(names(), list{"d"}) << minor;
+    }
+}
+
 TEST_F(mmc, removing_or_adding_nothing_known_changes_nothing) {
     mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
     mmc_new_block("mmcblk0p1", 1, MMC_BLOCK_PARTITION);
