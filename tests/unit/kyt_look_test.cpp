@@ -138,14 +138,15 @@ struct KytLook : testing::Test {
     KytLook(const KytLook&) = delete;
     KytLook& operator=(const KytLook&) = delete;
 
-    void write_list(const char* name, uint32_t generation, uint32_t clips) const {
+    // With the first `clips` of all clips, the whole row of them so many times.
+    void write_list(const char* name, uint32_t generation, uint32_t clips, uint32_t times = 1) const {
         kyt::list_writer writer;
         ASSERT_EQ(kyt::writer_begin(&writer, folder, name, generation), 0);
-        for (uint32_t clip = 0; clip < clips; ++clip) {
-            ASSERT_EQ(kyt::writer_put(&writer, kyt::live_record(ts_of(clip), 60, 0)), 0);
+        for (uint32_t clip = 0; clip < clips * times; ++clip) {
+            ASSERT_EQ(kyt::writer_put(&writer, kyt::live_record(ts_of(clip % clips), 60, 0)), 0);
         }
         ASSERT_EQ(kyt::writer_end(&writer, false), 0);
-        ASSERT_EQ(kyt::header_seal(writer.fd, generation, kyt::file_state::CLOSED, clips), 0);
+        ASSERT_EQ(kyt::header_seal(writer.fd, generation, kyt::file_state::CLOSED, clips * times), 0);
         close(writer.fd);
     }
     void make_fail(const char* call, int nth, int errnum) const {
@@ -210,6 +211,12 @@ TEST_F(KytLook, WhereThereIsNoListThreeLooksSaySo) {
     EXPECT_EQ(copied(), "Bad message");
     EXPECT_EQ(kyt_open_rdonly("/no/such/folder"), nullptr);
     EXPECT_EQ(errno, ENOENT);
+    // A file is no folder without a list.
+    EXPECT_EQ(kyt_open_rdonly(card.file(OTHER).c_str()), nullptr);
+    EXPECT_EQ(errno, ENOTDIR);
+    kyt_health health = {};
+    EXPECT_EQ(kyt_check(card.file(OTHER).c_str(), &health), -1);
+    EXPECT_EQ(errno, ENOTDIR);
 }
 
 TEST_F(KytLook, WithoutMemoryItFailsWhole) {
@@ -304,6 +311,14 @@ TEST_F(KytLook, APipeUnderTheListsNameIsNotWaitedFor) {
     EXPECT_EQ(copied(), std::to_string(CLIPS));
     std::filesystem::remove(card.file(LIST));
     EXPECT_EQ(copied(), "Bad message");
+}
+
+TEST_F(KytLook, AClipIsThereOnceHoweverOftenItIsListed) {
+    for (const uint32_t clips : {1U, 2U, CLIPS}) {
+        write_list(LIST, 1, clips, 50);
+        EXPECT_EQ(copied(), std::to_string(clips));
+        EXPECT_EQ(checked(), std::to_string(clips) + " of KYT_A.LST, 20 clips");
+    }
 }
 
 TEST_F(KytLook, OfTwoListsTheOneOfTheHigherGenerationCounts) {
