@@ -123,7 +123,7 @@ KYT_API int kyt_check(const char* folder_path, kyt_health* health) {
 }
 
 KYT_API int kyt_repair(const char* folder_path) {
-    kyt_handle* const list = open_folder(folder_path);
+    kyt_handle* const list = open_folder(folder_path, reading::WHOLE);
     kyt_close(list);
     return list ? 0 : -1;
 }

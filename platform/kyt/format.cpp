@@ -38,7 +38,8 @@ header_kind header_read(const uint8_t (&bytes)[sizeof(list_header)], list_header
     std::memcpy(&h, bytes, sizeof h);
     const bool swap = h.byte_order == __builtin_bswap32(BYTE_ORDER_MARK);
     if (swap) {
-        for (uint32_t* field : {&h.byte_order, &h.version, &h.generation, &h.state, &h.records, &h.card, &h.check}) {
+        for (uint32_t* field :
+             {&h.byte_order, &h.version, &h.generation, &h.state, &h.records, &h.card, &h.in_order, &h.check}) {
             *field = __builtin_bswap32(*field);
         }
     }
@@ -57,7 +58,7 @@ uint32_t card_of(int fd) {
     return ioctl(fd, GET_VOLUME_ID, &number) == 0 ? number : 0;
 }
 
-int header_write(int fd, uint32_t generation, file_state state, uint32_t records) {
+int header_write(int fd, uint32_t generation, file_state state, uint32_t records, bool in_order) {
     list_header header = {};
     std::memcpy(header.magic, MAGIC, sizeof MAGIC);
     header.byte_order = BYTE_ORDER_MARK;
@@ -66,12 +67,13 @@ int header_write(int fd, uint32_t generation, file_state state, uint32_t records
     header.state = static_cast<uint32_t>(state);
     header.records = records;
     header.card = card_of(fd);
+    header.in_order = in_order ? 1 : 0;
     header.check = crc32(&header, offsetof(list_header, check));
     return write_at(fd, &header, sizeof header, 0);
 }
 
-int header_seal(int fd, uint32_t generation, file_state state, uint32_t records) {
-    return header_write(fd, generation, state, records) < 0 ? -1 : fdatasync(fd);
+int header_seal(int fd, uint32_t generation, file_state state, uint32_t records, bool in_order) {
+    return header_write(fd, generation, state, records, in_order) < 0 ? -1 : fdatasync(fd);
 }
 
 uint32_t file_bytes(uint32_t records) {

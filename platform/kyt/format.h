@@ -38,7 +38,8 @@ struct list_header {
     uint32_t state;       // file_state
     uint32_t records;     // used slots; only counts when CLOSED
     uint32_t card;        // the volume's serial number; 0: not known
-    uint32_t reserved[7];
+    uint32_t in_order;    // 1: CLOSED with live records only, ascending; 0: not known
+    uint32_t reserved[6];
     uint32_t check;  // CRC-32 of the bytes before it
 };
 static_assert(sizeof(list_header) == 64);
@@ -53,10 +54,10 @@ header_kind header_read(const uint8_t (&bytes)[sizeof(list_header)], list_header
 uint32_t card_of(int fd);
 
 // Writes the header, with the card's number. 0, or -1 with errno.
-int header_write(int fd, uint32_t generation, file_state state, uint32_t records);
+int header_write(int fd, uint32_t generation, file_state state, uint32_t records, bool in_order = false);
 
 // The same, and waits until everything in the file is on the card. 0, or -1 with errno.
-int header_seal(int fd, uint32_t generation, file_state state, uint32_t records);
+int header_seal(int fd, uint32_t generation, file_state state, uint32_t records, bool in_order = false);
 
 // The size of a file with that many used slots and the spare ones.
 uint32_t file_bytes(uint32_t records);

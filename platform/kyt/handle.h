@@ -18,11 +18,13 @@ struct kyt_handle {
     bool compared = false;          // a complete comparison has been: the next field counts
     uint8_t compared_round = 0;     // what was deleted in earlier rounds and was not found is gone for good
     bool said_full = false;
+    bool distrusted = false;  // what was taken over unread is not whole, or not in order
 };
 
 namespace kyt {
 
 // kyt_open_rdwr for a folder of one's own: for tests, measurements and fuzzing.
-kyt_handle* open_folder(const char* path);
+enum class reading : uint8_t { AS_NEEDED, WHOLE };
+kyt_handle* open_folder(const char* path, reading wanted = reading::AS_NEEDED);
 
 }  // namespace kyt

@@ -118,12 +118,14 @@ void finish(keeper* k) {
     }
     kept_file& file = k->files[k->list];
     const tail& rest = k->rest;
+    bool in_order = rest.in_order && rest.file == k->list;
     if (rest.bytes > 0 && rest.file == k->list &&
         (write_at(file.fd, rest.data, rest.bytes, rest.offset) < 0 || ftruncate(file.fd, file_bytes(file.used)) < 0)) {
+        in_order = false;
         log_err("kyt: the card has no room for the newest records");
     }
-    if (fdatasync(file.fd) < 0 ||
-        header_seal(file.fd, file.generation, file_state::CLOSED, file.used.load(std::memory_order_acquire)) < 0) {
+    const uint32_t used = file.used.load(std::memory_order_acquire);
+    if (fdatasync(file.fd) < 0 || header_seal(file.fd, file.generation, file_state::CLOSED, used, in_order) < 0) {
         log_err("kyt: the list is not closed in order: %s", std::strerror(errno));
     }
 }
@@ -146,6 +148,9 @@ int pause_ms(const keeper& k) {
 void* keeper_main(void* context) {
     auto* const k = static_cast<keeper*>(context);
     k->last_flush_ms = now_ms();
+    if (k->inherited > 0) {
+        inspect(k);
+    }
     for (;;) {
         pollfd wake = {k->wake, POLLIN, 0};
         if (poll(&wake, 1, pause_ms(*k)) > 0) {
@@ -211,19 +216,20 @@ int start_thread(keeper* k) {
 
 }  // namespace
 
-keeper* keeper_start(int folder, int name, int fd, uint32_t generation, uint32_t bytes, uint32_t records) {
+keeper* keeper_start(int folder, const ready_file& file, bool inherited) {
     void* const memory = std::malloc(sizeof(keeper));
     if (!memory) {
         return nullptr;
     }
     auto* const k = new (memory) keeper;
     k->folder = folder;
-    k->list = name;
-    k->files[name].fd = fd;
-    k->files[name].generation = generation;
-    k->files[name].capacity = bytes;
-    k->files[name].used = records;
-    k->mapped = bytes;
+    k->list = file.name;
+    k->files[file.name].fd = file.fd;
+    k->files[file.name].generation = file.generation;
+    k->files[file.name].capacity = file.bytes;
+    k->files[file.name].used = file.records;
+    k->mapped = file.bytes;
+    k->inherited = inherited ? file.records : 0;
     k->wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     int failure = k->wake < 0 ? errno : start_thread(k);
     if (failure != 0) {

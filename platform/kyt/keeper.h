@@ -1,9 +1,9 @@
 // The list's keeper: one thread beside the loop that does everything that waits for the card.
 //
-// It brings changes to the card once a second, keeps the file ahead of need, compares the folder with the list, and
-// writes rewritten lists. It works on the file by descriptor, never on the mapping, so no bus fault can hit it and
-// nothing needs to be locked against the loop's changes in place. The two sides share atomics and one job whose owner
-// is told by `phase`; there is no lock that either could leave behind.
+// It brings changes to the card once a second, keeps the file ahead of need, reads what the open took over unread,
+// compares the folder with the list, and writes rewritten lists. It works on the file by descriptor, never on the
+// mapping, so no bus fault can hit it and nothing needs to be locked against the loop's changes in place. The two sides
+// share atomics and one job whose owner is told by `phase`; there is no lock that either could leave behind.
 //
 // Its end: keeper_close waits until all is on the card. keeper_abandon waits for nothing: the thread may hang in the
 // kernel for as long as the card's driver likes, and closes its descriptors and frees what it holds when it comes back.
@@ -14,6 +14,7 @@
 
 #include "array.h"
 #include "format.h"
+#include "repair.h"
 
 namespace kyt {
 
@@ -35,6 +36,8 @@ struct job {
     // What to do.
     uint32_t horizon = 0;  // clips of the periods that begin before this should all be in the list
     bool rewrite = false;
+    bool mend = false;  // the records may be anything, in any order: `inherited` of them
+    uint32_t inherited = 0;
     uint32_t records = 0;    // slots to copy
     array<uint32_t> strays;  // of them: the strays, ascending by ts (list.h)
     array<uint32_t> runs;    // and the slots that they fill, ascending
@@ -47,6 +50,16 @@ struct job {
     array<uint32_t> undead;   // clips of deleted records, at most MAX_FOUND
     bool rewritten = false;
     uint32_t new_records = 0;
+    array<uint32_t> without_clip;  // records that a mended list leaves out, ascending by ts
+};
+
+// What is wrong with records that were taken over unread.
+struct findings {
+    uint32_t destroyed = 0;
+    uint32_t behind = 0;  // slots behind the end that are not free
+    bool out_of_order = false;
+    bool out_of_memory = false;
+    bool any() const { return destroyed > 0 || behind > 0 || out_of_order || out_of_memory; }
 };
 
 struct kept_file {
@@ -56,22 +69,27 @@ struct kept_file {
     std::atomic<uint32_t> capacity{0};  // bytes that the file has for sure; the thread's
 };
 
-// Records for which the file had no room when the session ended.
+// How the loop leaves the list at the end: records for which the file had no room.
 struct tail {
     int file = 0;  // of the keeper's files, the one that they belong into
     const void* data = nullptr;
-    uint32_t bytes = 0;   // 0: there are none
-    uint32_t offset = 0;  // in the file
+    uint32_t bytes = 0;     // 0: there are none
+    uint32_t offset = 0;    // in the file
+    bool in_order = false;  // what the header says of the whole list
 };
 
 struct keeper {
     std::atomic<uint32_t> owners{2};  // the last one frees
     std::atomic<ending> end{ending::NONE};
     std::atomic<phase> at{phase::IDLE};
-    std::atomic<uint32_t> changes{0};  // counts what may have changed records; the loop's
-    std::atomic<uint32_t> mapped{0};   // bytes of the file that the loop has mapped and locked
-    std::atomic<bool> redirty{false};  // a write to the card failed: the loop is to make the pages dirty again
-    int wake = -1;                     // eventfd
+    std::atomic<uint32_t> changes{0};    // counts what may have changed records; the loop's
+    std::atomic<uint32_t> mapped{0};     // bytes of the file that the loop has mapped and locked
+    std::atomic<bool> redirty{false};    // a write to the card failed: the loop is to make the pages dirty again
+    std::atomic<bool> inspected{false};  // the next three are the loop's
+    findings found;
+    array<uint32_t> deleted;  // slots
+    uint32_t inherited = 0;   // used slots that the open took over unread
+    int wake = -1;            // eventfd
     pthread_t thread = {};
 
     kept_file files[2];  // under LIST_NAMES
@@ -90,13 +108,14 @@ struct keeper {
 };
 
 // Takes over both descriptors. Null: errno says why, the descriptors are still the caller's.
-keeper* keeper_start(int folder, int name, int fd, uint32_t generation, uint32_t bytes, uint32_t records);
+// inherited: the records were taken over unread.
+keeper* keeper_start(int folder, const ready_file& file, bool inherited);
 void keeper_wake(keeper* k);
 // rest: only the keeper can bring it into the file, for it may be making the file longer at this moment.
 void keeper_close(keeper* k, const tail& rest);
 void keeper_abandon(keeper* k);
 
-// The thread's parts, in keeper.cpp and work.cpp.
+// The thread's parts, in keeper.cpp, inspect.cpp and work.cpp.
 inline bool is_ending(const keeper& k) {
     return k.end.load(std::memory_order_acquire) != ending::NONE;
 }
@@ -104,6 +123,7 @@ inline bool is_abandoned(const keeper& k) {
     return k.end.load(std::memory_order_acquire) == ending::ABANDON;
 }
 void keeper_tick(keeper* k);   // grows and flushes when it is time
+void inspect(keeper* k);       // sets `inspected`, unless the session ends first
 void work_do(keeper* k);       // WORK
 bool work_commit(keeper* k);   // COMMIT; false: the card refused, try again later
 void work_discard(keeper* k);  // DISCARD

@@ -11,7 +11,8 @@
 #include "handle.h"
 #include "kyt_rdonly.h"
 #include "names.h"
-#include "repair.h"
+#include "phrases.h"
+#include "unread.h"
 #include "vesk_util.h"
 
 using namespace kyt;
@@ -51,6 +52,46 @@ void take_growth(kyt_handle* h) {
         h->keeper->mapped.store(capacity, std::memory_order_release);
         changed(h);  // records may have moved from memory into the file
     }
+}
+
+// What the keeper has found in the records that the open took over unread, once it is through.
+void take_findings(kyt_handle* h) {
+    keeper* const k = h->keeper;
+    if (h->order.unread == 0 || h->distrusted || !k->inspected.load(std::memory_order_acquire)) {
+        return;
+    }
+    // A list that was closed in order had no tombstones; those that the loop has made since are its own.
+    uint32_t deleted = 0;
+    for (const uint32_t slot_number : k->deleted) {
+        const bool still = slot_kind(h->order.at[slot_number]) == slot::DELETED;
+        deleted += still && !list_knows_deleted(h->order, slot_number) ? 1 : 0;
+    }
+    k->deleted.clear();
+    const findings& found = k->found;
+    if (!found.any() && deleted == 0) {
+        list_trust(&h->order);
+        return;
+    }
+    h->distrusted = true;
+    h->order.live -= std::min(h->order.live, found.destroyed + deleted);
+    phrases words;
+    if (found.destroyed > 0) {
+        words.add("%u of its records were destroyed", found.destroyed);
+    }
+    if (deleted > 0) {
+        words.add("%u of its records were deleted ones", deleted);
+    }
+    if (found.out_of_order) {
+        words.add("its records were out of order");
+    }
+    if (found.behind > 0) {
+        words.add("there was something behind its end");
+    }
+    if (found.out_of_memory) {
+        words.add("there was no memory for looking at it");
+    }
+    log_warning("kyt: the list was closed in order, but %s: the next maintenance writes it anew, marks may be lost",
+                words.text);
 }
 
 int add(kyt_handle* h, const kyt_record& record) {
@@ -97,8 +138,10 @@ void take_found(kyt_handle* h) {
     uint32_t added = 0;
     uint32_t first = 0;
     for (const uint32_t ts : work.missing) {
-        // Deleted since the thread looked, or announced: then it is no news.
-        if (list_find(h->order, ts) == list::NONE && add(h, live_record(ts, 0, 0)) == 0) {
+        // Deleted since the thread looked, or announced: then it is no news. A destroyed record may have kept its ts.
+        const uint32_t known = list_find(h->order, ts);
+        const bool is_news = known == list::NONE || slot_kind(h->order.at[known]) == slot::BAD;
+        if (is_news && add(h, live_record(ts, 0, 0)) == 0) {
             first = added++ == 0 ? ts : first;
         }
     }
@@ -153,6 +196,41 @@ bool carry_changes(const list& from, const job& work, list* to, region* map) {
     return true;
 }
 
+bool is_without_clip(const job& work, uint32_t slot_number, const kyt_record& record) {
+    return slot_number < work.inherited && is_live(record) &&
+           std::binary_search(work.without_clip.begin(), work.without_clip.end(), record.ts);
+}
+
+// The same out of a list that may hold anything, in any order. Of several records with one ts the one that counts is
+// that which the loop finds by it.
+bool carry_mended(const list& from, const job& work, list* to, region* map) {
+    uint32_t expected = 0;  // mostly they lie alike
+    for (uint32_t slot_number = 0; slot_number < from.count; ++slot_number) {
+        const kyt_record& record = from.at[slot_number];
+        const slot kind = slot_kind(record);
+        if (kind != slot::LIVE && kind != slot::DELETED) {
+            continue;
+        }
+        const bool there = expected < to->count && to->at[expected].ts == record.ts;
+        const uint32_t found = there ? expected : list_find(*to, record.ts);
+        if (found != list::NONE) {
+            const bool same = std::memcmp(&to->at[found], &record, sizeof record) == 0;
+            if (!same && list_find(from, record.ts) == slot_number) {
+                to->at[found] = record;
+            }
+            expected = found + 1;
+            continue;
+        }
+        if (is_dropped(work, record) || is_without_clip(work, slot_number, record)) {
+            continue;
+        }
+        if ((to->count >= slots_in(map->usable) && region_overflow(map) < 0) || !list_append(to, record)) {
+            return false;
+        }
+    }
+    return true;
+}
+
 // Goes over to the rewritten file. False: it is not to be used.
 bool switch_file(kyt_handle* h) {
     const int other = 1 - h->file;
@@ -166,7 +244,9 @@ bool switch_file(kyt_handle* h) {
     order.at = region_slots(map);
     order.count = h->keeper->work.new_records;
     order.last_main = order.count > 0 ? order.count - 1 : list::NONE;
-    if (!carry_changes(h->order, h->keeper->work, &order, &map) || !list_load(&order, region_slots(map), order.count)) {
+    const job& work = h->keeper->work;
+    const auto carry = work.mend ? carry_mended : carry_changes;
+    if (!carry(h->order, work, &order, &map) || !list_load(&order, region_slots(map), order.count)) {
         region_unmap(&map);
         return false;
     }
@@ -174,6 +254,7 @@ bool switch_file(kyt_handle* h) {
     h->map = map;
     h->order.swap(order);
     h->file = other;
+    h->distrusted = false;
     h->asked_bytes = 0;
     h->keeper->mapped.store(bytes, std::memory_order_release);
     file.used.store(h->order.count, std::memory_order_release);
@@ -199,7 +280,17 @@ bool worth_rewriting(const kyt_handle& h) {
 bool set_up_rewriting(kyt_handle* h) {
     job& work = h->keeper->work;
     const list& order = h->order;
-    if (!worth_rewriting(*h) || !work.strays.reserve(order.strays.size) || !work.runs.reserve(order.strays.size)) {
+    work.mend = h->distrusted;
+    work.inherited = order.unread;
+    if (h->distrusted) {
+        work.records = order.count;
+        work.may_drop = h->compared;
+        work.drop_round = h->compared_round;
+        return true;
+    }
+    // What has not been read yet may turn out to be in need of mending: the next maintenance knows.
+    if (order.unread > 0 || !worth_rewriting(*h) || !work.strays.reserve(order.strays.size) ||
+        !work.runs.reserve(order.strays.size)) {
         return false;
     }
     work.records = order.count;
@@ -244,9 +335,22 @@ bool read_only(const kyt_handle* h) {
     return !h->keeper;
 }
 
+// Kept out of kyt_next, so that a step within what is in order costs no more than a look at the bounds.
+__attribute__((noinline)) kyt_record* next_by_search(kyt_handle* h, const kyt_record* prev) {
+    if (!h || (prev && (prev < h->order.at || prev >= h->order.at + h->order.count))) {
+        return nullptr;
+    }
+    if (h->keeper) {
+        take_findings(h);
+    }
+    const uint32_t from = prev ? static_cast<uint32_t>(prev - h->order.at) : list::NONE;
+    const uint32_t slot_number = list_next(h->order, from);
+    return slot_number == list::NONE ? nullptr : h->order.at + slot_number;
+}
+
 }  // namespace
 
-kyt_handle* kyt::open_folder(const char* path) {
+kyt_handle* kyt::open_folder(const char* path, reading wanted) {
     const int folder = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (folder < 0) {
         return nullptr;
@@ -254,14 +358,18 @@ kyt_handle* kyt::open_folder(const char* path) {
     ready_file ready;
     auto* const memory = std::malloc(sizeof(kyt_handle));
     kyt_handle* const h = memory ? new (memory) kyt_handle : nullptr;
-    bool ok = h && prepare_list(folder, &ready) == 0 && region_map(&h->map, ready.fd, ready.bytes) == 0;
-    if (ok && !list_load(&h->order, region_slots(h->map), ready.records)) {
+    const bool unread = h && wanted == reading::AS_NEEDED && take_unread(folder, &ready, &h->map);
+    if (unread) {
+        list_take_unread(&h->order, region_slots(h->map), ready.records);
+    }
+    bool ok = unread || (h && prepare_list(folder, &ready) == 0 && region_map(&h->map, ready.fd, ready.bytes) == 0);
+    if (ok && !unread && !list_load(&h->order, region_slots(h->map), ready.records)) {
         errno = ENOMEM;
         ok = false;
     }
     if (ok) {
         h->file = ready.name;
-        h->keeper = keeper_start(folder, ready.name, ready.fd, ready.generation, ready.bytes, ready.records);
+        h->keeper = keeper_start(folder, ready, unread);
         ok = h->keeper;
     }
     if (!ok) {
@@ -291,9 +399,13 @@ KYT_API void kyt_close(kyt_handle* h) {
     if (h->keeper) {
         write_again(h);
         take_growth(h);
-        const uint32_t end = RECORDS_AT + h->order.count * static_cast<uint32_t>(sizeof(kyt_record));
+        take_findings(h);
+        const list& order = h->order;
+        const uint32_t end = RECORDS_AT + order.count * static_cast<uint32_t>(sizeof(kyt_record));
         const uint32_t waiting = end > h->map.in_file ? end - h->map.in_file : 0;
-        keeper_close(h->keeper, {h->file, h->map.base + h->map.in_file, waiting, h->map.in_file});
+        // What has not been read through in this session is not vouched for: the next one reads it.
+        const bool in_order = order.unread == 0 && order.strays.size == 0 && order.live == order.count;
+        keeper_close(h->keeper, {h->file, h->map.base + h->map.in_file, waiting, h->map.in_file, in_order});
         region_unmap(&h->map);
     }
     free_handle(h);
@@ -318,6 +430,7 @@ KYT_API int kyt_optimise(kyt_handle* h) {
     keeper* const k = h->keeper;
     write_again(h);
     take_growth(h);
+    take_findings(h);
     take_found(h);
     if (k->at.load(std::memory_order_acquire) == phase::DONE) {
         if (k->work.rewritten) {
@@ -354,15 +467,10 @@ KYT_API kyt_record* kyt_get(kyt_handle* h, uint32_t ts) {
 }
 
 KYT_API kyt_record* kyt_next(kyt_handle* h, const kyt_record* prev) {
-    if (!h || (prev && (prev < h->order.at || prev >= h->order.at + h->order.count))) {
-        return nullptr;
+    if (h && list_is_plain_behind(h->order, prev)) [[likely]] {
+        return const_cast<kyt_record*>(prev) + 1;  // the list's own, which its caller may change
     }
-    const uint32_t from = prev ? static_cast<uint32_t>(prev - h->order.at) : list::NONE;
-    if (prev && list_is_plain_behind(h->order, from)) {
-        return from + 1 < h->order.count ? h->order.at + from + 1 : nullptr;
-    }
-    const uint32_t slot_number = list_next(h->order, from);
-    return slot_number == list::NONE ? nullptr : h->order.at + slot_number;
+    return next_by_search(h, prev);
 }
 
 KYT_API int kyt_write(kyt_handle* h, const kyt_record* record) {
@@ -374,6 +482,7 @@ KYT_API int kyt_write(kyt_handle* h, const kyt_record* record) {
         return -1;
     }
     write_again(h);
+    take_findings(h);
     // The announcement first: a comparison that has found the same clip knows neither its duration nor its mark.
     const int result = add(h, *record);
     const int error = errno;

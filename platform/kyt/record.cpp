@@ -36,16 +36,15 @@ kyt_record make(uint32_t ts, uint8_t detail, uint8_t flags, uint16_t mask) {
     return {ts, {detail, static_cast<uint8_t>(check)}, flags, static_cast<uint8_t>(check >> 8)};
 }
 
-}  // namespace
-
-slot slot_kind(const kyt_record& record) {
+// check: over the record as it should be.
+slot kind_with(const kyt_record& record, uint16_t check) {
     if (record.ts == 0) {
         const bool all_zero =
             record.reserved[0] == 0 && record.reserved[1] == 0 && record.flags == 0 && record.reserved2 == 0;
         return all_zero ? slot::FREE : slot::BAD;
     }
     const uint16_t stored = static_cast<uint16_t>(record.reserved[1] | (record.reserved2 << 8));
-    switch (check_of(record.ts, record.reserved[0]) ^ stored) {
+    switch (check ^ stored) {
         case LIVE_MASK:
             return slot::LIVE;
         case DELETED_MASK:
@@ -53,6 +52,30 @@ slot slot_kind(const kyt_record& record) {
         default:
             return slot::BAD;
     }
+}
+
+}  // namespace
+
+slot slot_kind(const kyt_record& record) {
+    return kind_with(record, check_of(record.ts, record.reserved[0]));
+}
+
+// The check is linear: the bytes' shares are put together by xor, and that of no bytes goes with the first one.
+check_table::check_table() {
+    const uint16_t none = check_of(0, 0);
+    for (uint32_t byte = 0; byte < 256; ++byte) {
+        for (int place = 0; place < 4; ++place) {
+            of[place][byte] = static_cast<uint16_t>(check_of(byte << (8 * place), 0) ^ (place > 0 ? none : 0));
+        }
+        of[4][byte] = static_cast<uint16_t>(check_of(0, static_cast<uint8_t>(byte)) ^ none);
+    }
+}
+
+slot slot_kind(const kyt_record& record, const check_table& table) {
+    const uint32_t ts = record.ts;
+    return kind_with(record, static_cast<uint16_t>(table.of[0][ts & 0xFF] ^ table.of[1][(ts >> 8) & 0xFF] ^
+                                                   table.of[2][(ts >> 16) & 0xFF] ^ table.of[3][ts >> 24] ^
+                                                   table.of[4][record.reserved[0]]));
 }
 
 kyt_record live_record(uint32_t ts, uint8_t seconds, uint8_t flags) {

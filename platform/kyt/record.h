@@ -18,6 +18,13 @@ enum class slot : uint8_t { FREE, LIVE, DELETED, BAD };
 
 slot slot_kind(const kyt_record& record);
 
+// The same for going through very many of them: what each byte adds to the check, 2.5 KiB.
+struct check_table {
+    uint16_t of[5][256];
+    check_table();
+};
+slot slot_kind(const kyt_record& record, const check_table& table);
+
 kyt_record live_record(uint32_t ts, uint8_t seconds, uint8_t flags);
 kyt_record deleted_record(const kyt_record& record, uint8_t round);  // flags are kept: the clip may come back
 

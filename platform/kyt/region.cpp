@@ -15,11 +15,16 @@ namespace {
 constexpr uintptr_t ALIGNMENT = uintptr_t{256} * 1024;
 constexpr size_t RESERVED_BYTES = MAX_BYTES + ALIGNMENT;
 
-void lock(const region& r) {
+constexpr uint32_t PAGE_BYTES = 4096;
+
+void lock(region* r) {
     // No room under the limit for locked memory: the list works, but a pulled card may fault. Said once, not 48 times a
     // day; the first open is on the loop thread like every other.
     static bool said = false;
-    if (mlock(r.base, std::min(r.in_file, LOCK_BYTES)) < 0 && !said) {
+    const uint32_t wanted = std::min(r->in_file, LOCK_BYTES);
+    if (mlock(r->base, wanted) == 0) {
+        r->locked = wanted;
+    } else if (!said) {
         said = true;
         log_warning("kyt: the list cannot be locked in memory: %s", std::strerror(errno));
     }
@@ -61,10 +66,30 @@ int region_grow(region* r, int fd, uint32_t bytes) {
     }
     r->in_file = bytes;
     r->usable = std::max(r->usable, bytes);
-    lock(*r);
+    lock(r);
     if (moved) {
         std::memcpy(r->base + first, moved, waiting);
         std::free(moved);
+    }
+    return 0;
+}
+
+int region_read_in(const region* r, int fd, uint32_t records) {
+    const uint32_t end = RECORDS_AT + records * static_cast<uint32_t>(sizeof(kyt_record));
+    // What is locked is in memory; the rest mostly is as well, and to ask costs a tenth of reading it.
+    unsigned char in_memory[MAX_BYTES / PAGE_BYTES] = {};
+    if (end <= r->locked) {
+        return 0;
+    }
+    if (mincore(r->base + r->locked, end - r->locked, in_memory) < 0) {
+        return -1;
+    }
+    uint8_t page[PAGE_BYTES];
+    for (uint32_t offset = r->locked; offset < end; offset += PAGE_BYTES) {
+        if ((in_memory[(offset - r->locked) / PAGE_BYTES] & 1) == 0 &&
+            read_at(fd, page, sizeof page, offset) != static_cast<long>(sizeof page)) {
+            return -1;
+        }
     }
     return 0;
 }

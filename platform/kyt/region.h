@@ -21,6 +21,7 @@ struct region {
     uint8_t* base = nullptr;
     void* reserved = nullptr;  // what mmap gave; base is aligned within
     uint32_t in_file = 0;
+    uint32_t locked = 0;  // bytes
     uint32_t usable = 0;
 };
 
@@ -33,6 +34,9 @@ int region_map(region* r, int fd, uint32_t bytes);
 
 // The file has `bytes` now: takes its new pages in. 0, or -1 with errno and nothing lost.
 int region_grow(region* r, int fd, uint32_t bytes);
+
+// Brings the pages of so many slots into memory, by plain reads. 0, or -1 with errno: the card does not give them all.
+int region_read_in(const region* r, int fd, uint32_t records);
 
 // Another step of plain memory. 0, or -1 with errno ENOSPC.
 int region_overflow(region* r);

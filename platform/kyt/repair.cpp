@@ -1,16 +1,15 @@
 #include "repair.h"
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstring>
 #include <fcntl.h>
-#include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "folder.h"
 #include "load.h"
 #include "names.h"
+#include "phrases.h"
 #include "record.h"
 #include "vesk_util.h"
 
@@ -39,28 +38,6 @@ bool comes_first(const candidate& a, const candidate& b) {
     // What the list itself says about a ts counts, deleted or not; an older or broken copy only fills gaps.
     return a.foreign != b.foreign ? b.foreign : !a.deleted && b.deleted;
 }
-
-// What the log will say: phrases, with commas between them. What does not fit in is left out.
-struct phrases {
-    char text[320] = "";
-
-    __attribute__((format(printf, 2, 3))) void add(const char* format, ...) {
-        const size_t length = std::strlen(text);
-        const size_t comma = length > 0 ? 2 : 0;
-        va_list args;
-        va_start(args, format);
-        const int added = length + comma < sizeof text
-                              ? vsnprintf(text + length + comma, sizeof text - length - comma, format, args)
-                              : -1;
-        va_end(args);
-        if (added < 0 || static_cast<size_t>(added) >= sizeof text - length - comma) {
-            text[length] = '\0';
-        } else if (comma > 0) {
-            std::memcpy(text + length, ", ", comma);
-        }
-    }
-    bool empty() const { return text[0] == '\0'; }
-};
 
 struct repair {
     int folder;

@@ -171,22 +171,81 @@ void copy_strays(copier* c, uint32_t ts) {
     }
 }
 
+// Copies what is in order but for the strays.
+bool copy_in_order(copier* c) {
+    const job& work = c->k->work;
+    const bool read = read_slots(c->k, work.records, [&](const kyt_record& record) {
+        const uint32_t slot_number = c->slot++;
+        if (c->next_run < work.runs.size && work.runs[c->next_run] == slot_number) {
+            ++c->next_run;
+            return;  // a stray: it comes where its ts says
+        }
+        copy_strays(c, record.ts);
+        copy_record(c, record);
+    });
+    copy_strays(c, UINT32_MAX);
+    return read;
+}
+
+// All clips on the card, ascending. False: not all of them could be read.
+bool read_clips(keeper* k, array<uint32_t>* clips) {
+    array<uint32_t> periods;
+    bool complete = folder_periods(k->folder, &periods) == 0;
+    for (const uint32_t period : periods) {
+        keeper_tick(k);
+        if (is_ending(*k)) {
+            return false;
+        }
+        complete = folder_clips(k->folder, period, clips) == 0 && complete;
+    }
+    std::sort(clips->begin(), clips->end());
+    return complete;
+}
+
+// Copies what is whole of records that may be anything: sorted, each ts once. Of what was taken over unread a record is
+// believed only when its clip is on the card, for noise passes for a record now and then.
+bool copy_mended(copier* c) {
+    struct entry {
+        kyt_record record;
+        bool inherited;
+    };
+    keeper* const k = c->k;
+    job& work = k->work;
+    array<entry> whole;
+    bool room = true;
+    if (!read_slots(k, work.records, [&](const kyt_record& record) {
+            const slot kind = slot_kind(record);
+            const bool inherited = c->slot++ < work.inherited;
+            room = room && ((kind != slot::LIVE && kind != slot::DELETED) || whole.push({record, inherited}));
+        })) {
+        return false;
+    }
+    array<uint32_t> clips;
+    const bool complete = read_clips(k, &clips);
+    std::sort(whole.begin(), whole.end(), [](const entry& a, const entry& b) {
+        return a.record.ts != b.record.ts ? a.record.ts < b.record.ts : is_live(a.record) && !is_live(b.record);
+    });
+    uint32_t last_ts = 0;
+    for (const entry& e : whole) {
+        const uint32_t ts = e.record.ts;
+        if (complete && e.inherited && is_live(e.record) && !std::binary_search(clips.begin(), clips.end(), ts)) {
+            room = room && work.without_clip.push(ts);
+        } else if (ts != last_ts) {
+            copy_record(c, e.record);
+            last_ts = ts;
+        }
+    }
+    errno = room ? errno : ENOMEM;
+    return room && !is_ending(*k);
+}
+
 bool rewrite(keeper* k) {
     job& work = k->work;
     const int name = 1 - k->list;
     const uint32_t generation = k->files[k->list].generation + 1;
     copier c = {k, {}, false, 0, 0, 0};
     c.failed = writer_begin(&c.writer, k->folder, LIST_NAMES[name], generation) < 0;
-    const bool read = !c.failed && read_slots(k, work.records, [&](const kyt_record& record) {
-        const uint32_t slot_number = c.slot++;
-        if (c.next_run < work.runs.size && work.runs[c.next_run] == slot_number) {
-            ++c.next_run;
-            return;  // a stray: it comes where its ts says
-        }
-        copy_strays(&c, record.ts);
-        copy_record(&c, record);
-    });
-    copy_strays(&c, UINT32_MAX);
+    const bool read = !c.failed && (work.mend ? copy_mended(&c) : copy_in_order(&c));
     if (!read || c.failed || writer_end(&c.writer, true) < 0) {
         if (!is_ending(*k)) {
             log_warning("kyt: the list could not be rewritten: %s", std::strerror(errno));
@@ -211,7 +270,7 @@ bool rewrite(keeper* k) {
 
 void work_do(keeper* k) {
     job& work = k->work;
-    work.missing.size = work.undead.size = 0;
+    work.missing.size = work.undead.size = work.without_clip.size = 0;
     work.complete = compare(k);
     work.rewritten = work.rewrite && !is_ending(*k) && rewrite(k);
     work.strays.clear();

@@ -25,6 +25,7 @@
 #include "handle.h"
 #include "kyt_rdonly.h"
 #include "unit/support/recordings.h"
+#include "unread.h"
 
 namespace {
 
@@ -161,6 +162,7 @@ void compare(session* s) {
 
 void open_list(session* s) {
     s->held = nullptr;
+    kyt::read_whole_up_to = s->one_in(2) ? 8 : UINT32_MAX;  // every other time a list may be taken over unread
     s->list = kyt::open_folder(s->card.path().c_str());
     if (!s->list) {
         fail(0, "cannot open: %s", std::strerror(errno));

@@ -291,7 +291,7 @@ TEST_F(KytDamage, ADirectoryInTheFilesPlaceIsSetAside) {
 }
 
 TEST_F(KytDamage, APageThatTheCardDoesNotGive) {
-    card_calls::fail("pread", 4, EIO);  // the header, then the second page of records
+    card_calls::fail("pread", 5, EIO);  // the header, twice, then the second page of records
     kyt_handle* const list = kyt::open_folder(card.path().c_str());
     ASSERT_NE(list, nullptr);
     EXPECT_TRUE(card_calls::failed());
