@@ -22,6 +22,7 @@ namespace {
 
 constexpr uint32_t BATCH_PERIODS = 64;
 constexpr uint32_t PERIOD_BYTES = PERIOD_S / 8;
+constexpr uint32_t RECORD_BYTES = sizeof(kyt_record);
 constexpr uint32_t PAGE_RECORDS = 512;
 constexpr uint32_t SYNC_RECORDS = 8192;  // a slow card takes the new list in pieces of 64 KiB between the flushes
 
@@ -38,12 +39,11 @@ bool read_slots(keeper* k, uint32_t records, See see) {
     kyt_record page[PAGE_RECORDS];
     for (uint32_t slot = 0; slot < records;) {
         const uint32_t wanted = std::min(PAGE_RECORDS, records - slot);
-        const long got = read_at(k->files[k->list].fd, page, wanted * sizeof page[0],
-                                 RECORDS_AT + slot * static_cast<uint32_t>(sizeof page[0]));
+        const long got = read_at(k->files[k->list].fd, page, wanted * RECORD_BYTES, RECORDS_AT + slot * RECORD_BYTES);
         if (is_ending(*k) || got < 0) {
             return false;
         }
-        const uint32_t whole = static_cast<uint32_t>(got) / sizeof page[0];
+        const uint32_t whole = static_cast<uint32_t>(got) / RECORD_BYTES;
         for (uint32_t i = 0; i < whole; ++i) {
             see(page[i]);
         }

@@ -296,6 +296,31 @@ TEST_F(KytWork, RecordsThatTheFileDoesNotHaveYetAreNotWaitedFor) {
     EXPECT_EQ(k.work.undead.size, 1U);
 }
 
+TEST_F(KytWork, SixtyFourHoursAreComparedInOnePassOverTheList) {
+    set_list({live(HOUR)});
+    uint32_t hours = 0;
+    for (const auto& [wanted, passes] :
+         {std::pair{0U, 0}, {1U, 1}, {63U, 1}, {64U, 1}, {65U, 2}, {128U, 2}, {129U, 3}}) {
+        for (; hours < wanted; ++hours) {
+            add_video(HOUR + hours * PERIOD);
+        }
+        int reads = 0;
+        libc.see = [&](const std::string& call) { reads += call == "read" ? 1 : 0; };
+        kyt::work_do(&k);
+        libc.see = nullptr;
+        EXPECT_EQ(reads, passes) << wanted;
+        EXPECT_EQ(k.work.missing.size, wanted == 0 ? 0 : wanted - 1);
+    }
+}
+
+TEST_F(KytWork, AComparisonStopsForAFlush) {
+    set_list({live(HOUR)});
+    add_video(HOUR);
+    ++k.changes;
+    kyt::work_do(&k);
+    EXPECT_EQ(libc.calls, std::vector<std::string>{"synchronise"});
+}
+
 // --- rewriting ---------------------------------------------------------------------------------------------------
 
 TEST_F(KytWork, AListIsRewrittenInOrder) {
