@@ -16,6 +16,7 @@ struct page {
     kyt_record records[PAGE_RECORDS];
     uint32_t read = 0;  // records that the card gave
     uint32_t used = 0;  // slots of the list that were used when it had been read
+    uint32_t deleted = 0;
 };
 
 void read_page(const kept_file& file, uint32_t slot_number, page* p) {
@@ -25,19 +26,21 @@ void read_page(const kept_file& file, uint32_t slot_number, page* p) {
     p->used = file.used.load(std::memory_order_acquire);
 }
 
-// Adds what is wrong with a page. last_ts: of the record before it.
-findings judge(const page& p, const check_table& table, uint32_t first, uint32_t inherited, uint32_t* last_ts) {
+// What is wrong with a page. last_ts: of the record before it.
+findings judge(page* p, const check_table& table, uint32_t first, uint32_t inherited, uint32_t* last_ts) {
     findings found;
+    p->deleted = 0;
     for (uint32_t i = 0; i < PAGE_RECORDS; ++i) {
         const uint32_t slot_number = first + i;
-        const slot kind = i < p.read ? slot_kind(p.records[i], table) : slot::BAD;
+        const slot kind = i < p->read ? slot_kind(p->records[i], table) : slot::BAD;
         if (slot_number >= inherited) {
-            found.behind += i < p.read && slot_number >= p.used && kind != slot::FREE ? 1 : 0;
+            found.behind += i < p->read && slot_number >= p->used && kind != slot::FREE ? 1 : 0;
         } else if (kind != slot::LIVE && kind != slot::DELETED) {
             ++found.destroyed;
         } else {
-            found.out_of_order = found.out_of_order || p.records[i].ts <= *last_ts;
-            *last_ts = p.records[i].ts;
+            p->deleted += kind == slot::DELETED ? 1 : 0;
+            found.out_of_order = found.out_of_order || p->records[i].ts <= *last_ts;
+            *last_ts = p->records[i].ts;
         }
     }
     return found;
@@ -66,13 +69,13 @@ void inspect(keeper* k) {
             keeper_tick(k);
             read_page(file, first, &p);
             page_last_ts = last_ts;
-            of_page = judge(p, table, first, k->inherited, &page_last_ts);
+            of_page = judge(&p, table, first, k->inherited, &page_last_ts);
         }
         last_ts = page_last_ts;
         found->destroyed += of_page.destroyed;
         found->behind += of_page.behind;
         found->out_of_order = found->out_of_order || of_page.out_of_order;
-        for (uint32_t i = 0; i < p.read && first + i < k->inherited; ++i) {
+        for (uint32_t i = 0; p.deleted > 0 && i < p.read && first + i < k->inherited; ++i) {
             if (slot_kind(p.records[i], table) == slot::DELETED && !k->deleted.push(first + i)) {
                 found->out_of_memory = true;
             }
