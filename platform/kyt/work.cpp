@@ -39,7 +39,8 @@ bool read_slots(keeper* k, uint32_t records, See see) {
     kyt_record page[PAGE_RECORDS];
     for (uint32_t slot = 0; slot < records;) {
         const uint32_t wanted = std::min(PAGE_RECORDS, records - slot);
-        const long got = read_at(k->files[k->list].fd, page, wanted * RECORD_BYTES, RECORDS_AT + slot * RECORD_BYTES);
+        const long got =
+            read_at(k->files[k->list].fd, page, size_t{wanted} * RECORD_BYTES, RECORDS_AT + slot * RECORD_BYTES);
         if (is_ending(*k) || got < 0) {
             return false;
         }
