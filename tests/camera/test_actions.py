@@ -235,8 +235,21 @@ def test_requests_while_the_broker_is_away_are_not_made_up_for(camera: Camera, c
     insert_normal(camera, card("fat"))
     times = record(camera, 2)
     old = camera.check("pidof karveld")
+    daemon = wait_daemon(camera)
+    camera.check(f"kill -STOP {daemon}")  # so that it cannot be back at the new broker too early
     camera.check(f"kill -KILL {old}")
     wait_until(lambda: camera.run("pidof karveld").text not in ("", old), 20, "another broker")
+
+    def reached_nobody() -> bool:
+        try:
+            ask(camera, "saveVideo", [times[0]], 2)
+        except TimeoutError:
+            return True
+        except ConnectionError:
+            return False  # the broker is not up yet
+        raise AssertionError("a stopped daemon answers")
+    wait_until(reached_nobody, 40, "a request that nobody takes", 0.2)
+    camera.check(f"kill -CONT {daemon}")
 
     def answered() -> bool:
         try:

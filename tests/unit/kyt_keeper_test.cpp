@@ -347,16 +347,6 @@ TEST_F(KytKeeper, ARewritingThatFailsLeavesTheListAsItIs) {
     EXPECT_EQ(kyt_count(list), 4U);
 }
 
-TEST_F(KytKeeper, MemoryThatCannotBeLockedIsSaidOnce) {
-    card_calls::fail("mlock", 1, ENOMEM, 1000);
-    open();
-    kyt_close(list);
-    open();
-    write(BASE);
-    EXPECT_LE(logged::count("warning kyt: the list cannot be locked in memory: Cannot allocate memory"), 1);
-    EXPECT_EQ(kyt_count(list), 1U);
-}
-
 sigjmp_buf fault_exit;
 
 TEST_F(KytKeeper, ABusFaultMayJumpOutOfAWalk) {
