@@ -375,8 +375,11 @@ void step(rig* r, const load& l, uint32_t* clock) {
     if (chosen(l.pulls)) {
         // In good order, so that the card that goes on is the one that is known.
         await_keeper(r);
-        kyt_close(r->list);
-        open_list(r);
+        // An open puts the list in order: closed once more as it is, it may be taken over unread.
+        for (uint32_t times = 1 + r->pick(3); times > 0; --times) {
+            kyt_close(r->list);
+            open_list(r);
+        }
         const std::lock_guard lock(r->guard);
         r->kept = r->operation;
         return;
