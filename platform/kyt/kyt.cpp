@@ -61,10 +61,10 @@ void take_findings(kyt_handle* h) {
         return;
     }
     // A list that was closed in order had no tombstones; those that the loop has made since are its own.
-    uint32_t deleted = 0;
+    uint32_t deleted = h->order.found_deleted;
     for (const uint32_t slot_number : k->deleted) {
         const bool still = slot_kind(h->order.at[slot_number]) == slot::DELETED;
-        deleted += still && !list_knows_deleted(h->order, slot_number) ? 1 : 0;
+        deleted += still && !list_may_have_deleted(h->order, slot_number) ? 1 : 0;
     }
     k->deleted.clear();
     const findings& found = k->found;
@@ -73,7 +73,9 @@ void take_findings(kyt_handle* h) {
         return;
     }
     h->distrusted = true;
-    h->order.live -= std::min(h->order.live, found.destroyed + deleted);
+    if (!h->order.ordered) {
+        h->order.live -= std::min(h->order.live, found.destroyed + deleted);
+    }
     phrases words;
     if (found.destroyed > 0) {
         words.add("%u of its records were destroyed", found.destroyed);
@@ -342,6 +344,10 @@ __attribute__((noinline)) kyt_record* next_by_search(kyt_handle* h, const kyt_re
     }
     if (h->keeper) {
         take_findings(h);
+    }
+    // Whoever walks may be after the oldest one, to delete it: then a page in another one's place must not decide.
+    if (h->order.unread > 0 && !h->order.ordered) {
+        (void)list_order_unread(&h->order);
     }
     const uint32_t from = prev ? static_cast<uint32_t>(prev - h->order.at) : list::NONE;
     const uint32_t slot_number = list_next(h->order, from);

@@ -65,8 +65,8 @@ bool is_between_whole(const list& l, uint32_t slot) {
 }
 
 bool is_shown(const list& l, uint32_t slot, uint32_t above) {
-    return is_live(l.at[slot]) &&
-           (l.unread == 0 || (l.at[slot].ts > above && (slot >= l.unread || is_between_whole(l, slot))));
+    return is_live(l.at[slot]) && (slot >= l.unread || is_between_whole(l, slot)) &&
+           (l.unread == 0 || l.ordered || l.at[slot].ts > above);
 }
 
 // The first live one from `slot` on; of a list that may not be in order, with a ts above `above`.
@@ -80,7 +80,7 @@ uint32_t live_main(const list& l, uint32_t slot, uint32_t above) {
 
 uint32_t live_stray(const list& l, uint32_t stray) {
     stray = std::max(stray, l.first_stray);
-    while (stray < l.strays.size && !is_live(l.at[l.strays[stray]])) {
+    while (stray < l.strays.size && !is_shown(l, l.strays[stray], 0)) {
         ++stray;
     }
     return stray;
@@ -158,15 +158,16 @@ bool forget_dead(list* l, uint32_t slot) {
     return true;
 }
 
-// Enters slot `count` into the order; its record need not be there yet. False: out of memory, nothing changed.
-bool enter(list* l, uint32_t ts) {
+// Enters slot `count` into the order; its record need not be there yet. False: out of memory, nothing changed. sorted:
+// among the strays at its place, not behind them.
+bool enter(list* l, uint32_t ts, bool sorted) {
     const uint32_t slot = l->count;
     if (l->last_main == list::NONE || ts > l->at[l->last_main].ts) {
         l->last_main = slot;
         ++l->count;
         return true;
     }
-    const uint32_t stray = stray_from(*l, ts);
+    const uint32_t stray = sorted ? stray_from(*l, ts) : l->strays.size;
     if (!l->strays.reserve(l->strays.size + 1) || !l->stray_runs.reserve(l->stray_runs.size + 1)) {
         return false;
     }
@@ -196,7 +197,7 @@ bool list_load(list* l, kyt_record* at, uint32_t count) {
     list_clear(l);
     l->at = at;
     for (uint32_t slot = 0; slot < count; ++slot) {
-        if (!enter(l, at[slot].ts)) {
+        if (!enter(l, at[slot].ts, false)) {
             list_clear(l);
             return false;
         }
@@ -206,6 +207,11 @@ bool list_load(list* l, kyt_record* at, uint32_t count) {
             remember_dead(l, slot);
         }
     }
+    // Once and not as they come: there may be as many as there are records. Of two with one ts the live one counts.
+    std::sort(l->strays.begin(), l->strays.end(), [at](uint32_t a, uint32_t b) {
+        return at[a].ts != at[b].ts ? at[a].ts < at[b].ts : is_live(at[a]) && !is_live(at[b]);
+    });
+    l->first_stray = 0;
     note_plain(l);
     return true;
 }
@@ -217,6 +223,28 @@ void list_take_unread(list* l, kyt_record* at, uint32_t count) {
     l->last_main = count > 0 ? count - 1 : list::NONE;
 }
 
+bool list_order_unread(list* l) {
+    list order;
+    if (!list_load(&order, l->at, l->count)) {
+        return false;
+    }
+    const auto is_news = [l](uint32_t slot) {
+        return slot < l->unread && slot_kind(l->at[slot]) == slot::DELETED && !list_may_have_deleted(*l, slot);
+    };
+    for (const slots& run : order.dead_runs) {
+        for (uint32_t slot = run.first; slot < run.end; ++slot) {
+            order.found_deleted += is_news(slot) ? 1 : 0;
+        }
+    }
+    for (const uint32_t slot : order.strays) {
+        order.found_deleted += is_news(slot) ? 1 : 0;
+    }
+    order.unread = l->unread;
+    order.ordered = true;
+    l->swap(order);
+    return true;
+}
+
 void list_trust(list* l) {
     l->unread = 0;
     note_plain(l);
@@ -225,6 +253,8 @@ void list_trust(list* l) {
 void list_clear(list* l) {
     l->at = nullptr;
     l->count = l->live = l->first_stray = l->live_from = l->unread = 0;
+    l->found_deleted = 0;
+    l->ordered = false;
     l->plain_bytes = 0;
     l->last_main = list::NONE;
     l->strays.clear();
@@ -257,7 +287,7 @@ uint32_t list_next_any(const list& l, uint32_t slot) {
 
 bool list_append(list* l, const kyt_record& record) {
     const uint32_t slot = l->count;
-    if (!enter(l, record.ts)) {
+    if (!enter(l, record.ts, true)) {
         return false;
     }
     l->at[slot] = record;
@@ -277,7 +307,8 @@ bool list_revive(list* l, uint32_t slot, const kyt_record& record) {
         return false;
     }
     // One that was taken over unread and is not whole has been counted as live.
-    l->live += slot < l->unread && slot_kind(l->at[slot]) != slot::DELETED ? 0 : 1;
+    const bool counted = slot < l->unread && !l->ordered && slot_kind(l->at[slot]) != slot::DELETED;
+    l->live += counted ? 0 : 1;
     l->at[slot] = record;
     return true;
 }
@@ -295,8 +326,8 @@ void list_delete(list* l, uint32_t slot, uint8_t round) {
     }
 }
 
-bool list_knows_deleted(const list& l, uint32_t slot) {
-    return holds(l.dead_runs, run_at(l.dead_runs, slot), slot);
+bool list_may_have_deleted(const list& l, uint32_t slot) {
+    return l.dead_runs.size == list::MAX_DEAD_RUNS || holds(l.dead_runs, run_at(l.dead_runs, slot), slot);
 }
 
 }  // namespace kyt

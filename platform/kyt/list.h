@@ -8,8 +8,9 @@
 // so that a walk jumps over a run in one step however long it is. A rewritten file has neither strays nor, mostly,
 // tombstones.
 //
-// Records that were taken over unread (`unread`) may be anything. Until they are known to be whole and in order a walk
-// shows those only that stand between two whole ones, and only ascending, so it comes to an end whatever lies there.
+// Records that were taken over unread (`unread`) may be anything: destroyed, out of order, twice. Before a walk they
+// are put in order as they are, so that the oldest is the oldest; without memory for that, a walk shows those only that
+// stand between two whole ones, and only ascending, so it comes to an end whatever lies there.
 //
 // Invariants: a ts is in one slot at most; slots [0, count) are used, none behind; slot 0 belongs to the main row.
 // Nothing here waits, and only slots are read or written in the mapping: a bus fault may jump out anywhere, after which
@@ -34,8 +35,10 @@ struct list {
     uint32_t count = 0;        // used slots
     uint32_t live = 0;         // of them: live records
     uint32_t last_main = NONE;
-    uint32_t live_from = 0;  // no slot from here on is deleted, so that a walk need not look at their checks
-    uint32_t unread = 0;     // slots [0, unread) were taken over without a look at them
+    uint32_t live_from = 0;      // no slot from here on is deleted, so that a walk need not look at their checks
+    uint32_t unread = 0;         // slots [0, unread) were taken over and are not vouched for
+    bool ordered = false;        // their order is known, whatever they are
+    uint32_t found_deleted = 0;  // of them: when they were put in order, tombstones that nobody here had made
 
     // The records behind which simply the next slot follows: nearly all of a list that is in order.
     uintptr_t plain_at = 0;
@@ -53,6 +56,8 @@ struct list {
         std::swap(last_main, other.last_main);
         std::swap(live_from, other.live_from);
         std::swap(unread, other.unread);
+        std::swap(ordered, other.ordered);
+        std::swap(found_deleted, other.found_deleted);
         std::swap(plain_at, other.plain_at);
         std::swap(plain_bytes, other.plain_bytes);
         std::swap(first_stray, other.first_stray);
@@ -66,6 +71,9 @@ struct list {
 bool list_load(list* l, kyt_record* at, uint32_t count);
 // The same without looking at them: said to be live and ascending.
 void list_take_unread(list* l, kyt_record* at, uint32_t count);
+// Puts them in order, whatever they are: costs a look at each, and memory only for what is out of order. False: out of
+// memory, nothing changed.
+bool list_order_unread(list* l);
 // They are what they were said to be, apart from what was deleted since.
 void list_trust(list* l);
 void list_clear(list* l);
@@ -93,7 +101,8 @@ bool list_revive(list* l, uint32_t slot, const kyt_record& record);
 // Makes a live slot a tombstone.
 void list_delete(list* l, uint32_t slot, uint8_t round);
 
-// Whether list_delete, or a tombstone that was loaded, is behind the state of this slot of the main row.
-bool list_knows_deleted(const list& l, uint32_t slot);
+// Whether list_delete, or a tombstone that was loaded, may be behind the state of this slot of the main row: of more
+// than MAX_DEAD_RUNS runs nobody knows.
+bool list_may_have_deleted(const list& l, uint32_t slot);
 
 }  // namespace kyt

@@ -321,6 +321,52 @@ TEST_F(KytUnread, DamageIsFoundLaterAndNeverShown) {
     }
 }
 
+// Whoever needs room deletes what a walk begins with: it must be old, and what lies elsewhere must not be hidden.
+TEST_F(KytUnread, TheOldestIsTheOldestWhereverItsPageLies) {
+    constexpr size_t PAGE = 4096;
+    constexpr uint32_t IN_PAGE = PAGE / 8;
+    const auto page = [](uint32_t number) { return static_cast<long>(PAGE + number * PAGE); };
+    const struct {
+        const char* what;
+        std::function<void(std::string*)> change;
+        uint32_t hidden;  // at most
+    } rows[] = {
+        {"the first page swapped with the last whole one",
+         [&](std::string* b) {
+             const uint32_t last = CLIPS / IN_PAGE - 1;
+             std::swap_ranges(b->begin() + page(0), b->begin() + page(1), b->begin() + page(last));
+         },
+         8},
+        {"a late sector in front",
+         [&](std::string* b) { std::copy_n(b->begin() + page(1), SECTOR, b->begin() + page(0)); }, 64 + 8},
+        {"the second sector swapped with a late one",
+         [&](std::string* b) {
+             std::swap_ranges(b->begin() + page(0) + SECTOR, b->begin() + page(0) + 2 * SECTOR, b->begin() + page(1));
+         },
+         8},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        std::string bytes = whole;
+        row.change(&bytes);
+        put(bytes);
+        for (const bool inspected : {false, true}) {
+            open();
+            ASSERT_GT(list->order.unread, 0U) << "not read whole";
+            if (inspected) {
+                ASSERT_TRUE(await_inspection(list));
+            }
+            EXPECT_GE(shown(), CLIPS - row.hidden);
+            const kyt_record* const first = kyt_next(list, nullptr);
+            ASSERT_NE(first, nullptr);
+            EXPECT_LE(first->ts, ts_of(row.hidden));
+            kyt_close_dirty(list);
+            list = nullptr;
+            put(bytes);
+        }
+    }
+}
+
 TEST_F(KytUnread, MaintenanceMendsWhatWasFound) {
     for (const damage& d : DAMAGES) {
         SCOPED_TRACE(d.what);
@@ -535,8 +581,8 @@ TEST(KytUnreadList, ARecordWrittenOverADestroyedOneIsCountedOnce) {
     ASSERT_TRUE(kyt::list_revive(&l, 2, kyt::live_record(30, 60, 0)));
     EXPECT_EQ(l.live, 4U);
     kyt::list_delete(&l, 2, 1);
-    EXPECT_TRUE(kyt::list_knows_deleted(l, 2));
-    EXPECT_FALSE(kyt::list_knows_deleted(l, 1));
+    EXPECT_TRUE(kyt::list_may_have_deleted(l, 2));
+    EXPECT_FALSE(kyt::list_may_have_deleted(l, 1));
     ASSERT_TRUE(kyt::list_revive(&l, 2, kyt::live_record(30, 60, 0)));
     EXPECT_EQ(l.live, 4U);
 }
