@@ -19,7 +19,7 @@ void look_at_list(const loaded& l, const char* name, kyt_health* health) {
     std::strncpy(health->list, name, sizeof health->list - 1);
     health->open = l.head.state == static_cast<uint32_t>(file_state::OPEN);
     health->other_byte_order = l.other_order;
-    health->wrong_size = l.odd_size || (!health->open && l.used != l.head.records);
+    health->wrong_size = has_wrong_size(l);
     health->out_of_order = !l.ascending;
     health->card = l.head.card;
     health->deleted = l.deleted;

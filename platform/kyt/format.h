@@ -36,7 +36,7 @@ struct list_header {
     uint32_t version;
     uint32_t generation;  // of two sealed files the higher one is the list
     uint32_t state;       // file_state
-    uint32_t records;     // used slots; only counts when CLOSED
+    uint32_t records;     // used slots when this was written: all when CLOSED, at least so many when OPEN
     uint32_t card;        // the volume's serial number; 0: not known
     uint32_t in_order;    // 1: CLOSED with live records only, ascending; 0: not known
     uint32_t reserved[6];

@@ -109,9 +109,25 @@ void grow(keeper* k) {
     }
 }
 
+// What a write that the card refused leaves clean is made dirty again. The loop, which does that otherwise, waits.
+// False: a page could be neither read nor written.
+bool dirty_again(int fd, uint32_t used) {
+    uint8_t page[4096];
+    const uint32_t end = RECORDS_AT + used * static_cast<uint32_t>(sizeof(kyt_record));
+    for (uint32_t offset = RECORDS_AT; offset < end; offset += sizeof page) {
+        const long got = read_at(fd, page, sizeof page, offset);
+        if (got < 0 || write_at(fd, page, static_cast<size_t>(got), offset) < 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
 void finish(keeper* k) {
     if (k->at.load(std::memory_order_acquire) == phase::COMMIT && !work_commit(k)) {
+        // The old list stays open on the card, so that the next session compares it with the folder.
         log_err("kyt: the rewritten list is not on the card: changes since then may be lost");
+        return;
     }
     if (k->at.load(std::memory_order_acquire) != phase::COMMIT) {
         work_discard(k);
@@ -125,7 +141,9 @@ void finish(keeper* k) {
         log_err("kyt: the card has no room for the newest records");
     }
     const uint32_t used = file.used.load(std::memory_order_acquire);
-    if (fdatasync(file.fd) < 0 || header_seal(file.fd, file.generation, file_state::CLOSED, used, in_order) < 0) {
+    const bool whole = !k->redirty.load(std::memory_order_acquire) || dirty_again(file.fd, used);
+    if (!whole || fdatasync(file.fd) < 0 ||
+        header_seal(file.fd, file.generation, file_state::CLOSED, used, in_order) < 0) {
         log_err("kyt: the list is not closed in order: %s", std::strerror(errno));
     }
 }

@@ -289,7 +289,7 @@ int write_anew(repair* r, int name, uint32_t generation, ready_file* ready) {
     // A list without records can lose nothing: it need not wait for the card, and a fresh card is ready sooner.
     const bool sync = r->result.size > 0 || r->list >= 0;
     ok = ok && writer_end(&writer, sync) == 0 &&
-         (sync ? header_seal(writer.fd, generation, file_state::OPEN, 0)
+         (sync ? header_seal(writer.fd, generation, file_state::OPEN, r->result.size)
                : header_write(writer.fd, generation, file_state::OPEN, 0)) == 0;
     if (!ok) {
         const int failure = errno;
@@ -319,7 +319,7 @@ int take_file(repair* r, ready_file* ready) {
     struct stat status = {};
     // From here on a power cut leaves a file that says so.
     if (fstat(fd, &status) < 0 || (l.head.state == static_cast<uint32_t>(file_state::CLOSED) &&
-                                   header_seal(fd, l.head.generation, file_state::OPEN, 0) < 0)) {
+                                   header_seal(fd, l.head.generation, file_state::OPEN, l.used) < 0)) {
         const int failure = errno;
         close(fd);
         errno = failure;
@@ -383,7 +383,7 @@ int prepare_list(int folder, ready_file* ready) {
     r.list = choose_list(r.files);
     const loaded* const l = r.list >= 0 ? &r.files[r.list] : nullptr;
     const bool closed = l && l->head.state == static_cast<uint32_t>(file_state::CLOSED);
-    r.cut = l && (l->odd_size || (closed && l->used != l->head.records));
+    r.cut = l && has_wrong_size(*l);
     r.damaged = l ? l->destroyed > 0 || l->unreadable > 0 || r.cut
                   : r.files[0].failure != ENOENT || r.files[1].failure != ENOENT;
     // A list's predecessor comes back when its end was not on the card yet. Beside it, a file with a damaged header may

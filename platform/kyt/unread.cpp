@@ -75,7 +75,7 @@ bool take_unread(int folder, ready_file* ready, region* map) {
     if (!is_closed_in_order(fd, &head) || !is_missing(folder, LIST_NAMES[1 - name]) ||
         head.records <= read_whole_up_to || !has_its_size(fd, head, &bytes) || !has_its_ends(fd, head.records, bytes) ||
         region_map(map, fd, bytes) < 0 || region_read_in(map, fd, head.records) < 0 ||
-        header_seal(fd, head.generation, file_state::OPEN, 0) < 0) {
+        header_seal(fd, head.generation, file_state::OPEN, head.records) < 0) {
         region_unmap(map);
         close(fd);
         return false;

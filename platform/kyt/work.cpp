@@ -38,6 +38,7 @@ template <typename See>
 bool read_slots(keeper* k, uint32_t records, See see) {
     kyt_record page[PAGE_RECORDS];
     for (uint32_t slot = 0; slot < records;) {
+        keeper_tick(k);
         const uint32_t wanted = std::min(PAGE_RECORDS, records - slot);
         const long got =
             read_at(k->files[k->list].fd, page, size_t{wanted} * RECORD_BYTES, RECORDS_AT + slot * RECORD_BYTES);
@@ -280,12 +281,22 @@ void work_do(keeper* k) {
 
 // The order that no power cut can hurt: what the old file lacks, then all of the new one, then the seal that makes the
 // new one the list, then the old one's end. Until the seal the old file is the list.
+//
+// What the card has refused once the kernel takes for written: a second attempt would succeed without it. So the loop,
+// whose mapping is the new file by now, has to make the pages dirty again before there is one.
 bool work_commit(keeper* k) {
     kept_file& old_file = k->files[k->list];
     kept_file& new_file = k->files[1 - k->list];
     (void)fdatasync(old_file.fd);  // when it fails, so will the new one's
-    if (is_abandoned(*k) || fdatasync(new_file.fd) < 0 || is_abandoned(*k) ||
-        header_seal(new_file.fd, new_file.generation, file_state::OPEN, 0) < 0 || is_abandoned(*k)) {
+    if (is_abandoned(*k) || k->redirty.load(std::memory_order_acquire)) {
+        return false;
+    }
+    if (fdatasync(new_file.fd) < 0) {
+        k->redirty.store(true, std::memory_order_release);
+        return false;
+    }
+    if (is_abandoned(*k) || header_seal(new_file.fd, new_file.generation, file_state::OPEN, k->work.new_records) < 0 ||
+        is_abandoned(*k)) {
         return false;
     }
     if (unlinkat(k->folder, LIST_NAMES[k->list], 0) < 0) {

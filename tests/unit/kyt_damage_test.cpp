@@ -96,6 +96,24 @@ TEST_F(KytDamage, AnOpenFileIsComparedWithTheFolder) {
     EXPECT_TRUE(logged::has("info kyt: the list was not closed: 701 records now, of them 1 from the folder"));
 }
 
+// A broken FAT leads a file into zeros, which look like slots that were never used.
+TEST_F(KytDamage, AnOpenListThatLostRecordsSaysSo) {
+    kyt_close_dirty(kyt::open_folder(card.path().c_str()));
+    const std::string opened = card.bytes("KYT_A.LST");
+    for (const uint32_t left : {CLIPS - 1, CLIPS / 2, 0U}) {
+        logged::reset();
+        std::string bytes = opened;
+        std::fill(bytes.begin() + 4096 + left * 8L, bytes.end(), '\0');
+        for (const std::string& name : card.files()) {
+            std::filesystem::remove(card.file(name));
+        }
+        card.set_bytes("KYT_A.LST", bytes);
+        EXPECT_LE(open_and_check(), ALL_MARKS);
+        EXPECT_TRUE(logged_part("the list was cut short or made longer")) << left;
+        EXPECT_TRUE(logged_part("marks may be lost")) << left;
+    }
+}
+
 TEST_F(KytDamage, AllZeros) {
     card.set_bytes("KYT_A.LST", std::string(whole.size(), '\0'));
     EXPECT_EQ(open_and_check(), 0U);

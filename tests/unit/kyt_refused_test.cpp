@@ -138,6 +138,43 @@ TEST_F(KytRefused, ARewrittenListThatDoesNotReachTheCardIsNotTheList) {
     EXPECT_EQ(all_ts(list), in_order);
 }
 
+TEST_F(KytRefused, BehindARewritingThatFailedTheOldListIsNotCalledClosed) {
+    prepare_rewriting();
+    card_calls::fail("fdatasync", 1, EIO, ALWAYS);
+    ASSERT_EQ(kyt_optimise(list), 0);
+    ASSERT_TRUE(await([&] { return list->keeper->redirty.load(); }));
+    card_calls::reset();
+    kyt::keeper_close(list->keeper, {});
+    list->keeper = nullptr;
+    kyt::region_unmap(&list->map);
+    reopen();
+    EXPECT_TRUE(
+        logged::has("info kyt: the list was not closed, its records were out of order: 4 records now, of them 0 "
+                    "from the folder"))
+        << "what it lacks is looked for in the folder: " << testing::PrintToString(logged::lines());
+}
+
+TEST_F(KytRefused, WhatTheCardRefusedBehindTheLoopsLastLookIsWrittenOnceMore) {
+    ASSERT_EQ(write(BASE), 0);
+    list->keeper->redirty = true;
+    const int before = card_calls::count("pwrite");
+    kyt::keeper_close(list->keeper, {});
+    EXPECT_EQ(card_calls::count("pwrite"), before + 2) << "the page of records, and the header";
+    list->keeper = nullptr;
+    kyt::region_unmap(&list->map);
+    reopen();
+    EXPECT_EQ(all_ts(list), std::vector<uint32_t>{BASE});
+
+    list->keeper->redirty = true;
+    card_calls::fail("pread", 1, EIO);
+    kyt::keeper_close(list->keeper, {});
+    EXPECT_EQ(logged::count(NOT_IN_ORDER), 1);
+    list->keeper = nullptr;
+    kyt::region_unmap(&list->map);
+    reopen();
+    EXPECT_TRUE(logged::has("info kyt: the list was not closed: 1 records now, of them 0 from the folder"));
+}
+
 TEST_F(KytRefused, AnOldListThatCannotBeRemovedIsRemovedByTheNextOpening) {
     prepare_rewriting();
     card_calls::fail("unlink", 1, EIO);
