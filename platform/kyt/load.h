@@ -33,8 +33,8 @@ inline bool is_list(const loaded& l) {
            l.head.state != static_cast<uint32_t>(file_state::WRITING);
 }
 
-// Whether the file, or what is used of it, is not as long as it was when its header was written. A list that is open may
-// only have become longer: what it had then was on the card.
+// Whether the file, or what is used of it, is not as long as it was when its header was written. A list that is open
+// may only have become longer: what it had then was on the card.
 inline bool has_wrong_size(const loaded& l) {
     const bool closed = l.head.state == static_cast<uint32_t>(file_state::CLOSED);
     return l.odd_size || l.used < l.head.records || (closed && l.used > l.head.records);
