@@ -32,7 +32,8 @@ kept_file& current(kyt_handle* h) {
 
 // The fields that outlive the file in use.
 void changed(kyt_handle* h) {
-    h->keeper->changes.fetch_add(1, std::memory_order_release);
+    std::atomic<uint32_t>& changes = h->keeper->changes;
+    changes.store(changes.load(std::memory_order_relaxed) + 1, std::memory_order_release);  // nobody else writes it
 }
 
 // Tells the keeper how many slots are used, and wakes it when the file should grow.

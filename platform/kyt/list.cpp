@@ -23,26 +23,38 @@ bool is_stray(const list& l, uint32_t slot) {
     return holds(l.stray_runs, run_at(l.stray_runs, slot), slot);
 }
 
-// The first slot of the main row whose ts is `ts` or more, or count.
-uint32_t main_from(const list& l, uint32_t ts) {
-    // Between two runs of strays the main row lies unbroken; the run that ends such a piece has its last record just
-    // before it. So one search finds the piece and a second one the slot.
-    const slots* run = std::partition_point(l.stray_runs.begin(), l.stray_runs.end(),
-                                            [&](const slots& r) { return l.at[r.first - 1].ts < ts; });
-    const uint32_t first = run == l.stray_runs.begin() ? 0 : run[-1].end;
-    const uint32_t end = run == l.stray_runs.end() ? l.count : run->first;
-    // Of a long list each look is a wait for memory: both records that the next look may be at are asked for before
-    // this one is judged, which takes a third off.
-    const kyt_record* at = l.at + first;
-    for (uint32_t left = end - first; left > 0;) {
+// Among which slots of the main row the first one is whose ts is `ts` or more; the end counts as one.
+//
+// In a list without strays: a page. The search for it stays in two pages of memory.
+slots page_of(const list& l, uint32_t ts) {
+    uint32_t first = 0;
+    for (uint32_t left = l.page_ends.size; left > 0;) {
         const uint32_t half = left / 2;
-        __builtin_prefetch(at + half / 2);
-        __builtin_prefetch(at + half + 1 + half / 2);
-        const bool below = at[half].ts < ts;
-        at = below ? at + half + 1 : at;
+        uint32_t& known = l.page_ends.data[first + half];
+        if (known == 0) {
+            known = l.at[(first + half + 1) * list::PAGE - 1].ts;
+        }
+        const bool below = known < ts;
+        first = below ? first + half + 1 : first;
         left = below ? left - half - 1 : half;
     }
-    return static_cast<uint32_t>(at - l.at);
+    return {first * list::PAGE, first < l.page_ends.size ? (first + 1) * list::PAGE : l.count};
+}
+
+// In any list: what lies unbroken between two runs of them; the run that ends such a piece has its last record just
+// before it.
+slots piece_of(const list& l, uint32_t ts) {
+    const slots* run = std::partition_point(l.stray_runs.begin(), l.stray_runs.end(),
+                                            [&](const slots& r) { return l.at[r.first - 1].ts < ts; });
+    return {run == l.stray_runs.begin() ? 0 : run[-1].end, run == l.stray_runs.end() ? l.count : run->first};
+}
+
+// The first slot of the main row whose ts is `ts` or more, or count.
+uint32_t main_from(const list& l, uint32_t ts) {
+    const slots among = l.strays.size == 0 ? page_of(l, ts) : piece_of(l, ts);
+    const kyt_record* found =
+        std::partition_point(l.at + among.first, l.at + among.end, [&](const kyt_record& r) { return r.ts < ts; });
+    return static_cast<uint32_t>(found - l.at);
 }
 
 // The index in strays of the first one whose ts is `ts` or more.
@@ -158,6 +170,13 @@ bool forget_dead(list* l, uint32_t slot) {
     return true;
 }
 
+// Of each page that `count` slots fill, nobody has looked at the end yet. Without memory the rest is searched as one
+// page.
+void note_pages(list* l) {
+    while (l->page_ends.size < l->count / list::PAGE && l->page_ends.push(0)) {
+    }
+}
+
 // Enters slot `count` into the order; its record need not be there yet. False: out of memory, nothing changed. sorted:
 // among the strays at its place, not behind them.
 bool enter(list* l, uint32_t ts, bool sorted) {
@@ -165,6 +184,7 @@ bool enter(list* l, uint32_t ts, bool sorted) {
     if (l->last_main == list::NONE || ts > l->at[l->last_main].ts) {
         l->last_main = slot;
         ++l->count;
+        note_pages(l);
         return true;
     }
     const uint32_t stray = sorted ? stray_from(*l, ts) : l->strays.size;
@@ -180,6 +200,7 @@ bool enter(list* l, uint32_t ts, bool sorted) {
         (void)runs.push({slot, slot + 1});
     }
     ++l->count;
+    note_pages(l);
     return true;
 }
 
@@ -221,6 +242,7 @@ void list_take_unread(list* l, kyt_record* at, uint32_t count) {
     l->at = at;
     l->count = l->live = l->unread = count;
     l->last_main = count > 0 ? count - 1 : list::NONE;
+    note_pages(l);
 }
 
 bool list_order_unread(list* l) {
@@ -257,6 +279,7 @@ void list_clear(list* l) {
     l->ordered = false;
     l->plain_bytes = 0;
     l->last_main = list::NONE;
+    l->page_ends.clear();
     l->strays.clear();
     l->stray_runs.clear();
     l->dead_runs.clear();

@@ -44,6 +44,12 @@ struct list {
     uintptr_t plain_at = 0;
     uintptr_t plain_bytes = 0;
 
+    // The ts of the last slot of each full page of slots, 0 where nobody has looked yet; a slot keeps its ts, so it
+    // stays true. A search among the slots themselves would touch nearly as many pages as it has steps, and a camera's
+    // processor knows its way to few pages at a time.
+    static constexpr uint32_t PAGE = 4096 / sizeof(kyt_record);
+    mutable array<uint32_t> page_ends;
+
     array<uint32_t> strays;    // slots, ascending by ts
     uint32_t first_stray = 0;  // in strays: all before it are deleted
     array<slots> stray_runs;   // ascending; touching runs are one
@@ -61,6 +67,7 @@ struct list {
         std::swap(plain_at, other.plain_at);
         std::swap(plain_bytes, other.plain_bytes);
         std::swap(first_stray, other.first_stray);
+        page_ends.swap(other.page_ends);
         strays.swap(other.strays);
         stray_runs.swap(other.stray_runs);
         dead_runs.swap(other.dead_runs);

@@ -4,6 +4,7 @@
 #include <map>
 #include <poll.h>
 #include <random>
+#include <vector>
 
 #include "handle.h"
 #include "kyt_rdonly.h"
@@ -153,6 +154,37 @@ TEST_F(KytList, AClipIsFoundWhateverWasFoundBeforeIt) {
             ASSERT_EQ(found ? found->ts : 0, is_there ? BASE + second : 0) << before;
         }
     }
+}
+
+// The ends of pages are remembered, so each of them counts, and so does another list in the same place.
+TEST(KytOrder, AClipIsFoundInWhicheverPlaceOfItsPage) {
+    constexpr uint32_t APART = 3;
+    kyt::list order;
+    std::vector<kyt_record> slots(4 * kyt::list::PAGE);
+    uint32_t first_ts = BASE;
+    const auto ts_of = [&](uint32_t slot) { return first_ts + slot * APART; };
+    const auto check = [&] {
+        for (uint32_t slot = 0; slot < order.count; ++slot) {
+            ASSERT_EQ(kyt::list_find(order, ts_of(slot)), slot);
+            ASSERT_EQ(kyt::list_find(order, ts_of(slot) + 1), kyt::list::NONE);
+        }
+        EXPECT_EQ(kyt::list_find(order, ts_of(0) - 1), kyt::list::NONE);
+    };
+    for (const uint32_t count : {1U, 511U, 512U, 513U, 1023U, 1024U, 1025U}) {
+        SCOPED_TRACE(count);
+        first_ts += 1'000'001;  // between those of before
+        for (uint32_t slot = 0; slot < count; ++slot) {
+            slots[slot] = kyt::live_record(ts_of(slot), 60, 0);
+        }
+        ASSERT_TRUE(kyt::list_load(&order, slots.data(), count));
+        check();
+        while (order.count < count + kyt::list::PAGE) {
+            ASSERT_TRUE(kyt::list_append(&order, kyt::live_record(ts_of(order.count), 60, 0)));
+        }
+        check();
+    }
+    kyt::list_take_unread(&order, slots.data(), 1025);
+    check();
 }
 
 TEST_F(KytList, PointersStayGoodWhileTheFileGrows) {
