@@ -322,7 +322,8 @@ TEST_F(KytDamage, APageThatTheCardDoesNotGive) {
 TEST_F(KytDamage, ATsFoundTwiceIsKeptOnceTheLiveOne) {
     kyt_record first;
     std::memcpy(&first, whole.data() + 4096, sizeof first);
-    const kyt_record deleted = kyt::deleted_record(first, 1);
+    kyt_record deleted = kyt::deleted_record(first, 1);
+    deleted.flags = 0xFE;  // what a deleted one says of a clip that is live counts for nothing
     for (const bool deleted_first : {true, false}) {
         std::string twice = whole;
         std::memcpy(twice.data() + 4096 + (deleted_first ? 0 : 8), &deleted, 8);
@@ -334,8 +335,20 @@ TEST_F(KytDamage, ATsFoundTwiceIsKeptOnceTheLiveOne) {
         EXPECT_EQ(open_and_check(), ALL_MARKS);  // clip 1, which had no mark, comes from the folder
         kyt_handle* const look = kyt_open_rdonly(card.path().c_str());
         EXPECT_EQ(kyt_record_seconds(kyt_get(look, ts_of(0))), 60U);  // of the deleted one nobody would know
+        EXPECT_EQ(kyt_get(look, ts_of(0))->flags, first.flags);
         EXPECT_EQ(kyt_record_seconds(kyt_get(look, ts_of(1))), 0U);
         kyt_close(look);
+    }
+}
+
+TEST_F(KytDamage, ANewListTakesTheNameThatIsFree) {
+    for (const int damaged : {0, 1}) {
+        for (const std::string& name : card.files()) {
+            std::filesystem::remove(card.file(name));
+        }
+        card.set_bytes(kyt::LIST_NAMES[damaged], std::string(whole.size(), 'x'));
+        EXPECT_EQ(open_and_check(), 0U);
+        EXPECT_EQ(card.list_name(), kyt::LIST_NAMES[1 - damaged]) << "until it is sealed, the damaged one stays";
     }
 }
 

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 
 #include "format.h"
+#include "phrases.h"
 #include "record.h"
 #include "support/card_calls.h"
 #include "support/recordings.h"
@@ -94,6 +95,23 @@ TEST_F(KytFormat, AFileIsOfWholeStepsWithSpareSlots) {
     };
     for (const auto& row : ROWS) {
         EXPECT_EQ(kyt::file_bytes(row.records), row.bytes) << row.records;
+    }
+}
+
+TEST_F(KytFormat, OfALogLineWhatDoesNotFitInIsLeftOut) {
+    constexpr int ROOM = 319;
+    kyt::phrases words;
+    words.add("%*s", ROOM + 1, "x");
+    EXPECT_TRUE(words.empty());
+    words.add("%*s", ROOM, "x");
+    EXPECT_EQ(std::strlen(words.text), size_t{ROOM});
+    for (int over = 0; over < 6; ++over) {
+        kyt::phrases two;
+        two.add("first");
+        two.add("%*s", ROOM - 5 - 2 + over, "x");
+        EXPECT_EQ(std::strlen(two.text), over == 0 ? size_t{ROOM} : 5U) << over;
+        two.add("z");
+        EXPECT_EQ(std::string(two.text + 5) == ", z", over > 0) << over;
     }
 }
 

@@ -98,6 +98,15 @@ TEST_F(KytRefused, WhenMemoryIsFullTooClipsAreRefusedAndFoundAgainLater) {
     optimise();
     EXPECT_EQ(kyt_count(list), ROOM + 4);
     EXPECT_NE(kyt_get(list, BASE + ROOM + 2), nullptr);
+
+    // The next time is news again.
+    card_calls::fail("ftruncate", 1, ENOSPC, ALWAYS);
+    uint32_t next = BASE + ROOM + 11;
+    while (write(next) == 0) {
+        ++next;
+    }
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_EQ(logged::count_beginning("err kyt: no room"), 2);
 }
 
 TEST_F(KytRefused, RecordsThatAreStillInMemoryAtTheEndAreMissedInTheLog) {
@@ -173,6 +182,20 @@ TEST_F(KytRefused, WhatTheCardRefusedBehindTheLoopsLastLookIsWrittenOnceMore) {
     kyt::region_unmap(&list->map);
     reopen();
     EXPECT_TRUE(logged::has("info kyt: the list was not closed: 1 records now, of them 0 from the folder"));
+}
+
+TEST_F(KytRefused, ARewrittenListThatCannotBeMappedIsNotUsed) {
+    prepare_rewriting();
+    int& fd = list->keeper->files[1].fd;
+    close(fd);
+    fd = -1;
+    ASSERT_EQ(kyt_optimise(list), 0);
+    EXPECT_EQ(list->file, 0);
+    EXPECT_TRUE(await([&] { return list->keeper->at == kyt::phase::IDLE; }))
+        << "it is dropped, and the next job may begin";
+    EXPECT_EQ(all_ts(list), in_order);
+    reopen();
+    EXPECT_EQ(all_ts(list), in_order);
 }
 
 TEST_F(KytRefused, AnOldListThatCannotBeRemovedIsRemovedByTheNextOpening) {
