@@ -160,7 +160,7 @@ TEST_F(KytList, AClipIsFoundWhateverWasFoundBeforeIt) {
 TEST(KytOrder, AClipIsFoundInWhicheverPlaceOfItsPage) {
     constexpr uint32_t APART = 3;
     kyt::list order;
-    std::vector<kyt_record> slots(4 * kyt::list::PAGE);
+    std::vector<kyt_record> slots(size_t{4} * kyt::list::PAGE);
     uint32_t first_ts = BASE;
     const auto ts_of = [&](uint32_t slot) { return first_ts + slot * APART; };
     const auto check = [&] {
