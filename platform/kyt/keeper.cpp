@@ -109,8 +109,8 @@ void grow(keeper* k) {
     }
 }
 
-// What a write that the card refused leaves clean is made dirty again. The loop, which does that otherwise, waits.
-// False: a page could be neither read nor written.
+// The kernel takes refused pages for written. The loop makes them dirty again otherwise, by the mapping; at the end it
+// waits for this thread, so nobody changes them meanwhile. False, with errno: a page could not be read or written.
 bool dirty_again(int fd, uint32_t used) {
     uint8_t page[4096];
     const uint32_t end = RECORDS_AT + used * static_cast<uint32_t>(sizeof(kyt_record));
