@@ -14,7 +14,7 @@ from pathlib import Path
 import pytest
 
 ROOT = Path(__file__).resolve().parent.parent.parent
-sys.path.insert(0, str(ROOT / "camera"))
+sys.path[:0] = [str(ROOT / "camera"), str(ROOT / "tests")]
 
 from cards import MIB, RECORD_DIR, make_card  # noqa: E402
 from jobs import install_probed, remove_probed, wait_daemon, wait_recordings  # noqa: E402

@@ -6,7 +6,10 @@ from pathlib import Path
 
 from cards import RECORD_DIR
 from conftest import clips, insert_normal, record, wait_clips, wait_daemon
+from promise import promise, promises
 from vcam import Camera, wait_until
+
+promises("main")
 
 MakeCard = Callable[..., Path]
 
@@ -64,12 +67,16 @@ def wait_newest(camera: Camera, times: list[int]) -> list[int]:
 
 
 def test_a_fault_while_deleting_is_survived(camera: Camera, card: MakeCard) -> None:
+    promise("the list vanishes while the oldest clip is looked for",
+            "deleting fails with EFAULT and the daemon goes on")
     pid = new_daemon(camera)
     insert_normal(camera, card("fat"))
     survive_a_fault(camera, record(camera, 12, "300k"), pid)
 
 
 def test_the_second_fault_ends_the_daemon_and_it_finds_its_way(camera: Camera, card: MakeCard) -> None:
+    promise("the loop thread meets another fault after one that it survived",
+            "the kernel ends the process by SIGBUS, without a dump")
     pid = new_daemon(camera)
     insert_normal(camera, card("fat"))
     times = survive_a_fault(camera, record(camera, 12, "300k"), pid)
@@ -82,6 +89,9 @@ def test_the_second_fault_ends_the_daemon_and_it_finds_its_way(camera: Camera, c
 
 
 def test_a_fault_elsewhere_ends_the_daemon_and_it_finds_its_way(camera: Camera, card: MakeCard) -> None:
+    promise("a bus fault happens outside of the region",
+            '"SIGBUS information: si_code = %d, si_addr = %p", the memory map right behind it, "SIGBUS Abort!", and the '
+            "process ends by SIGABRT")
     pid = new_daemon(camera)
     insert_normal(camera, card("fat"))
     times = record(camera, 5)

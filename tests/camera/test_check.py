@@ -9,8 +9,11 @@ import pytest
 from cards import GIB, SECTOR, filesystem_offset
 from conftest import clips, insert_normal, record, wait_daemon
 from jobs import check_card, eject_card, frame, hold, wait_job, wait_recordings
+from promise import promise, promises
 from stand_ins import Tools
 from vcam import Camera
+
+promises("cl_fsck")
 
 MakeCard = Callable[..., Path]
 
@@ -54,6 +57,7 @@ def test_a_sound_card_is_checked_and_back_in_service(probed: Camera, card: MakeC
 
 @pytest.mark.parametrize("whole_disk", [False, True])
 def test_a_torn_card_is_repaired_and_that_counts_as_failed(probed: Camera, card: MakeCard, whole_disk: bool) -> None:
+    promise("something was repaired", "the card is sound afterwards, and the next check finds nothing")
     made = card("whole_disk_fat" if whole_disk else "fat")
     tear(made)
     insert_normal(probed, made)
@@ -108,6 +112,8 @@ def test_what_is_absent_or_ejected_is_not_checked(probed: Camera, card: MakeCard
 
 def test_a_check_killed_for_its_memory_is_no_repaired_card(probed: Camera, card: MakeCard) -> None:
     """The real tool on a card that it needs 26 MiB for, on a camera that has 20."""
+    promise("fsck.fat needs more memory than the camera has",
+            "it is killed like any other, and the daemon lives and records on")
     probed.insert(card("fat", 32 * GIB))
     probed.wait_state("normal", 60)
     wait_recordings(probed)

@@ -6,8 +6,11 @@ from pathlib import Path
 from cards import check_format
 from conftest import clips, insert_normal, record, wait_daemon
 from jobs import Reports, eject_card, hold, mounted, request, restart_daemon, wait_job, wait_recordings
+from promise import promise, promises
 from stand_ins import HOLDER, Tools
 from vcam import Camera, wait_until
+
+promises("cl_eject")
 
 MakeCard = Callable[..., Path]
 
@@ -15,6 +18,9 @@ REMOVED = 5  # type of the alert about a card that went away unasked
 
 
 def test_eject_pull_and_back_in(camera: Camera, card: MakeCard) -> None:
+    promise("somebody writes to the ejected card, or mounts it to write",
+            "the kernel refuses, and not a byte of it changes")
+    promise("the ejected card is pulled and put in again", "it is normal, with its clips")
     made = card("fat")
     insert_normal(camera, made)
     restart_daemon(camera)  # with the card there from the start, so that no alert is held back
@@ -56,6 +62,8 @@ def test_eject_pull_and_back_in(camera: Camera, card: MakeCard) -> None:
 
 
 def test_a_busy_card_stays_in_service(camera: Camera, card: MakeCard, tools: Tools) -> None:
+    promise("the card is in use and stays mounted",
+            "it is back in service within seconds, its recordings folder open again")
     insert_normal(camera, card("fat"))
     times = record(camera, 1)
     hold(camera)

@@ -8,7 +8,10 @@ import pytest
 from cards import RECORD_DIR, check_format, list_dir
 from conftest import clips, insert_normal, record
 from jobs import eject_card, format_card
+from promise import promise, promises
 from vcam import Camera, wait_until
+
+promises("cl_mkfs")
 
 MakeCard = Callable[..., Path]
 
@@ -19,6 +22,8 @@ TRACE = ["sdcard_mkfs(): cl_next_mkfs -> on_closure_done", "cl_next_mkfs(): cl_n
 
 @pytest.mark.parametrize("kind", ["blank", "noise", "four_partitions", "extended", "gpt", "whole_disk_fat", "exfat"])
 def test_a_card_of_any_kind_becomes_the_camera_s_own(camera: Camera, card: MakeCard, kind: str) -> None:
+    promise("the card is blank, has noise, several partitions, a foreign table or no table on it",
+            "it becomes the same card as any other")
     made = card(kind)
     with pytest.raises((ValueError, RuntimeError)):
         check_format(made)

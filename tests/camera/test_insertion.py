@@ -7,7 +7,10 @@ import pytest
 
 from cards import MIB
 from conftest import has_card, insert_normal, wait_daemon
+from promise import promise, promises
 from vcam import Camera, wait_until
+
+promises("mmc")
 
 MakeCard = Callable[..., Path]
 
@@ -50,6 +53,7 @@ def test_a_write_protected_card_is_broken_and_not_mounted(camera: Camera, card: 
 
 
 def test_the_switch_of_a_mounted_card_is_noticed(camera: Camera, card: MakeCard) -> None:
+    promise("the write-protect switch of a mounted card is moved", "the state follows")
     insert_normal(camera, card("fat"))
     camera.write_protect(True)
     camera.wait_state("broken")
@@ -85,6 +89,7 @@ def test_pulled_and_put_back(camera: Camera, card: MakeCard) -> None:
 
 
 def test_another_card_at_once(camera: Camera, card: MakeCard) -> None:
+    promise("one card takes another's place between two looks", "the new one is mounted")
     insert_normal(camera, card("fat"))
     camera.swap(card("fat", 128 * MIB))
     size = str(128 * MIB // 512)

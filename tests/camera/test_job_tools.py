@@ -8,8 +8,11 @@ import pytest
 
 from conftest import insert_normal, record, wait_daemon
 from jobs import Reports, finish_format, format_card, hold, request, restart_daemon, wait_job
+from promise import promise, promises
 from stand_ins import HOLDER, Tools
 from vcam import Camera
+
+promises("cl_execvp")
 
 MakeCard = Callable[..., Path]
 
@@ -53,6 +56,8 @@ def test_a_failed_format_is_told_as_such(camera: Camera, card: MakeCard, tools: 
 @pytest.mark.parametrize("tool", ["fdisk", "mkfs.fat"])
 def test_a_tool_that_hangs_waits_for_the_hand_that_kills_it(camera: Camera, card: MakeCard, tools: Tools,
                                                            tool: str) -> None:
+    promise("the program hangs",
+            "the loop goes on, requests are refused as busy, and the step ends when somebody kills it")
     insert_normal(camera, card("fat"))
     pid = wait_daemon(camera)
     tools.stop_before(tool)
@@ -84,7 +89,12 @@ def test_a_fuser_that_is_missing_costs_the_report_only(camera: Camera, card: Mak
     assert [alert for alert in alerts.seen if alert["type"] == 2] == []
 
 
+promises("cl_umount")
+
+
 def test_a_fuser_that_prints_more_than_is_kept(camera: Camera, card: MakeCard, tools: Tools) -> None:
+    promise("fuser prints more than 127 bytes",
+            "what lies behind them is not looked at, and the alert has those before")
     restart_daemon(camera)
     insert_normal(camera, card("fat"))
     pid = wait_daemon(camera)

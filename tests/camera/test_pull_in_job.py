@@ -6,8 +6,11 @@ from pathlib import Path
 
 from conftest import insert_normal, wait_daemon
 from jobs import JOB_S, check_card, format_card, frame, hold, mounted, request, wait_job
+from promise import promise, promises
 from stand_ins import HOLDER, Tools
 from vcam import Camera, wait_until
+
+promises("cl_mkfs")
 
 MakeCard = Callable[..., Path]
 Moment = Callable[[Camera, Tools], None]
@@ -110,6 +113,8 @@ def after_the_events_of_the_pull(camera: Camera, tools: Tools) -> None:
 
 
 def test_pulled_out_of_a_format(probed: Camera, card: MakeCard, tools: Tools) -> None:
+    promise("the card is pulled at whichever stage",
+            "the job ends, the state is not_exists, and the next card is formatted")
     survive(probed, card, tools, [
         partial(between_two_tries_to_unmount, "mkfs"),
         partial(before_the_tool_opens_the_card, "mkfs", "fdisk"),
@@ -120,12 +125,20 @@ def test_pulled_out_of_a_format(probed: Camera, card: MakeCard, tools: Tools) ->
     ])
 
 
+promises("cl_fsck")
+
+
 def test_pulled_out_of_a_check(probed: Camera, card: MakeCard, tools: Tools) -> None:
+    promise("the card is pulled at whichever stage", "the job ends, the state is not_exists, and the next card works")
     survive(probed, card, tools, [
         partial(between_two_tries_to_unmount, "fsck"),
         partial(before_the_tool_opens_the_card, "fsck", "fsck.fat"),
     ])
 
 
+promises("cl_umount")
+
+
 def test_pulled_out_of_an_eject(probed: Camera, card: MakeCard, tools: Tools) -> None:
+    promise("the next try is awaited, or fuser runs", "the loop serves everything else")
     survive(probed, card, tools, [partial(between_two_tries_to_unmount, "eject")])

@@ -7,7 +7,10 @@ import pytest
 
 from cards import MIB
 from conftest import insert_normal, record, wait_clips, wait_daemon, wait_recordings
+from promise import promise, promises
 from vcam import Camera
+
+promises("main")
 
 MakeCard = Callable[..., Path]
 
@@ -16,6 +19,7 @@ MakeCard = Callable[..., Path]
     ("", 0, "not_exists"), ("fat", 64 * MIB, "normal"), ("fat", 32 * MIB, "full"), ("blank", 64 * MIB, "broken")])
 def test_a_killed_daemon_publishes_the_same_state_again(camera: Camera, card: MakeCard, kind: str, size: int,
                                                         state: str) -> None:
+    promise("the daemon is killed, with whichever card in the slot", "the next one publishes the same state")
     if kind:
         camera.insert(card(kind, size))
     camera.wait_state(state)

@@ -15,6 +15,7 @@
 #include "sdcard.h"
 #include "support/kernel.h"
 #include "support/log.h"
+#include "support/promise.h"
 
 using namespace std::string_literals;
 using list = std::vector<std::string>;
@@ -159,7 +160,11 @@ class actions : public testing::Test {
 
 const answer DONE{0, "{}"};
 
+PROMISES("actions");
+
 TEST_F(actions, table_in_order_and_ended_by_zeros) {
+    PROMISE("the framework reads the table",
+            "six names in their order, both deletions with one handler, a row of zeros behind them");
     const list names = {"deleteVideo", "deleteSaveVideo", "saveVideo", "sd_storge", "sd_format", "sd_umount"};
     for (size_t i = 0; i < names.size(); ++i) {
         EXPECT_EQ(action_table[i].name, names[i]);
@@ -216,6 +221,11 @@ const struct {
 };
 
 TEST_F(actions, delete_takes_each_element_in_its_place) {
+    PROMISE("clips are to be deleted", "one batch with each element in its place, then 0 and an empty reply");
+    PROMISE("an element is null", "its place holds 0; for protecting it is passed over");
+    PROMISE("a timestamp is beyond 32 bits, or negative", "its low 32 bits count");
+    PROMISE("an element is no integer",
+            "it counts as what the JSON library reads from it, 0 for lists, objects and words");
     std::string params = "[";
     timestamps expected;
     for (const auto& element : ELEMENTS) {
@@ -239,6 +249,10 @@ TEST_F(actions, delete_takes_each_element_in_its_place) {
 }
 
 TEST_F(actions, save_takes_each_element_but_null) {
+    PROMISE("an element is null", "its place holds 0; for protecting it is passed over");
+    PROMISE("a timestamp is beyond 32 bits, or negative", "its low 32 bits count");
+    PROMISE("an element is no integer",
+            "it counts as what the JSON library reads from it, 0 for lists, objects and words");
     for (const auto& element : ELEMENTS) {
         EXPECT_EQ(run("saveVideo", "["s + element.json + "]"), DONE);
         EXPECT_EQ(told, list{"mark " + std::to_string(element.ts)}) << element.json;
@@ -249,6 +263,7 @@ TEST_F(actions, save_takes_each_element_but_null) {
 }
 
 TEST_F(actions, parameters_that_are_no_array_change_nothing) {
+    PROMISE("the parameters are no array, or absent", "-22, nothing is touched or logged");
     for (const char* name : {"deleteVideo", "deleteSaveVideo", "saveVideo"}) {
         for (const char* params :
              {"", "null", "{}", R"({"ts":[1790000000]})", "1790000000", "\"[1]\"", "true", "1.5"}) {
@@ -260,6 +275,7 @@ TEST_F(actions, parameters_that_are_no_array_change_nothing) {
 }
 
 TEST_F(actions, empty_arrays) {
+    PROMISE("the array is empty", "deleting commits an empty batch, protecting does nothing; both are done");
     EXPECT_EQ(run("deleteVideo", "[]"), DONE);
     EXPECT_EQ(told, (list{"begin 0", "commit 0"}));  // a batch like any other
     EXPECT_EQ(run("saveVideo", "[]"), DONE);
@@ -267,12 +283,14 @@ TEST_F(actions, empty_arrays) {
 }
 
 TEST_F(actions, delete_without_memory) {
+    PROMISE("there is no memory for the batch", "-12, nothing is committed");
     memory_is_short = true;
     EXPECT_EQ(run("deleteVideo", "[1,2,3]"), (answer{-12, "{}"}));
     EXPECT_EQ(told, list{"begin 3"});
 }
 
 TEST_F(actions, delete_without_an_index_is_done_too) {
+    PROMISE("the index is closed", "deleting is answered as done, and the batch is lost");
     commit_result = -1;
     EXPECT_EQ(run("deleteVideo", "[1,2,3]"), DONE);
     EXPECT_EQ(told, (list{"begin 3", "commit 3"}));
@@ -280,6 +298,7 @@ TEST_F(actions, delete_without_an_index_is_done_too) {
 }
 
 TEST_F(actions, as_many_as_a_request_may_carry) {
+    PROMISE("a request carries as many clips as it can", "all are taken");
     std::string params = "[";
     for (uint32_t ts = 1'790'000'000; ts < 1'790'090'000; ++ts) {
         params += std::to_string(ts) + ",";
@@ -297,6 +316,8 @@ TEST_F(actions, as_many_as_a_request_may_carry) {
 }
 
 TEST_F(actions, save_warns_once_for_each_that_cannot_be_marked) {
+    PROMISE("a clip cannot be protected",
+            "\"Error mark %u as persistent. %s\", once for each, the others go on, and the answer is 0");
     mark_errors = {{7, ENOENT}, {4'294'967'295, ENOENT}, {9, EINVAL}, {0, ENOENT}};
     logged::disturb_errno(EIO);
     EXPECT_EQ(run("saveVideo", "[7,5,-1,9,0,7]"), DONE);
@@ -311,6 +332,11 @@ TEST_F(actions, save_warns_once_for_each_that_cannot_be_marked) {
 // --- storage ---------------------------------------------------------------------------------------------------------
 
 TEST_F(actions, storage_by_state) {
+    PROMISE("the figures are asked for with a card that is normal or full",
+            "total, used and free bytes and the state's number as \"result\", with the code that says so");
+    PROMISE("the card is absent or unknown, broken, busy or ejected",
+            "-2003, -2002, -2000 or -2005, no \"result\", and the card is not looked at");
+    PROMISE("the state is a number without a name", "the figures are given");
     const struct {
         int32_t state;
         answer expected;
@@ -342,6 +368,7 @@ TEST_F(actions, storage_by_state) {
 }
 
 TEST_F(actions, storage_in_64_bits) {
+    PROMISE("figures need 64 bits", "they have them");
     space.f_bsize = 32768;
     space.f_blocks = 7'800'000;
     space.f_bavail = 4'000'000;
@@ -355,12 +382,15 @@ TEST_F(actions, storage_in_64_bits) {
 }
 
 TEST_F(actions, storage_takes_any_parameters) {
+    PROMISE("the figures are asked for with any parameters", "they are ignored");
     for (const char* params : {"", "null", "{}", "[1,2]", "\"x\"", "7"}) {
         EXPECT_EQ(run("sd_storge", params), (answer{ANSWERED, R"({"result":[0,0,0,0]})"})) << params;
     }
 }
 
 TEST_F(actions, storage_without_a_mount_keeps_the_array) {
+    PROMISE("the mount goes between the state and the figures",
+            "-2002, no \"result\", and the list made for it is left behind");
     is_mounted = false;
     EXPECT_EQ(run("sd_storge", "{}"), (answer{-2002, "{}"}));
     EXPECT_EQ(told, (list{"state", "size", "statfs"}));
@@ -369,6 +399,7 @@ TEST_F(actions, storage_without_a_mount_keeps_the_array) {
 }
 
 TEST_F(actions, storage_without_memory) {
+    PROMISE("there is no memory for the figures", "-12, before anything is measured");
     kernel::fail("json_object_new_array", ENOMEM);
     EXPECT_EQ(run("sd_storge", "{}"), (answer{-12, "{}"}));
     EXPECT_EQ(told, list{"state"});
@@ -377,6 +408,9 @@ TEST_F(actions, storage_without_memory) {
 // --- format and eject ------------------------------------------------------------------------------------------------
 
 TEST_F(actions, format_and_eject) {
+    PROMISE("a format or an eject is asked for, with any parameters", "it is started, and 0 says no more than that");
+    PROMISE("a format cannot be started", "-2003");
+    PROMISE("an eject cannot be started", "-2002");
     const struct {
         const char* name;
         int result;

@@ -12,6 +12,7 @@
 #include "records.h"
 #include "sdcard.h"
 #include "support/app.h"
+#include "support/promise.h"
 
 // --- stand-ins for the card and its recordings -----------------------------------------------------------------------
 
@@ -111,7 +112,12 @@ class ActionsOnTheWire : public AppTest {
     }
 };
 
+PROMISES("actions");
+
 TEST_F(ActionsOnTheWire, AnswerWhateverIsSent) {
+    PROMISE("a request comes over the bus, whatever it holds",
+            "one answer with a code that the action knows; what is no JSON or no array reaches nothing");
+    PROMISE("an action has no such name", "-38");
     const std::string deep = std::string(28, '[') + "7" + std::string(28, ']');
     const struct {
         const char* action;
@@ -171,6 +177,8 @@ TEST_F(ActionsOnTheWire, AnswerWhateverIsSent) {
 }
 
 TEST_F(ActionsOnTheWire, NinetyThousandElementsAndTooManyBytes) {
+    PROMISE("a request carries as many clips as it can", "all are taken");
+    PROMISE("a request is larger than the bus takes", "its answer says so, and nothing is deleted");
     std::string payload = "[";
     for (uint32_t ts = 1'790'000'000; ts < 1'790'090'000; ++ts) {
         payload += std::to_string(ts) + ",";
@@ -191,6 +199,7 @@ TEST_F(ActionsOnTheWire, NinetyThousandElementsAndTooManyBytes) {
 }
 
 TEST_F(ActionsOnTheWire, TheSameRequestTwiceIsTwoRequests) {
+    PROMISE("one request comes twice", "it is two requests");
     send("deleteVideo", "[7]");
     send("deleteVideo", "[7]");
     ASSERT_TRUE(wait_for(ACTION + "deleteVideo/reply", 2));
@@ -201,6 +210,7 @@ TEST_F(ActionsOnTheWire, TheSameRequestTwiceIsTwoRequests) {
 }
 
 TEST_F(ActionsOnTheWire, ARetainedRequestErasesNothing) {
+    PROMISE("a request was left at the broker as a retained one", "it is not carried out: nobody asks for it now");
     send("sd_format", "{}", true);
     send("deleteVideo", "[7]", true);
     ASSERT_TRUE(run_until([&] { return log.count("<4>bus: retained action") == 2; }));
@@ -209,6 +219,7 @@ TEST_F(ActionsOnTheWire, ARetainedRequestErasesNothing) {
 }
 
 TEST_F(ActionsOnTheWire, TheAnswerGoesToTheResponseTopicAlone) {
+    PROMISE("a request names a topic for its answer", "the answer goes there and nowhere else");
     watch("answers/#");
     send("sd_storge", "{}", false, "answers/1");
     ASSERT_TRUE(wait_for("answers/1", 1));
@@ -219,6 +230,8 @@ TEST_F(ActionsOnTheWire, TheAnswerGoesToTheResponseTopicAlone) {
 // Requests made of JSON's own pieces in any order. Each gets one answer, with a code that the action knows, and only
 // what is an array reaches the recordings.
 TEST_F(ActionsOnTheWire, AnswerNoise) {
+    PROMISE("a request comes over the bus, whatever it holds",
+            "one answer with a code that the action knows; what is no JSON or no array reaches nothing");
     constexpr const char* PIECES[] = {"[",    "]",     "{",   "}",    ",",    ":",     "\"",  "7",
                                       "-1",   "1e400", ".5",  "true", "null", "\"a\"", "\\u", "\xc3",
                                       "\xa9", "\x01",  "NaN", " ",    "[]",   "[7]"};

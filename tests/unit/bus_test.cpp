@@ -20,6 +20,7 @@
 
 #include "bus/address.h"
 #include "support/broker.h"
+#include "support/promise.h"
 
 namespace {
 
@@ -96,7 +97,13 @@ class Bus : public testing::Test {
     Broker broker;
 };
 
+PROMISES("bus");
+
 TEST(BusAddress, OnlyWholeAddressesAreTaken) {
+    PROMISE(
+        "an address is not whole: no scheme, no or a wrong port, a name to look up, IPv6 without brackets, a path that "
+        "is too long",
+        "-1 with EINVAL, the output untouched");
     struct {
         const char* text;
         const char* host;  // null: refused
@@ -133,6 +140,7 @@ TEST(BusAddress, OnlyWholeAddressesAreTaken) {
 }
 
 TEST_F(Bus, TheEnvironmentNamesTheBroker) {
+    PROMISE("no address was kept", "the environment's counts, also when it makes no sense; without one the default");
     EXPECT_EQ(bus_address(), broker.address());
     setenv("VESK_BUS", "nonsense", 1);
     Client client;
@@ -144,6 +152,7 @@ TEST_F(Bus, TheEnvironmentNamesTheBroker) {
 }
 
 TEST_F(Bus, MessagesCarryEverything) {
+    PROMISE("a message is published", "topic, bytes, response topic and correlation data arrive as they were");
     Client client;
     ASSERT_TRUE(open(&client));
     EXPECT_FALSE(bus_connected(client.session));
@@ -161,6 +170,7 @@ TEST_F(Bus, MessagesCarryEverything) {
 }
 
 TEST_F(Bus, KeptMessagesComeOnlyWhenAskedFor) {
+    PROMISE("a subscription is made", "what the broker has kept comes only if it was asked for");
     Client client;
     ASSERT_TRUE(open(&client));
     ASSERT_TRUE(client.is_answered(client.publish("t", "k", true)));
@@ -173,6 +183,9 @@ TEST_F(Bus, KeptMessagesComeOnlyWhenAskedFor) {
 }
 
 TEST_F(Bus, WhatCannotBeAskedIsRefusedAtOnce) {
+    PROMISE("a topic or filter cannot be, or a payload exceeds a mebibyte",
+            "the request is refused at once with EINVAL");
+    PROMISE("1024 requests wait for their answers", "the next is refused with ENOBUFS");
     Client client;
     ASSERT_TRUE(open(&client));
     const std::string longest(BUS_PAYLOAD_MAX, 'x');
@@ -196,6 +209,7 @@ TEST_F(Bus, WhatCannotBeAskedIsRefusedAtOnce) {
 }
 
 TEST_F(Bus, ALargerMessageThanAllowedComesWithoutItsBytes) {
+    PROMISE("a message of more than a mebibyte arrives", "it is told with its length and without its bytes");
     Client client;
     ASSERT_TRUE(open(&client));
     ASSERT_TRUE(client.is_answered(bus_subscribe(client.session, "t", 1, bus_retained::NEVER)));
@@ -207,6 +221,7 @@ TEST_F(Bus, ALargerMessageThanAllowedComesWithoutItsBytes) {
 }
 
 TEST_F(Bus, ARefusalIsAnAnswer) {
+    PROMISE("the broker refuses a request", "that is its answer");
     std::ofstream(broker.folder() + "/acl") << "topic readwrite open/#\n";
     broker.configure("acl_file " + broker.folder() + "/acl\n");
     Client client;
@@ -216,6 +231,8 @@ TEST_F(Bus, ARefusalIsAnAnswer) {
 }
 
 TEST_F(Bus, AUserWithoutTheRightPasswordIsTold) {
+    PROMISE("the credentials are wrong",
+            "the loss says EACCES, requests fail with ENOTCONN, and the next open is held off");
     std::ofstream(broker.folder() + "/users") << "";
     broker.configure("password_file " + broker.folder() + "/users\n");
     setenv("VESK_BUS_USER", "nobody", 1);
@@ -232,6 +249,7 @@ TEST_F(Bus, AUserWithoutTheRightPasswordIsTold) {
 }
 
 TEST_F(Bus, ASessionIsNeverRevived) {
+    PROMISE("the connection is lost", "a plain session stays lost, also with the broker back");
     Client client;
     ASSERT_TRUE(open(&client));
     ASSERT_TRUE(client.hears("connected"));
@@ -246,6 +264,8 @@ TEST_F(Bus, ASessionIsNeverRevived) {
 }
 
 TEST_F(Bus, AReconnectingSessionComesBackWithoutResending) {
+    PROMISE("the connection of a reconnecting session is lost",
+            "it comes back silently; what had no answer is not sent again; requests in between fail with ENOTCONN");
     Client client;
     Client watcher;
     ASSERT_TRUE(client.open(true));
@@ -271,6 +291,8 @@ TEST_F(Bus, AReconnectingSessionComesBackWithoutResending) {
 }
 
 TEST_F(Bus, ABrokerThatNeverAcceptsIsGivenUp) {
+    PROMISE("a broker takes the connection and never accepts the session",
+            "it is given up with ETIMEDOUT, and that is all that is told");
     broker.freeze();
     Client client;
     ASSERT_TRUE(open(&client));
@@ -281,6 +303,7 @@ TEST_F(Bus, ABrokerThatNeverAcceptsIsGivenUp) {
 
 // A mount or a first look at a large card keeps the loop for most of a minute; the broker must not hang up meanwhile.
 TEST_F(Bus, TheBrokerIsAskedToBearAStandstillOfThreeMinutes) {
+    PROMISE("the loop stands still for three minutes", "the broker is asked to bear it");
     const std::string path = broker.folder() + "/listener";
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -312,6 +335,7 @@ TEST_F(Bus, TheBrokerIsAskedToBearAStandstillOfThreeMinutes) {
 }
 
 TEST_F(Bus, AReconnectingSessionStartsWithoutABroker) {
+    PROMISE("there is no broker yet", "a reconnecting session starts all the same");
     broker.kill();
     Client client;
     ASSERT_TRUE(client.open(true));
@@ -322,6 +346,7 @@ TEST_F(Bus, AReconnectingSessionStartsWithoutABroker) {
 }
 
 TEST_F(Bus, TheWillIsPublishedUnlessTheSessionIsClosed) {
+    PROMISE("a process dies, or closes its session", "its will is published, or is not");
     Client watcher;
     ASSERT_TRUE(open(&watcher));
     ASSERT_TRUE(watcher.is_answered(bus_subscribe(watcher.session, "#", 1, bus_retained::SEND)));
@@ -343,6 +368,7 @@ TEST_F(Bus, TheWillIsPublishedUnlessTheSessionIsClosed) {
 }
 
 TEST_F(Bus, TcpWorksAndIsQuick) {
+    PROMISE("the broker is reached over TCP", "nothing waits for more to send");
     setenv("VESK_BUS", ("tcp:localhost:" + std::to_string(broker.port())).c_str(), 1);
     Client client;
     ASSERT_TRUE(open(&client));
@@ -358,6 +384,7 @@ TEST_F(Bus, TcpWorksAndIsQuick) {
 }
 
 TEST_F(Bus, ADistantHostIsNotWaitedFor) {
+    PROMISE("the broker is a host that does not answer", "the loop is not held up");
     setenv("VESK_BUS", "tcp:192.0.2.254:1883", 1);  // an address that no host has
     longest_stall_ms();
     Client client;
@@ -369,6 +396,8 @@ TEST_F(Bus, ADistantHostIsNotWaitedFor) {
 }
 
 TEST_F(Bus, AListenerMayRunTheLoopAndClose) {
+    PROMISE("a listener runs the loop, or closes its session",
+            "what had arrived is told inside, and nothing after the close");
     Client client;
     ASSERT_TRUE(open(&client));
     ASSERT_NE(bus_subscribe(client.session, "t", 1, bus_retained::NEVER), 0U);
@@ -394,6 +423,7 @@ TEST_F(Bus, AListenerMayRunTheLoopAndClose) {
 }
 
 TEST_F(Bus, EveryListenerIsTold) {
+    PROMISE("a session has several listeners", "each is told, up to four; one that left is not");
     Client client;
     Client second;
     ASSERT_TRUE(open(&client));
@@ -412,6 +442,8 @@ TEST_F(Bus, EveryListenerIsTold) {
 }
 
 TEST_F(Bus, FlushWaitsForAnswersWithoutTheLoop) {
+    PROMISE("answers are waited for without the loop",
+            "for no longer than allowed, and nothing is told meanwhile; closing does not wait for a frozen broker");
     Client client;
     ASSERT_TRUE(open(&client));
     ASSERT_NE(client.publish("t", "x"), 0U);
@@ -430,6 +462,7 @@ TEST_F(Bus, FlushWaitsForAnswersWithoutTheLoop) {
 }
 
 TEST_F(Bus, DescriptorsAreCloseOnExec) {
+    PROMISE("descriptors are opened", "each is close-on-exec");
     std::array<int, 64> before{};  // the default loop's and inherited ones
     for (int fd = 0; fd < 64; ++fd) {
         before[static_cast<size_t>(fd)] = fcntl(fd, F_GETFD);
@@ -449,6 +482,7 @@ TEST_F(Bus, DescriptorsAreCloseOnExec) {
 }
 
 TEST_F(Bus, SharedSessionIsForgottenWhenClosed) {
+    PROMISE("the shared session is closed", "nobody finds it any more");
     Client client;
     ASSERT_TRUE(open(&client));
     bus_share(client.session, "app");
@@ -460,6 +494,7 @@ TEST_F(Bus, SharedSessionIsForgottenWhenClosed) {
 }
 
 TEST_F(Bus, AKeptAddressWins) {  // last: it stays for the process
+    PROMISE("an address was kept", "it wins over the environment; a bad one changes nothing");
     EXPECT_EQ(bus_address_set("rubbish"), -1);
     EXPECT_EQ(bus_address(), broker.address());
     ASSERT_EQ(bus_address_set("tcp:127.0.0.1:1"), 0);

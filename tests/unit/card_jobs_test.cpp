@@ -10,6 +10,7 @@
 
 #include "rpc.h"
 #include "support/card_rig.h"
+#include "support/promise.h"
 
 using rig::world;
 
@@ -233,7 +234,19 @@ strings operator+(strings a, const strings& b) {
 const strings BACK = {"sdcard_status=0", "sdcard_rw=rdwr"};
 constexpr char REFRESH[] = "info refresh sdcard state due to Mountinfo changed.";
 
+PROMISES("cl_mkfs");
+
 TEST_F(card_jobs, format) {
+    PROMISE("all goes well",
+            "unmount, fdisk on the disk, the table read again, mkfs.fat with the label \"QX_CAM\" on the first "
+            "partition, mount; succeeded with 0");
+    PROMISE("files are closed before the last try", "the format goes through");
+    PROMISE("fdisk fails, is killed or is missing",
+            "\"cl_mkfs: unable to re-create the partition table.\", no mkfs.fat, mounted again, failed with fdisk's "
+            "code, -1 or 99");
+    PROMISE("mkfs.fat fails, is killed or is missing",
+            "\"cl_mkfs: unable to make new filesystem.\", mounted again, failed with mkfs.fat's code, -1 or 99");
+    PROMISE("what was made, or left, cannot be mounted", "the outcome stays what it was, and the state tells");
     const strings upto_fdisk = {"umount", "fdisk /dev/mmcblk0"};
     const strings upto_probe = upto_fdisk + strings{"mmc_partprobe"};
     const strings upto_mkfs = upto_probe + strings{"mkfs.fat -n QX_CAM /dev/mmcblk0p1"};
@@ -313,12 +326,14 @@ TEST_F(card_jobs, format) {
 }
 
 TEST_F(card_jobs, format_tells_fdisk_what_to_do) {
+    PROMISE("fdisk runs", "it is given 17 bytes, the last one a NUL");
     ASSERT_EQ(0, sdcard_mkfs());
     finish();
     EXPECT_EQ(std::string("o\nn\np\n1\n\n\nt\nc\nw\n\0", 17), kernel::read(FDISK_INPUT));
 }
 
 TEST_F(card_jobs, format_leaves_this_trace) {
+    PROMISE("each stage begins", "the trace says what comes next");
     card.refused_umounts = 2;
     ASSERT_EQ(0, sdcard_mkfs());
     finish();
@@ -335,7 +350,17 @@ TEST_F(card_jobs, format_leaves_this_trace) {
               trace);
 }
 
+PROMISES("cl_eject");
+
 TEST_F(card_jobs, eject) {
+    PROMISE("all goes well", "unmount, then the devices closed to writes, succeeded with 0, and the state is eject");
+    PROMISE("the eject has succeeded",
+            "the card is not mounted again, and the hold on mounting goes only behind the job's end");
+    PROMISE("nothing is mounted", "the eject follows at once");
+    PROMISE("the card cannot be unmounted, or there was no memory to wait with",
+            "\"Unable to umount sdcard.\", nothing is closed, the hold goes, the job mounts nothing, and it fails with "
+            "the unmount's 16 or 12");
+    PROMISE("the card has gone by then", "failed with ENODEV, without a word of its own, and the hold goes");
     const row rows[] = {
         {"succeeds",
          [] {},
@@ -368,7 +393,14 @@ TEST_F(card_jobs, eject) {
     }
 }
 
+PROMISES("cl_fsck");
+
 TEST_F(card_jobs, check) {
+    PROMISE("nothing is found", "unmount, \"fsck.fat -aw\" on the device, mount; succeeded with 0");
+    PROMISE("something is found, repaired or not, or fsck.fat is killed or missing",
+            "\"next_finish: unable to check filesystem.\", mounted again, failed with fsck.fat's code, -1 or 99");
+    PROMISE("the card cannot be unmounted, or there was no memory to wait with",
+            "\"Unable to umount sdcard.\", no check, mounted again, failed with the unmount's 16 or 12");
     const strings upto_fsck = {"umount", "fsck.fat -aw /dev/mmcblk0p1"};
     const row rows[] = {
         {"finds nothing", [] {}, CLOSURE_OK, 0, upto_fsck + strings{"mount"} + BACK,
@@ -391,6 +423,7 @@ TEST_F(card_jobs, check) {
 }
 
 TEST_F(card_jobs, check_keeps_to_the_device_that_was_there_at_its_start) {
+    PROMISE("the card or its table of devices changes meanwhile", "the device is the one that was there at the start");
     card.refused_umounts = 1;
     ASSERT_EQ(0, sdcard_fsck());
     snprintf(world.mmc.partitions[0].path, sizeof world.mmc.partitions[0].path, "/dev/mmcblk1p1");
@@ -401,7 +434,12 @@ TEST_F(card_jobs, check_keeps_to_the_device_that_was_there_at_its_start) {
         world.steps);
 }
 
+PROMISES("cl_umount");
+
 TEST_F(card_jobs, a_held_card_is_refreshed_by_nobody_and_taken_by_no_second_job) {
+    PROMISE("the next try is awaited, or fuser runs", "the loop serves everything else");
+    PROMISES("sdcard");
+    PROMISE("somebody asks while a job runs", "nothing happens, and the periodic look is not postponed");
     card.refused_umounts = 5;
     ASSERT_EQ(0, sdcard_mkfs());
     int rounds = 0;
@@ -421,8 +459,12 @@ TEST_F(card_jobs, a_held_card_is_refreshed_by_nobody_and_taken_by_no_second_job)
     EXPECT_EQ(CLOSURE_OK, sd.closure.status);
 }
 
+PROMISES("cl_mkfs");
+
 // At whichever step: the job stays where it is, the card off its mount point, and no other job begins.
 TEST_F(card_jobs, a_program_that_cannot_be_had_keeps_the_frame_for_good) {
+    PROMISE("no process can be had for fdisk or mkfs.fat",
+            "the card stays off its mount point, held, and no further job is taken");
     struct {
         const char* program;
         int nth;  // fork
@@ -461,7 +503,11 @@ TEST_F(card_jobs, a_program_that_cannot_be_had_keeps_the_frame_for_good) {
     }
 }
 
+PROMISES("sdcard");
+
 TEST_F(card_jobs, one_after_the_other_on_one_frame) {
+    PROMISE("a job has ended well",
+            "\"closure: %s successful\" with its name, the state is derived, and the frame is free");
     for (int (*start_job)() : {sdcard_mkfs, sdcard_fsck, sdcard_mkfs, sdcard_eject}) {
         ASSERT_EQ(0, start_job());
         finish();
@@ -475,6 +521,7 @@ TEST_F(card_jobs, one_after_the_other_on_one_frame) {
 }
 
 TEST_F(card_jobs, a_request_by_key_is_answered_before_the_job_has_begun_its_work) {
+    PROMISE("a request by key is taken", "the answer does not wait for the job to end");
     kernel::on().now = 1000;
     on_spec_sdcard_format(nullptr, "start", 5);
     on_spec_sdcard_format(nullptr, "start", 5);

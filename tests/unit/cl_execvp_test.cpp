@@ -27,6 +27,7 @@
 #include "closure.h"
 #include "support/kernel.h"
 #include "support/log.h"
+#include "support/promise.h"
 
 namespace fs = std::filesystem;
 using list = std::vector<std::string>;
@@ -244,7 +245,11 @@ class cl_execvp : public testing::Test {
 
 // --- how a child ends -------------------------------------------------------------------------------------------
 
+PROMISES("cl_execvp");
+
 TEST_F(cl_execvp, success) {
+    PROMISE("a program is started", "the call does not wait for it; the frame stays busy");
+    PROMISE("the program exits with 0", "the step succeeds with 0, without a word");
     start_sh("exit 0");
     EXPECT_EQ(ended, 0) << "the starting call does not wait";
     EXPECT_EQ(frame.status, CLOSURE_BUSY);
@@ -253,6 +258,7 @@ TEST_F(cl_execvp, success) {
 }
 
 TEST_F(cl_execvp, exit_codes) {
+    PROMISE("the program exits with anything else", "\"%s: exit with code %d\", and the step fails with the code");
     for (int code : {1, 2, 98, 127, 128, 255}) {
         logged::reset();
         EXPECT_EQ(run_sh("exit " + std::to_string(code)), "3 " + std::to_string(code));
@@ -261,6 +267,7 @@ TEST_F(cl_execvp, exit_codes) {
 }
 
 TEST_F(cl_execvp, missing_program) {
+    PROMISE("there is no such program, or it may not be executed", "it counts as one that exited with 99");
     start({"/no/such/tool"});
     EXPECT_EQ(outcome(), "3 99");
     EXPECT_EQ(logged::lines(), list{"warning /no/such/tool: exit with code 99"});
@@ -271,6 +278,7 @@ TEST_F(cl_execvp, missing_program) {
 }
 
 TEST_F(cl_execvp, program_that_may_not_be_executed) {
+    PROMISE("there is no such program, or it may not be executed", "it counts as one that exited with 99");
     const std::string path = make_program("tool", "exit 0");
     chmod(path.c_str(), 0644);
     start({path});
@@ -278,6 +286,7 @@ TEST_F(cl_execvp, program_that_may_not_be_executed) {
 }
 
 TEST_F(cl_execvp, killed_by_a_signal) {
+    PROMISE("a signal ends it", "\"%s: exit with signal %s\", and the step fails with -1");
     for (int signum : {SIGKILL, SIGTERM, SIGSEGV}) {
         logged::reset();
         EXPECT_EQ(run_sh("ulimit -c 0; kill -" + std::to_string(signum) + " $$"), "3 -1");
@@ -287,6 +296,7 @@ TEST_F(cl_execvp, killed_by_a_signal) {
 
 // A child that is stopped goes on later, and its run goes on with it.
 TEST_F(cl_execvp, stopped_and_continued) {
+    PROMISE("the program is stopped and goes on later", "the step goes on with it");
     start_sh("kill -STOP $$; exit 3");
     pid_t pid = child_started->pid;
     ev_timer prod;
@@ -303,6 +313,8 @@ TEST_F(cl_execvp, stopped_and_continued) {
 
 // libev does not tell of a stop, so that only a status of neither kind could come; it would end the run.
 TEST_F(cl_execvp, status_that_is_no_end) {
+    PROMISE("the program's status is neither an exit nor a signal",
+            "\"%s: exit with unexpected status 0x%x\", and the step fails with -1");
     make_gate();
     start_sh("read x <&9");
     const pid_t pid = child_started->pid;
@@ -315,6 +327,7 @@ TEST_F(cl_execvp, status_that_is_no_end) {
 }
 
 TEST_F(cl_execvp, long_names_are_cut_in_messages) {
+    PROMISE("the program's name is longer than 19 characters", "messages show the first 19");
     const struct {
         const char* name;
         const char* shown;
@@ -335,12 +348,14 @@ TEST_F(cl_execvp, long_names_are_cut_in_messages) {
 // --- what a child gets ------------------------------------------------------------------------------------------
 
 TEST_F(cl_execvp, arguments_are_passed_as_they_are) {
+    PROMISE("arguments have blanks, stars or nothing in them", "they arrive as they are");
     start({"/bin/sh", "-c", "[ $# = 3 ] && [ \"$1\" = 'a b' ] && [ -z \"$2\" ] && [ \"$3\" = '*' ]", "sh", "a b", "",
            "*"});
     EXPECT_EQ(outcome(), "2 0");
 }
 
 TEST_F(cl_execvp, argv_is_not_needed_once_the_child_runs) {
+    PROMISE("the call has returned", "the arguments are the caller's again");
     push();
     {
         std::string script = "exit 4";
@@ -352,6 +367,7 @@ TEST_F(cl_execvp, argv_is_not_needed_once_the_child_runs) {
 }
 
 TEST_F(cl_execvp, environment_and_working_directory_are_ours) {
+    PROMISE("the program looks around", "environment, working folder and standard error are the daemon's");
     char here[4096];
     ASSERT_NE(getcwd(here, sizeof here), nullptr);
     setenv("VESK_RUNNER_TEST", "seen", 1);
@@ -360,6 +376,7 @@ TEST_F(cl_execvp, environment_and_working_directory_are_ours) {
 }
 
 TEST_F(cl_execvp, standard_error_is_ours) {
+    PROMISE("the program looks around", "environment, working folder and standard error are the daemon's");
     testing::internal::CaptureStderr();
     EXPECT_EQ(run_sh("echo from the child >&2"), "2 0");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "from the child\n");
@@ -367,6 +384,8 @@ TEST_F(cl_execvp, standard_error_is_ours) {
 
 // Standard input, output and error, and nothing else but what is inherited from long before.
 TEST_F(cl_execvp, descriptors_of_the_child) {
+    PROMISE("the program looks at its descriptors",
+            "there is nothing but its own pipe and what was inherited from long before");
     // Collected before it is written: the shell moves its output out of the way to write to a file.
     const std::string script =
         "n=0; while [ $n -lt 25 ]; do [ -e /proc/$$/fd/$n ] && seen=\"$seen$n \"; n=$((n + 1)); done; "
@@ -419,6 +438,8 @@ void allow_nothing_but_what_is_safe_behind_fork() {
 
 // Other threads may hold any lock of the C library at the fork.
 TEST_F(cl_execvp, between_fork_and_exec_next_to_nothing_is_called) {
+    PROMISE("another thread holds a lock of the C library at the fork",
+            "nothing between fork and exec can wait for it");
     char buffer[8];
     on_child = allow_nothing_but_what_is_safe_behind_fork;
     start({"no-such-tool"});
@@ -433,6 +454,7 @@ TEST_F(cl_execvp, between_fork_and_exec_next_to_nothing_is_called) {
 #endif
 
 TEST_F(cl_execvp, our_ends_do_not_block_and_both_ends_are_close_on_exec) {
+    PROMISE("there is a pipe", "our end does not block, both are close-on-exec, and the child's is closed here");
     make_gate();
     char buffer[8];
     const std::set<int> without_pipe = descriptors();
@@ -459,6 +481,8 @@ TEST_F(cl_execvp, our_ends_do_not_block_and_both_ends_are_close_on_exec) {
 // --- standard input ---------------------------------------------------------------------------------------------
 
 TEST_F(cl_execvp, seventeen_bytes_arrive_and_are_told_once) {
+    PROMISE("the program is named without a slash", "it is found on the search path");
+    PROMISE("all of the input is sent", "\"exec-%s: all stdin data has been sent.\" once, and nothing more is written");
     static constexpr char script[] = "o\nn\np\n1\n\n\nt\nc\nw\n";  // its NUL is the seventeenth
     static_assert(sizeof script == 17);
     make_gate();
@@ -479,6 +503,7 @@ TEST_F(cl_execvp, seventeen_bytes_arrive_and_are_told_once) {
 }
 
 TEST_F(cl_execvp, input_larger_than_a_pipe) {
+    PROMISE("the input does not fit the pipe", "it is sent as the program reads");
     std::string data;
     for (int i = 0; data.size() < 300000; ++i) {
         data += std::to_string(i) + "\n";
@@ -492,11 +517,14 @@ TEST_F(cl_execvp, input_larger_than_a_pipe) {
 
 // Who waits for the end of its input waits for ever: the pipe is closed when the child is dead.
 TEST_F(cl_execvp, input_does_not_end_before_the_child) {
+    PROMISE("all of the input is sent and the program reads on",
+            "it finds no end: the pipe stays open until it has ended");
     start_write("head -c 3 >/dev/null; timeout 0.05 cat; [ $? = 124 ]", "abc");
     EXPECT_EQ(outcome(), "2 0");
 }
 
 TEST_F(cl_execvp, child_that_closes_its_input) {
+    PROMISE("the program closes its input", "writing stops, and its exit decides as ever");
     make_gate();
     start_write("exec 0<&-; read x <&9; exit 5", std::string(200000, 'x'));
     ASSERT_EQ(io_started.size(), 1U);
@@ -508,6 +536,7 @@ TEST_F(cl_execvp, child_that_closes_its_input) {
 }
 
 TEST_F(cl_execvp, child_that_ends_with_input_unread) {
+    PROMISE("the program ends with input unread", "its exit decides, and nothing says that all was sent");
     start_write("exit 0", std::string(200000, 'x'));
     wait_for_zombie();  // so that its end is seen before the broken pipe, with writing still under way
     EXPECT_EQ(outcome(), "2 0") << "what it did not want is no failure";
@@ -515,6 +544,7 @@ TEST_F(cl_execvp, child_that_ends_with_input_unread) {
 }
 
 TEST_F(cl_execvp, no_input_to_send) {
+    PROMISE("there is input of no length", "writing stops without a word");
     make_gate();
     start_write("read x <&9", "");
     turn_until("writing has stopped", [] { return !ev_is_active(io_started[0]); });
@@ -530,6 +560,11 @@ constexpr char TOO_SMALL[] = "warning sh: stdout buffer is too small!";
 
 // A child that prints so many bytes and stays until they are seen.
 TEST_F(cl_execvp, capture_of_every_length) {
+    PROMISE("the program prints less than the capture takes", "all of it is there with a NUL behind it");
+    PROMISE("the program prints as much as the capture takes, or more",
+            "\"exec-%s: stdout buffer overflow.\" at once and \"%s: stdout buffer is too small!\" at its end; all but "
+            "the last byte are kept, and a NUL");
+    PROMISE("the program prints nothing", "the capture is empty, without a word");
     const struct {
         uint32_t size;
         uint32_t printed;
@@ -564,6 +599,7 @@ TEST_F(cl_execvp, capture_of_every_length) {
 }
 
 TEST_F(cl_execvp, capture_in_pieces) {
+    PROMISE("the program prints less than the capture takes", "all of it is there with a NUL behind it");
     make_gate();
     char buffer[16];
     memset(buffer, '#', sizeof buffer);
@@ -577,6 +613,7 @@ TEST_F(cl_execvp, capture_in_pieces) {
 }
 
 TEST_F(cl_execvp, capture_is_terminated_behind_a_failure_too) {
+    PROMISE("the program prints and fails", "what was read has its NUL all the same");
     make_gate();
     char buffer[16];
     memset(buffer, '#', sizeof buffer);
@@ -588,6 +625,7 @@ TEST_F(cl_execvp, capture_is_terminated_behind_a_failure_too) {
 }
 
 TEST_F(cl_execvp, child_that_closes_its_output_and_goes_on) {
+    PROMISE("the program closes its output and goes on", "reading stops, and the step waits for its end");
     make_gate();
     char buffer[16];
     start_read("printf ab; exec >&-; read x <&9", buffer, sizeof buffer);
@@ -600,6 +638,8 @@ TEST_F(cl_execvp, child_that_closes_its_output_and_goes_on) {
 
 // Called without anything to read, it finds the pipe not ready: a failure like any other.
 TEST_F(cl_execvp, output_that_cannot_be_read) {
+    PROMISE("the program's output cannot be read",
+            "reading stops, what came before is kept, and the step waits for its end");
     make_gate();
     char buffer[16];
     memset(buffer, '#', sizeof buffer);
@@ -616,6 +656,7 @@ TEST_F(cl_execvp, output_that_cannot_be_read) {
 
 // The child's end is handled before its output when both are there at once, and then the output is lost: kept so.
 TEST_F(cl_execvp, output_behind_the_end_is_not_read) {
+    PROMISE("the program has printed and ended before the loop looks", "that output is not read");
     char buffer[16];
     memset(buffer, '#', sizeof buffer);
     start_read("printf ab", buffer, sizeof buffer);
@@ -629,6 +670,7 @@ TEST_F(cl_execvp, output_behind_the_end_is_not_read) {
 // An end is handled before other events that were there first, those of the block devices included: what fdisk has made
 // the kernel tell may be known only after fdisk's end was.
 TEST_F(cl_execvp, an_end_comes_before_events_that_were_there_first) {
+    PROMISE("the program's end and other events are there at once", "its end comes first, even before the uevents");
     int events[2];
     ASSERT_EQ(__real_pipe2(events, O_CLOEXEC), 0);
     static int ended_at_event;
@@ -650,6 +692,8 @@ TEST_F(cl_execvp, an_end_comes_before_events_that_were_there_first) {
 
 // More than the buffer and the pipe take blocks the child; whoever kills it ends the run.
 TEST_F(cl_execvp, child_that_prints_without_end_waits_to_be_killed) {
+    PROMISE("the program prints without end",
+            "it is blocked once capture and pipe are full, and the step waits until somebody kills it");
     char buffer[8];
     start_read("exec cat /dev/zero", buffer, sizeof buffer);
     turn_until("it is full", [] { return logged::has(OVERFLOWN); });
@@ -664,6 +708,7 @@ TEST_F(cl_execvp, child_that_prints_without_end_waits_to_be_killed) {
 // --- what cannot be started -------------------------------------------------------------------------------------
 
 TEST_F(cl_execvp, without_memory_it_fails_at_once) {
+    PROMISE("there is no memory for the run", "the step fails with ENOMEM before the call returns");
     char buffer[8];
     const std::function<void()> ways[] = {
         [&] { start_sh("exit 0"); },
@@ -682,6 +727,8 @@ TEST_F(cl_execvp, without_memory_it_fails_at_once) {
 
 // Nothing is started and nobody is told: the frame stays busy. TearDown looks for watchers, descriptors and memory.
 TEST_F(cl_execvp, pipe_or_fork_failure_leaves_the_frame_busy) {
+    PROMISE("there is no pipe or no process to be had",
+            "it counts as started: nothing runs, nothing is said, nothing leaks, and the frame stays busy for good");
     char buffer[8];
     const struct {
         const char* call;
@@ -715,6 +762,7 @@ TEST_F(cl_execvp, pipe_or_fork_failure_leaves_the_frame_busy) {
 // --- many runs --------------------------------------------------------------------------------------------------
 
 TEST_F(cl_execvp, nothing_grows_over_many_runs) {
+    PROMISE("programs have run many times, well or not", "no descriptor, watcher or byte is left");
     char buffer[128];
     for (int i = 0; i < 25; ++i) {
         EXPECT_EQ(run_sh("exit 0"), "2 0");

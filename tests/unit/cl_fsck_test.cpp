@@ -6,6 +6,7 @@
 
 #include "support/job_rig.h"
 #include "support/kernel.h"
+#include "support/promise.h"
 
 using rig::world;
 
@@ -52,7 +53,12 @@ class cl_fsck : public rig::job {
     void check(const char* device = "/dev/mmcblk0p1") { start(cl_next_fsck, device); }
 };
 
+PROMISES("cl_fsck");
+
 TEST_F(cl_fsck, card_is_checked_and_mounted_again) {
+    PROMISE("nothing is found", "unmount, \"fsck.fat -aw\" on the device, mount; succeeded with 0");
+    PROMISE("each stage begins", "the trace says what comes next");
+    PROMISE("the check ends at whichever stage", "the copy of the path is freed once, before the mount");
     check();
     EXPECT_EQ(world.steps, (strings{"umount", FSCK, "free", "mount", "done 2 0"}));
     EXPECT_EQ(logged::lines(), (strings{"debug closure: cl_next_fsck(): cl_next_umount -> next_fsck",
@@ -60,6 +66,11 @@ TEST_F(cl_fsck, card_is_checked_and_mounted_again) {
 }
 
 TEST_F(cl_fsck, failures_of_the_stages) {
+    PROMISE("something is found, repaired or not, or fsck.fat is killed or missing",
+            "\"next_finish: unable to check filesystem.\", mounted again, failed with fsck.fat's code, -1 or 99");
+    PROMISE("the card cannot be unmounted, or there was no memory to wait with",
+            "\"Unable to umount sdcard.\", no check, mounted again, failed with the unmount's 16 or 12");
+    PROMISE("the check ends at whichever stage", "the copy of the path is freed once, before the mount");
     const rig::outcome ok;
     const struct {
         const char* what;
@@ -112,6 +123,7 @@ TEST_F(cl_fsck, failures_of_the_stages) {
 }
 
 TEST_F(cl_fsck, path_that_cannot_be_copied_touches_nothing) {
+    PROMISE("the device's path cannot be copied", "failed with ENOMEM (12) before anything was touched or said");
     kernel::fail("strdup", ENOMEM);
     check();
     EXPECT_EQ(world.steps, strings{"done 3 12"});
@@ -120,6 +132,7 @@ TEST_F(cl_fsck, path_that_cannot_be_copied_touches_nothing) {
 
 // The caller's text may be gone or changed before fsck.fat runs, and its end may take as long as it likes.
 TEST_F(cl_fsck, path_is_the_jobs_own_until_the_check_has_ended) {
+    PROMISE("the card or its table of devices changes meanwhile", "the device is the one that was there at the start");
     world.umount.at_once = false;
     world.runs = {{.at_once = false}};
     char device[] = "/dev/mmcblk0p1";
@@ -136,6 +149,7 @@ TEST_F(cl_fsck, path_is_the_jobs_own_until_the_check_has_ended) {
 }
 
 TEST_F(cl_fsck, mount_that_fails_changes_no_outcome) {
+    PROMISE("the card cannot be mounted again", "the outcome stays what it was");
     world.mount_result = -1;
     check();
     EXPECT_EQ(world.steps.back(), "done 2 0");

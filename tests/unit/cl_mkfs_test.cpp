@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "support/job_rig.h"
+#include "support/promise.h"
 
 using namespace std::string_literals;
 using rig::world;
@@ -35,7 +36,13 @@ class cl_mkfs : public rig::job {
     }
 };
 
+PROMISES("cl_mkfs");
+
 TEST_F(cl_mkfs, card_is_made_new) {
+    PROMISE("all goes well",
+            "unmount, fdisk on the disk, the table read again, mkfs.fat with the label \"QX_CAM\" on the first "
+            "partition, mount; succeeded with 0");
+    PROMISE("each stage begins", "the trace says what comes next");
     start(cl_next_mkfs);
     EXPECT_EQ(world.steps, (strings{"umount", FDISK, "partprobe", MKFS, "mount", "done 2 0"}));
     EXPECT_EQ(logged::lines(), (strings{"debug closure: cl_next_mkfs(): cl_next_umount -> next_fdisk",
@@ -44,12 +51,24 @@ TEST_F(cl_mkfs, card_is_made_new) {
 }
 
 TEST_F(cl_mkfs, fdisk_is_given_seventeen_bytes_the_last_one_nul) {
+    PROMISE("fdisk runs", "it is given 17 bytes, the last one a NUL");
     start(cl_next_mkfs);
     EXPECT_EQ(world.input, "o\nn\np\n1\n\n\nt\nc\nw\n\0"s);
     EXPECT_EQ(world.input.size(), 17U);
 }
 
 TEST_F(cl_mkfs, failures_of_the_stages) {
+    PROMISE("the card cannot be unmounted, or there was no memory to wait with",
+            "\"cl_mkfs: Unable to umount sdcard.\", no fdisk, mounted again, failed with the unmount's 16 or 12");
+    PROMISE("fdisk fails, is killed or is missing",
+            "\"cl_mkfs: unable to re-create the partition table.\", no mkfs.fat, mounted again, failed with fdisk's "
+            "code, -1 or 99");
+    PROMISE("the kernel does not read the table again",
+            "\"cl_mkfs: can not rescan partitions: %s\", mounted again, failed with its errno");
+    PROMISE("the partition is not known yet, or there are several",
+            "\"cl_mkfs: Unexpected partition count: %d.\", mounted again, failed with EINVAL (22)");
+    PROMISE("mkfs.fat fails, is killed or is missing",
+            "\"cl_mkfs: unable to make new filesystem.\", mounted again, failed with mkfs.fat's code, -1 or 99");
     const rig::outcome ok;
     const struct {
         const char* what;
@@ -173,6 +192,7 @@ TEST_F(cl_mkfs, failures_of_the_stages) {
 }
 
 TEST_F(cl_mkfs, mount_that_fails_changes_no_outcome) {
+    PROMISE("what was made, or left, cannot be mounted", "the outcome stays what it was, and the state tells");
     world.mount_result = -1;
     start(cl_next_mkfs);
     EXPECT_EQ(world.steps.back(), "done 2 0");
@@ -186,6 +206,8 @@ TEST_F(cl_mkfs, mount_that_fails_changes_no_outcome) {
 
 // Each stage waits for the one before it, and the table is looked at when its stage comes, not before.
 TEST_F(cl_mkfs, stages_wait_for_each_other) {
+    PROMISE("a stage takes its time",
+            "the next waits for it, the frame stays busy, and disk and partition are looked up when their stage comes");
     world.umount.at_once = false;
     world.runs = {{.at_once = false}, {.at_once = false}};
     start(cl_next_mkfs);
@@ -211,6 +233,7 @@ TEST_F(cl_mkfs, stages_wait_for_each_other) {
 
 // What fdisk leaves in the frame is not what a later stage fails with.
 TEST_F(cl_mkfs, frame_serves_the_next_job) {
+    PROMISE("a format has failed", "the frame serves the next one, and nothing of the first shows in it");
     world.runs = {{CLOSURE_FAILED, 5}};
     start(cl_next_mkfs);
     world.steps.clear();

@@ -15,6 +15,7 @@
 #include "rpc.h"
 #include "support/kernel.h"
 #include "support/log.h"
+#include "support/promise.h"
 
 using list = std::vector<std::string>;
 
@@ -176,7 +177,10 @@ class cl_umount : public testing::Test {
     }
 };
 
+PROMISES("cl_umount");
+
 TEST_F(cl_umount, is_through_at_once_when_nothing_holds_the_card) {
+    PROMISE("nothing is mounted, or nobody holds the card", "the step succeeds at once, without a wait");
     start();
     EXPECT_EQ(ended, list{"2 0"});
     EXPECT_EQ(tries, 1);
@@ -185,6 +189,8 @@ TEST_F(cl_umount, is_through_at_once_when_nothing_holds_the_card) {
 }
 
 TEST_F(cl_umount, waits_half_a_second_before_the_next_try) {
+    PROMISE("the first try is refused",
+            "the next comes half a second later; nobody is asked who holds the card before that");
     refused = 1;
     start();
     EXPECT_TRUE(ended.empty());
@@ -200,6 +206,9 @@ TEST_F(cl_umount, waits_half_a_second_before_the_next_try) {
 }
 
 TEST_F(cl_umount, gives_up_behind_the_tenth_try) {
+    PROMISE("fuser is started", "the trace says so");
+    PROMISE("all ten are refused", "the step fails with EBUSY (16) behind the ninth fuser");
+    PROMISE("the same process holds the card through all tries", "each of the nine rounds asks for an alert");
     refused = 100;
     kernel::write("/proc/71/stat", stat_of(71, "recorder"));
     fuser_says(" 71\n");
@@ -213,6 +222,9 @@ TEST_F(cl_umount, gives_up_behind_the_tenth_try) {
 }
 
 TEST_F(cl_umount, every_try_may_be_the_one_that_succeeds) {
+    PROMISE("a later try is refused", "fuser is asked, and half a second behind its end the next try follows");
+    PROMISE("any of the ten tries succeeds", "the step does");
+    PROMISE("the step has ended, whichever way", "no timer and no open file is left");
     for (int nth = 1; nth <= 10; ++nth) {
         SetUp();
         refused = nth - 1;
@@ -227,6 +239,8 @@ TEST_F(cl_umount, every_try_may_be_the_one_that_succeeds) {
 
 // The holder lets go behind the third try: the fourth succeeds, and each fuser in between has reported it.
 TEST_F(cl_umount, a_holder_that_lets_go) {
+    PROMISE("files are closed behind the third try",
+            "the fourth succeeds, and the two runs of fuser in between have each asked for an alert");
     refused = 3;
     kernel::write("/proc/71/stat", stat_of(71, "recorder"));
     fuser_says(" 71\n");
@@ -238,6 +252,9 @@ TEST_F(cl_umount, a_holder_that_lets_go) {
 }
 
 TEST_F(cl_umount, stays_busy_from_the_start_to_the_end) {
+    PROMISE("a later try is refused", "fuser is asked, and half a second behind its end the next try follows");
+    PROMISE("fuser has ended and the next try is awaited", "the frame is as busy as before, whatever fuser came to");
+    PROMISE("fuser still runs", "there is no try meanwhile");
     refused = 100;
     start();
     for (int round = 1; round <= 9; ++round) {
@@ -252,6 +269,7 @@ TEST_F(cl_umount, stays_busy_from_the_start_to_the_end) {
 }
 
 TEST_F(cl_umount, a_fuser_that_fails_costs_the_report_only) {
+    PROMISE("fuser fails, or is missing", "no alert; the tries go on");
     refused = 100;
     kernel::write("/proc/71/stat", stat_of(71, "recorder"));
     fuser_says(" 71\n", false);
@@ -264,6 +282,7 @@ TEST_F(cl_umount, a_fuser_that_fails_costs_the_report_only) {
 }
 
 TEST_F(cl_umount, without_memory_for_the_retry_it_fails_at_once) {
+    PROMISE("there is no memory to wait with", "the step fails at once with ENOMEM (12)");
     refused = 100;
     kernel::fail("malloc", ENOMEM);
     start();
@@ -273,11 +292,24 @@ TEST_F(cl_umount, without_memory_for_the_retry_it_fails_at_once) {
 }
 
 TEST_F(cl_umount, numbers_of_the_outcomes_stand) {
+    PROMISE("all ten are refused", "the step fails with EBUSY (16) behind the ninth fuser");
+    PROMISE("there is no memory to wait with", "the step fails at once with ENOMEM (12)");
     EXPECT_EQ(EBUSY, 16);
     EXPECT_EQ(ENOMEM, 12);
 }
 
 TEST_F(cl_umount, reports_who_holds_the_card) {
+    PROMISE("fuser lists processes",
+            "the alert has their names, wherever blanks and newlines stand between the numbers");
+    PROMISE("fuser lists nobody", "no alert");
+    PROMISE("a listed process is gone by then",
+            "it is left out and takes no place; when all are gone there is no alert");
+    PROMISE("more than five are listed", "the first five that are there are named, and five is the count");
+    PROMISE("a name cannot be read", "\"pid=%d\" takes its place");
+    PROMISE("a name has more than 15 bytes", "the first 15 are told, with their NUL inside the slot");
+    PROMISE("a name has a closing parenthesis in it", "it ends there");
+    PROMISE("fuser prints what is no number", "it is passed over like a process that is gone");
+    PROMISE("the step has ended, whichever way", "no timer and no open file is left");
     const struct {
         const char* what;
         std::string output;

@@ -12,6 +12,7 @@
 #include "support/child.h"
 #include "support/kernel.h"
 #include "support/log.h"
+#include "support/promise.h"
 
 namespace {
 
@@ -58,7 +59,10 @@ class closure : public testing::Test {
     ptrdiff_t depth() const { return frame.top + 1 - frame.slots; }
 };
 
+PROMISES("closure");
+
 TEST_F(closure, starts_idle_and_empty) {
+    PROMISE("a frame has never run", "it is idle, its stack empty");
     EXPECT_EQ(frame.owner, &owner);
     EXPECT_EQ(frame.status, CLOSURE_IDLE);
     EXPECT_EQ(frame.result, 0);
@@ -67,6 +71,7 @@ TEST_F(closure, starts_idle_and_empty) {
 
 // Others store and compare them.
 TEST_F(closure, numbers_stand) {
+    PROMISE("a status is read as a number", "idle, busy, succeeded and failed are 0 to 3");
     EXPECT_EQ(CLOSURE_IDLE, 0);
     EXPECT_EQ(CLOSURE_BUSY, 1);
     EXPECT_EQ(CLOSURE_OK, 2);
@@ -75,6 +80,7 @@ TEST_F(closure, numbers_stand) {
 }
 
 TEST_F(closure, last_pushed_runs_first_with_its_own_argument) {
+    PROMISE("five continuations are pushed", "all run, the last pushed first, each with its own argument");
     closure_setup_frame(&frame, on_done, DONE);
     closure_setup_frame(&frame, pass_on, SECOND);
     closure_setup_frame(&frame, pass_on, FIRST);
@@ -86,6 +92,7 @@ TEST_F(closure, last_pushed_runs_first_with_its_own_argument) {
 }
 
 TEST_F(closure, return_leaves_the_outcome_alone) {
+    PROMISE("a step only passes on", "the outcome stays as it was");
     frame.status = CLOSURE_BUSY;
     frame.result = -1;
     closure_setup_frame(&frame, on_done, DONE);
@@ -94,6 +101,8 @@ TEST_F(closure, return_leaves_the_outcome_alone) {
 }
 
 TEST_F(closure, outcome_stands_before_the_continuation_runs) {
+    PROMISE("an operation ends", "status and code stand before the continuation runs");
+    PROMISE("a job is over", "the frame keeps its outcome, not busy");
     closure_setup_frame(&frame, on_done, DONE);
     closure_succeed(&frame, 7);
     closure_setup_frame(&frame, on_done, DONE);
@@ -104,6 +113,7 @@ TEST_F(closure, outcome_stands_before_the_continuation_runs) {
 }
 
 TEST_F(closure, five_fit) {
+    PROMISE("five continuations are pushed", "all run, the last pushed first, each with its own argument");
     for (int i = 0; i < CLOSURE_DEPTH - 1; ++i) {
         closure_setup_frame(&frame, i == 0 ? on_done : pass_on, DONE);
     }
@@ -114,6 +124,7 @@ TEST_F(closure, five_fit) {
 }
 
 TEST_F(closure, a_sixth_ends_the_process) {
+    PROMISE("a sixth is pushed", "\"closure stack overflow!\" with errno's text, and the process ends by SIGABRT");
     for (int i = 0; i < CLOSURE_DEPTH; ++i) {
         closure_setup_frame(&frame, on_done, DONE);
     }
@@ -126,6 +137,8 @@ TEST_F(closure, a_sixth_ends_the_process) {
 }
 
 TEST_F(closure, a_pop_too_many_ends_the_process) {
+    PROMISE("an empty stack is popped, in whichever way",
+            "\"closure stack underflow!\" with errno's text, and the process ends by SIGABRT");
     struct row {
         const char* name;
         std::function<void(closure_frame*)> pop;
@@ -167,6 +180,7 @@ void step(closure_frame* frame, void* argument) {
 }
 
 TEST_F(closure, what_is_through_at_once_has_run_the_rest_when_its_call_returns) {
+    PROMISE("an operation is through before its starting call returns", "the continuation has run by then");
     closure_setup_frame(&frame, on_done, DONE);
     closure_setup_frame(&frame, pass_on, FIRST);
     frame.status = CLOSURE_BUSY;
@@ -175,6 +189,7 @@ TEST_F(closure, what_is_through_at_once_has_run_the_rest_when_its_call_returns) 
 }
 
 TEST_F(closure, a_step_that_pushes_uses_the_slot_that_it_ran_from) {
+    PROMISE("a continuation pushes while it runs", "the slot that it came from is used again");
     steps_left = 100;
     closure_setup_frame(&frame, on_done, DONE);
     step(&frame, nullptr);
@@ -183,6 +198,7 @@ TEST_F(closure, a_step_that_pushes_uses_the_slot_that_it_ran_from) {
 }
 
 TEST_F(closure, a_failure_of_the_first_step_reaches_the_bottom_as_it_is) {
+    PROMISE("the first step of a chain fails", "status and code reach the bottom as they are");
     closure_setup_frame(&frame, on_done, DONE);
     closure_setup_frame(&frame, pass_on, SECOND);
     closure_setup_frame(&frame, pass_on, FIRST);
@@ -191,6 +207,7 @@ TEST_F(closure, a_failure_of_the_first_step_reaches_the_bottom_as_it_is) {
 }
 
 TEST_F(closure, trace_names_who_runs_what_it_starts_and_what_comes_next) {
+    PROMISE("a step begins an operation", "the trace says who runs, what it starts and what comes next");
     closure_debug_next("cl_next_mkfs", "cl_next_umount", "next_fdisk");
     EXPECT_EQ(logged::lines(), list{"debug closure: cl_next_mkfs(): cl_next_umount -> next_fdisk"});
 }

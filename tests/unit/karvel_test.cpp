@@ -19,6 +19,7 @@
 
 #include "bus/bus.h"
 #include "support/broker.h"
+#include "support/promise.h"
 
 namespace {
 
@@ -180,7 +181,11 @@ class Karvel : public testing::Test {
     karvel_handle* other = nullptr;   // another program's
 };
 
+PROMISES("karvel", "Requests");
+
 TEST_F(Karvel, RequestsMadeBeforeTheBrokerHasAnsweredAreQueued) {
+    PROMISE("a request is made before the broker has answered the connect", "it is queued, and carried out");
+    PROMISE("a request is made", "no callback runs inside the call");
     // The loop has not run since the opens.
     karvel_handle* fresh = open();
     EXPECT_TRUE(set(fresh, "a", "1"));
@@ -195,6 +200,7 @@ TEST_F(Karvel, RequestsMadeBeforeTheBrokerHasAnsweredAreQueued) {
 }
 
 TEST_F(Karvel, CallbacksNeverRunInsideTheRequest) {
+    PROMISE("a request is made", "no callback runs inside the call");
     ASSERT_TRUE(run_until([&] { return stored("x") == "none"; }));
     EXPECT_TRUE(set(other, "a", "1"));
     EXPECT_TRUE(get(other, "a"));
@@ -204,6 +210,9 @@ TEST_F(Karvel, CallbacksNeverRunInsideTheRequest) {
 }
 
 TEST_F(Karvel, KeepDecidesWhetherTheServiceRemembers) {
+    PROMISE("a value is set to be kept, or only to be relayed",
+            "the service has it afterwards, or has not; who watches hears of it");
+    PROMISE("an empty value is set", "the service has none any more");
     ASSERT_TRUE(watch(other, "relayed"));
     ASSERT_TRUE(told_within(1));
     ASSERT_TRUE(set(handle, "relayed", "r", "set", 0));
@@ -217,7 +226,11 @@ TEST_F(Karvel, KeepDecidesWhetherTheServiceRemembers) {
     EXPECT_EQ(stored("kept"), "none");
 }
 
+PROMISES("karvel", "Registrations");
+
 TEST_F(Karvel, ANotificationFollowsTheConfirmationForEveryChange) {
+    PROMISE("a registration is confirmed",
+            "one notification without a value, then one for every change, repeated values included");
     ASSERT_TRUE(watch(handle, "k"));
     ASSERT_TRUE(told_within(1));
     EXPECT_EQ(told, Told{"watch mem:default:k"});
@@ -232,6 +245,7 @@ TEST_F(Karvel, ANotificationFollowsTheConfirmationForEveryChange) {
 }
 
 TEST_F(Karvel, WithoutConfirmOnlyChangesAreTold) {
+    PROMISE("no confirmation is asked for", "only changes are told");
     ASSERT_TRUE(watch(handle, "k", "watch", 0));
     EXPECT_EQ(stored("k"), "none");
     run_for(50);
@@ -242,6 +256,9 @@ TEST_F(Karvel, WithoutConfirmOnlyChangesAreTold) {
 }
 
 TEST_F(Karvel, AValueThatStoodThereIsNoNews) {
+    PROMISE("a value stood in the service before",
+            "it is never told, neither at the registration nor when the key is read");
+    PROMISE("a registered key is read", "the registration goes on");
     ASSERT_TRUE(set(other, "k", "start"));
     ASSERT_TRUE(told_within(1));
     ASSERT_TRUE(watch(handle, "k"));
@@ -257,6 +274,8 @@ TEST_F(Karvel, AValueThatStoodThereIsNoNews) {
 }
 
 TEST_F(Karvel, AReadBringsNoLaterNotifications) {
+    PROMISES("karvel", "Requests");
+    PROMISE("a key is read", "later changes of it are not told for that");
     ASSERT_TRUE(get(handle, "k"));
     ASSERT_TRUE(told_within(1));
     ASSERT_TRUE(set(other, "k", "v"));
@@ -266,6 +285,8 @@ TEST_F(Karvel, AReadBringsNoLaterNotifications) {
 }
 
 TEST_F(Karvel, RegisteringAgainReplaces) {
+    PROMISE("the same caller registers a key again",
+            "one notification, not two; another caller has its own; the new registration is confirmed");
     ASSERT_TRUE(watch(handle, "k"));
     ASSERT_TRUE(watch(handle, "k"));
     ASSERT_TRUE(watch(handle, "k", "second caller"));
@@ -287,6 +308,8 @@ TEST_F(Karvel, RegisteringAgainReplaces) {
 }
 
 TEST_F(Karvel, ACallbackMayRegisterAgain) {
+    PROMISE("a callback registers its own key again, or another",
+            "each registration of that moment hears the change once, the new ones only their confirmation");
     ASSERT_TRUE(watch(handle, "k", "1"));
     ASSERT_TRUE(watch(handle, "k", "2"));
     ASSERT_TRUE(told_within(2));
@@ -301,7 +324,10 @@ TEST_F(Karvel, ACallbackMayRegisterAgain) {
     EXPECT_EQ(told, (Told{"1 mem:default:k=v", "2 mem:default:k=v", "1 mem:default:k", "3 mem:default:k"}));
 }
 
+PROMISES("karvel", "Requests");
+
 TEST_F(Karvel, NothingIsParsedFromNothing) {
+    PROMISE("a response is missing", "parsing gives EINVAL, there is no value, and nothing needs freeing");
     int error = -1;
     EXPECT_EQ(xresponse_parse(nullptr, &error), nullptr);
     EXPECT_EQ(error, EINVAL);
@@ -312,6 +338,8 @@ TEST_F(Karvel, NothingIsParsedFromNothing) {
 }
 
 TEST_F(Karvel, ReadsOfOneKeyEachGetTheirOwnAnswer) {
+    PROMISE("several reads of one key and a set run at once", "each read gets the value of its moment");
+    PROMISE("a key has no value", "the read completes without one");
     ASSERT_TRUE(set(other, "k", "v"));
     ASSERT_TRUE(told_within(1));
     told.clear();
@@ -326,6 +354,9 @@ TEST_F(Karvel, ReadsOfOneKeyEachGetTheirOwnAnswer) {
 }
 
 TEST_F(Karvel, ValuesAreBytesUpTo64KiB) {
+    PROMISE("a value has 64 KiB, or a byte more", "it is taken; it is refused at once");
+    PROMISE("somebody else publishes more than 64 KiB, or bytes that are no text",
+            "the first is not told, the second are told with their length and a NUL behind them");
     const std::string longest(size_t{64} << 10, 'x');
     ASSERT_TRUE(watch(handle, "k"));
     ASSERT_TRUE(told_within(1));
@@ -355,6 +386,8 @@ TEST_F(Karvel, ValuesAreBytesUpTo64KiB) {
 }
 
 TEST_F(Karvel, NamesThatCannotBeAreRefused) {
+    PROMISE("a name is missing, empty, too long, not UTF-8 or has one of `/+#`",
+            "the call returns false, and nothing is written or called");
     const std::string endless(2000, 'n');
     for (const char* bad : {"", "a/b", "+", "a#", "\xff", static_cast<const char*>(nullptr), endless.c_str()}) {
         SCOPED_TRACE(bad == nullptr ? "null" : bad);
@@ -373,7 +406,12 @@ TEST_F(Karvel, NamesThatCannotBeAreRefused) {
     EXPECT_TRUE(told.empty());
 }
 
+PROMISES("karvel", "Closing and losing");
+
 TEST_F(Karvel, AClosedHandleIsSafeInEveryCall) {
+    PROMISE("a handle is closed or null",
+            "requests return false, closing and processing do nothing, and no callback runs any more");
+    PROMISE("an old handle is closed once more", "a newer one is not touched");
     karvel_handle* closed = handle;
     ASSERT_TRUE(set(handle, "k", "v"));
     ASSERT_TRUE(get(handle, "k"));
@@ -397,6 +435,7 @@ TEST_F(Karvel, AClosedHandleIsSafeInEveryCall) {
 }
 
 TEST_F(Karvel, WhatWasSetRightBeforeACloseArrives) {
+    PROMISE("a handle is closed right after sets", "what was set arrives, and nobody is called");
     ASSERT_TRUE(watch(other, "k"));
     ASSERT_TRUE(set(handle, "warm", "up"));
     ASSERT_TRUE(told_within(2));
@@ -411,6 +450,7 @@ TEST_F(Karvel, WhatWasSetRightBeforeACloseArrives) {
 }
 
 TEST_F(Karvel, ACloseInsideACallbackEndsTheRestSilently) {
+    PROMISE("a handle is closed inside one of its callbacks", "that was the last one");
     struct {
         const char* name;
         bool (*ask)(karvel_handle*);
@@ -446,6 +486,9 @@ TEST_F(Karvel, ACloseInsideACallbackEndsTheRestSilently) {
 }
 
 TEST_F(Karvel, ALossFailsSetsThenReadsThenRegistrations) {
+    PROMISE("the connection is lost",
+            "sets fail, then reads complete without a value, then registrations fail, each once; requests return false "
+            "from then on");
     ASSERT_TRUE(watch(handle, "a", "watch a"));
     ASSERT_TRUE(told_within(1));
     broker.freeze();
@@ -468,6 +511,7 @@ TEST_F(Karvel, ALossFailsSetsThenReadsThenRegistrations) {
 }
 
 TEST_F(Karvel, ACloseDuringTheLossEndsTheRestSilently) {
+    PROMISE("a handle is closed while it tells of a loss", "the rest ends silently");
     for (const size_t kind : {0, 1, 2}) {
         SCOPED_TRACE(kind);
         karvel_handle* victim = open();
@@ -494,6 +538,7 @@ TEST_F(Karvel, ACloseDuringTheLossEndsTheRestSilently) {
 }
 
 TEST_F(Karvel, AnAbsentBrokerGivesNull) {
+    PROMISE("there is no broker", "the open gives null, at once");
     broker.kill();
     run_for(50);
     const int64_t before_ms = test_now_ms();
@@ -504,6 +549,7 @@ TEST_F(Karvel, AnAbsentBrokerGivesNull) {
 }
 
 TEST_F(Karvel, AnOpenWithinASecondAfterAFailedOneFailsAtOnce) {
+    PROMISE("an open follows within a second of a failed one", "it fails at once");
     broker.kill();
     run_for(50);
     libkarvel_close(handle);
@@ -518,6 +564,7 @@ TEST_F(Karvel, AnOpenWithinASecondAfterAFailedOneFailsAtOnce) {
 }
 
 TEST_F(Karvel, KeysOutliveAKilledBrokerAndAreNoNewsAfterwards) {
+    PROMISE("the broker is killed and started again", "it has the keys still, and they are no news");
     ASSERT_TRUE(set(other, "k", "start"));
     ASSERT_TRUE(watch(handle, "k"));
     ASSERT_TRUE(told_within(2));
@@ -539,7 +586,13 @@ TEST_F(Karvel, KeysOutliveAKilledBrokerAndAreNoNewsAfterwards) {
     ASSERT_TRUE(run_until([] { return times("watch mem:default:k=start") == 1; }));
 }
 
+PROMISES("karvel", "Time");
+
 TEST_F(Karvel, AFrozenBrokerBlocksNothing) {
+    PROMISE("the time allowed has run out", "sets fail and reads complete without a value, on the library's own timer");
+    PROMISE("the broker is frozen",
+            "neither opens nor requests nor closes hold the loop up, however much is sent; after the thaw the session "
+            "goes on");
     ASSERT_TRUE(watch(handle, "w"));
     ASSERT_TRUE(told_within(1));
     told.clear();
@@ -590,6 +643,7 @@ TEST_F(Karvel, AFrozenBrokerBlocksNothing) {
 }
 
 TEST_F(Karvel, ALateAnswerDoesNotReachAYoungerRead) {
+    PROMISE("an answer comes after its read has ended", "it does not reach a younger read of the same key");
     ASSERT_TRUE(set(other, "k", "old"));
     ASSERT_TRUE(told_within(1));
     ASSERT_TRUE(get(handle, "k", "warm up"));
@@ -608,6 +662,7 @@ TEST_F(Karvel, ALateAnswerDoesNotReachAYoungerRead) {
 }
 
 TEST_F(Karvel, WithoutATimeTenSecondsAreAllowed) {
+    PROMISE("no time is given", "ten seconds are allowed");
     ASSERT_TRUE(set(handle, "warm", "up"));
     ASSERT_TRUE(told_within(1));
     told.clear();
@@ -624,6 +679,8 @@ TEST_F(Karvel, WithoutATimeTenSecondsAreAllowed) {
 }
 
 TEST_F(Karvel, TimeoutProcessExpiresWhatIsDue) {
+    PROMISE("overdue requests are processed on demand",
+            "what is due ends, the rest waits; a callback may close the handle");
     ASSERT_TRUE(set(handle, "warm", "up"));
     ASSERT_TRUE(told_within(1));
     told.clear();
@@ -639,7 +696,10 @@ TEST_F(Karvel, TimeoutProcessExpiresWhatIsDue) {
     EXPECT_EQ(told, (Told{"now fail", "now fail"}));
 }
 
+PROMISES("karvel", "Closing and losing");
+
 TEST_F(Karvel, ACallerThatReopensFromItsFailureCallbackDoesNotSpin) {
+    PROMISE("a failure callback opens again", "it gets null and does not spin");
     ASSERT_TRUE(watch(handle, "k"));
     ASSERT_TRUE(told_within(1));
     reopen_in_callback = true;
@@ -650,7 +710,10 @@ TEST_F(Karvel, ACallerThatReopensFromItsFailureCallbackDoesNotSpin) {
     EXPECT_EQ(told.size(), 2U);
 }
 
+PROMISES("karvel", "Requests");
+
 TEST_F(Karvel, ARefusedSetFails) {
+    PROMISE("the broker refuses a set", "its failure callback");
     std::ofstream(broker.folder() + "/acl") << "topic readwrite karvel/mem/default/open\n";
     broker.configure("acl_file " + broker.folder() + "/acl\n");
     libkarvel_close(handle);
@@ -660,7 +723,10 @@ TEST_F(Karvel, ARefusedSetFails) {
     ASSERT_TRUE(run_until([] { return times("1 fail") == 1 && times("2 ok") == 1; }));
 }
 
+PROMISES("karvel", "Registrations");
+
 TEST_F(Karvel, ARefusedRegistrationFailsAndHoldsTheNextOpenOff) {
+    PROMISE("the broker refuses a registration", "its failure callback, and the next open is held off");
     std::ofstream(broker.folder() + "/rules")
         << R"({"defaultACLAccess": {"publishClientSend": true, "publishClientReceive": true, "subscribe": false}})";
     libkarvel_close(std::exchange(other, nullptr));  // its loss would hold the open off, too
@@ -680,7 +746,10 @@ TEST_F(Karvel, ARefusedRegistrationFailsAndHoldsTheNextOpenOff) {
     EXPECT_EQ(told[1], "get none");
 }
 
+PROMISES("karvel", "Closing and losing");
+
 TEST_F(Karvel, XhandleResponseReadsWhatHasArrived) {
+    PROMISE("responses are handled by hand", "true while the connection is whole; a loss is noticed there too");
     EXPECT_TRUE(libkarvel_xhandle_response(handle));
     ASSERT_TRUE(set(handle, "k", "v"));
     ASSERT_TRUE(told_within(1));
@@ -694,6 +763,8 @@ TEST_F(Karvel, XhandleResponseReadsWhatHasArrived) {
 }
 
 TEST_F(Karvel, AThousandOpensLeaveNothingBehind) {
+    PROMISE("handles are opened and closed a thousand times, with requests open",
+            "no memory and no descriptor is left behind");
     libkarvel_close(handle);
     libkarvel_close(other);
     const auto cycle = [] {

@@ -16,6 +16,7 @@
 #include "support/child.h"
 #include "support/kernel.h"
 #include "support/log.h"
+#include "support/promise.h"
 
 // What the stand-in library hands to callbacks.
 struct karvel_response {
@@ -344,7 +345,12 @@ class KvTest : public testing::Test {
 
 // --- setting -------------------------------------------------------------------------------------------------------
 
+PROMISES("kv", "The link");
+
 TEST_F(KvTest, InitOpensTheLink) {
+    PROMISE("the store starts",
+            "the link is opened at once; the descriptor's watcher is set up but never started, and with nothing "
+            "outstanding no timer runs");
     EXPECT_EQ(kv_init(), 0);
     EXPECT_EQ(news(), strings{"open"});
     EXPECT_FALSE(ev_is_active(&link_io));
@@ -353,7 +359,12 @@ TEST_F(KvTest, InitOpensTheLink) {
     EXPECT_EQ(news(), strings{}) << "no reopen, nothing outstanding";
 }
 
+PROMISES("kv", "Setting");
+
 TEST_F(KvTest, ChangesAreSentAtOnceAndOnlyChanges) {
+    PROMISE("a key is set for the first time, or to another value", "it goes to the service at once");
+    PROMISE("a key is set to the value it has", "nothing is sent or logged, and no copy is kept");
+    PROMISE("a key is asked for that was never set", "there is no value, and the service is not asked");
     start();
     kvmem_set("status", "0");
     EXPECT_EQ(news(), strings{"set 1 mem:status=0"});
@@ -369,6 +380,7 @@ TEST_F(KvTest, ChangesAreSentAtOnceAndOnlyChanges) {
 }
 
 TEST_F(KvTest, ValueIsCutToItsLength) {
+    PROMISE("a value is given with a length", "that many bytes of it count, or fewer where it ends before");
     start();
     kv_set_str("mem", "k", "abcdef", 3);
     kv_set_str("mem", "k", "abc", 10);
@@ -378,6 +390,8 @@ TEST_F(KvTest, ValueIsCutToItsLength) {
 }
 
 TEST_F(KvTest, NamesAreCutToFit) {
+    PROMISE("a namespace is longer than 7 characters", "it is cut");
+    PROMISE("a key has exactly 31 characters", "it is kept whole and found again");
     start();
     kv_set_str("sevench", "a", "1", 1);
     kv_set_str("eightcha", "b", "1", 1);
@@ -390,6 +404,8 @@ TEST_F(KvTest, NamesAreCutToFit) {
 }
 
 TEST_F(KvTest, EachSetOfALongKeyAddsAnEntry) {
+    PROMISE("a key is longer than 31 characters",
+            "it is stored and sent cut, but never found again: each set adds another entry and sends it");
     start();
     const std::string cut(31, 'y');
     const std::string longer = cut + "z";
@@ -401,6 +417,7 @@ TEST_F(KvTest, EachSetOfALongKeyAddsAnEntry) {
 }
 
 TEST_F(KvTest, OneKeyIsOneEntryInWhateverNamespace) {
+    PROMISE("one key is set in two namespaces", "both share one entry, which keeps the first namespace");
     start();
     kv_set_str("one", "k", "1", 1);
     kv_set_str("two", "k", "1", 1);
@@ -409,6 +426,9 @@ TEST_F(KvTest, OneKeyIsOneEntryInWhateverNamespace) {
 }
 
 TEST_F(KvTest, WhatIsSetWhileAwayGoesOutInOrder) {
+    PROMISE("keys are set while there is no link",
+            "each set tries, fails, and arms the reopen timer; the next open sends the last value of each, in the "
+            "order of their first sets");
     start_without_service();
     kvmem_set("b", "1");
     kvmem_set("a", "1");
@@ -424,6 +444,13 @@ TEST_F(KvTest, WhatIsSetWhileAwayGoesOutInOrder) {
 }
 
 TEST_F(KvTest, RefusedSetEndsThePushAndReopens) {
+    PROMISE("the library refuses a set",
+            "the push ends there; the rest follows after the reopening, and what was taken before is not sent twice");
+    PROMISES("kv", "The link");
+    PROMISE("the first push fails during an open", "the open has failed: closed and tried again in a second");
+    PROMISE("the link is closed",
+            "the old handle stays in use: sets are tried on it, and the next open closes it once more");
+    PROMISE("the reopen timer's own open succeeds", "the timer stops");
     start();
     sets_accepted = 0;
     kvmem_set("a", "1");
@@ -442,6 +469,8 @@ TEST_F(KvTest, RefusedSetEndsThePushAndReopens) {
 }
 
 TEST_F(KvTest, FailedSetWaitsForTheNextChangeOfAnyKey) {
+    PROMISE("a set fails later",
+            "it is dirty again, but neither a reopening nor the same value sends it: the next change of any key does");
     start();
     connection_whole = false;
     kvmem_set("a", "1");
@@ -456,6 +485,7 @@ TEST_F(KvTest, FailedSetWaitsForTheNextChangeOfAnyKey) {
 }
 
 TEST_F(KvTest, CommitOnRequest) {
+    PROMISE("a commit is asked for", "it runs on the loop, and only if something is dirty");
     start();
     sets_accepted = 0;
     kvmem_set("a", "1");
@@ -473,6 +503,7 @@ TEST_F(KvTest, CommitOnRequest) {
 // --- memory --------------------------------------------------------------------------------------------------------
 
 TEST_F(KvTest, ValueThatCannotBeCopied) {
+    PROMISE("the value cannot be copied", "\"[config] Fail to dup value for %s: %s\", and the store stays as it was");
     start();
     kvmem_set("k", "1");
     called.clear();
@@ -484,6 +515,8 @@ TEST_F(KvTest, ValueThatCannotBeCopied) {
 }
 
 TEST_F(KvTest, EntryThatCannotBeMade) {
+    PROMISE("a new entry cannot be made",
+            "\"[config] can not create new key \\\"%s\\\" with value \\\"%s\\\".\", nothing is kept or sent");
     start();
     fails_at["calloc"] = 1;
     kvmem_set("k", "v");
@@ -494,6 +527,7 @@ TEST_F(KvTest, EntryThatCannotBeMade) {
 }
 
 TEST_F(KvTest, TableThatCannotBeMadeOrGrowEndsTheProcess) {
+    PROMISE("the table cannot be made or grow", "the process ends with status -1");
     for (const bool growing : {false, true}) {
         const auto outcome = child::run([growing] {
             kv_init();
@@ -512,7 +546,11 @@ TEST_F(KvTest, TableThatCannotBeMadeOrGrowEndsTheProcess) {
     kv_init();
 }
 
+PROMISES("kv", "Subscribing");
+
 TEST_F(KvTest, RegistrationThatCannotBeMadeLeavesNothing) {
+    PROMISE("memory for a registration runs out, at whichever copy",
+            "-1 with errno, nothing is kept, subscribed or logged");
     start();
     static const struct {
         const char* call;
@@ -534,6 +572,9 @@ TEST_F(KvTest, RegistrationThatCannotBeMadeLeavesNothing) {
 // --- subscribing ---------------------------------------------------------------------------------------------------
 
 TEST_F(KvTest, RegistrationsAreSubscribedOnTheNextIteration) {
+    PROMISE("a key is registered",
+            "it is subscribed on a later iteration, in the order of registration, with every other new one; the "
+            "callback is not called for it");
     start();
     EXPECT_EQ(kv_register("mem", "default", "a", on_told, context_a), 0);
     EXPECT_EQ(kv_register("ns", "group", "b", on_told, context_b), 0);
@@ -547,6 +588,9 @@ TEST_F(KvTest, RegistrationsAreSubscribedOnTheNextIteration) {
 }
 
 TEST_F(KvTest, RegistrationBeforeTheLinkIsSubscribedAtTheOpen) {
+    PROMISE("a key is registered before the link is open", "it is subscribed at the open, once");
+    PROMISES("kv", "The link");
+    PROMISE("the link opens", "dirty values are pushed first, registrations subscribed second");
     start_without_service();
     kv_register("mem", "default", "a", on_told, context_a);
     kvmem_set("k", "1");
@@ -561,6 +605,8 @@ TEST_F(KvTest, RegistrationBeforeTheLinkIsSubscribedAtTheOpen) {
 }
 
 TEST_F(KvTest, RefusedRegistrationEndsThePassAndReopens) {
+    PROMISE("the library refuses a registration",
+            "the pass ends, nothing counts as outstanding, and all are subscribed by the reopening a second later");
     start();
     kvmem_set("k", "1");
     kv_register("mem", "default", "a", on_told, context_a);
@@ -578,6 +624,10 @@ TEST_F(KvTest, RefusedRegistrationEndsThePassAndReopens) {
 }
 
 TEST_F(KvTest, OpenByTheTimerStopsItEvenIfARegistrationIsRefused) {
+    PROMISE("a registration is refused inside the timer's own open",
+            "the open counts as good and the timer stops: nothing tries again by itself");
+    PROMISES("kv", "The link");
+    PROMISE("the reopen timer's own open succeeds", "the timer stops");
     start_without_service();
     kv_register("mem", "default", "a", on_told, context_a);
     service_up = true;
@@ -589,6 +639,9 @@ TEST_F(KvTest, OpenByTheTimerStopsItEvenIfARegistrationIsRefused) {
 }
 
 TEST_F(KvTest, FailedRegistrationReopensAtOnce) {
+    PROMISE("a registration fails later",
+            "\"Fail to register notification in karvel. Reopen..\", the link is reopened at once and everything "
+            "subscribed anew");
     start();
     kv_register("mem", "default", "a", on_told, context_a);
     kv_register("mem", "default", "b", on_told, context_b);
@@ -606,6 +659,8 @@ TEST_F(KvTest, FailedRegistrationReopensAtOnce) {
 // --- notifications -------------------------------------------------------------------------------------------------
 
 TEST_F(KvTest, EveryNotificationIsDelivered) {
+    PROMISE("a notification arrives, changed or not",
+            "the callback gets its bytes and length, or null and 0 when it has no value");
     start();
     kv_register("mem", "default", "a", on_told, context_a);
     kv_register("mem", "default", "b", on_told, context_b);
@@ -620,6 +675,8 @@ TEST_F(KvTest, EveryNotificationIsDelivered) {
 }
 
 TEST_F(KvTest, NotificationsLeaveTheStoredValueAlone) {
+    PROMISE("a notification arrives for a key that the daemon has set",
+            "the stored value stays: the daemon's same answer again counts as unchanged and is not sent");
     start();
     kv_register("mem", "default", "k", on_told, context_a);
     turn();
@@ -634,6 +691,9 @@ TEST_F(KvTest, NotificationsLeaveTheStoredValueAlone) {
 }
 
 TEST_F(KvTest, NotificationWithAnErrorSubscribesAgain) {
+    PROMISE("a notification carries an error",
+            "nothing is called; the key is subscribed again on a later iteration, and counted a second time, so that "
+            "the time-out timer may run on");
     start();
     kv_register("mem", "default", "a", on_told, context_a);
     turn();
@@ -652,6 +712,10 @@ TEST_F(KvTest, NotificationWithAnErrorSubscribesAgain) {
 }
 
 TEST_F(KvTest, MisdirectedNotificationsGoToTheFirstThatSharesAName) {
+    PROMISE("one of a notification's three names is not its registration's",
+            "\"The notification dispatched with wrong key.\", and it goes to the first registration that shares any of "
+            "the three");
+    PROMISE("no registration shares any name", "\"Incorrect notification. %s:%s:%s\", and nobody is called");
     static const struct {
         const char* name_space;
         const char* group;
@@ -687,6 +751,8 @@ TEST_F(KvTest, MisdirectedNotificationsGoToTheFirstThatSharesAName) {
 }
 
 TEST_F(KvTest, MisdirectedNotificationAnswersWhomItReaches) {
+    PROMISE("a misdirected notification reaches another registration",
+            "it answers that one's subscription, not its own");
     start();
     kv_register("mem", "default", "a", on_told, context_a);
     kv_register("mem", "default", "b", on_told, context_b);
@@ -703,6 +769,9 @@ TEST_F(KvTest, MisdirectedNotificationAnswersWhomItReaches) {
 }
 
 TEST_F(KvTest, EachNameMakesANotificationMisdirected) {
+    PROMISE("one of a notification's three names is not its registration's",
+            "\"The notification dispatched with wrong key.\", and it goes to the first registration that shares any of "
+            "the three");
     start();
     kv_register("mem", "default", "a", on_told, context_a);
     kv_register("mem", "default", "b", on_told, context_b);
@@ -722,6 +791,9 @@ TEST_F(KvTest, EachNameMakesANotificationMisdirected) {
 // --- what is outstanding -------------------------------------------------------------------------------------------
 
 TEST_F(KvTest, TimeOutsAreCheckedWhileAnythingIsOutstanding) {
+    PROMISES("kv", "The link");
+    PROMISE("requests are outstanding",
+            "time-outs are processed once a second, from a second after the first; not any more after the last answer");
     start();
     kvmem_set("a", "1");
     kvmem_set("b", "1");
@@ -740,6 +812,8 @@ TEST_F(KvTest, TimeOutsAreCheckedWhileAnythingIsOutstanding) {
 }
 
 TEST_F(KvTest, FirstNotificationAnswersTheSubscriptionOnce) {
+    PROMISE("the first notification after a subscription arrives",
+            "it is that subscription's answer; later ones answer nothing");
     start();
     kv_register("mem", "default", "a", on_told, context_a);
     turn();
@@ -755,7 +829,10 @@ TEST_F(KvTest, FirstNotificationAnswersTheSubscriptionOnce) {
     EXPECT_EQ(news(), strings{"timeout 1"}) << "the set is outstanding still";
 }
 
+PROMISES("kv", "The link");
+
 TEST_F(KvTest, OneAnswerTooManyIsReported) {
+    PROMISE("an answer comes that nothing waited for", "\"pengding_count underflow!\", and the count stays at 0");
     start();
     kvmem_set("a", "1");
     sets.push_back(sets.front());
@@ -770,6 +847,7 @@ TEST_F(KvTest, OneAnswerTooManyIsReported) {
 }
 
 TEST_F(KvTest, ClosingForgetsWhatIsOutstanding) {
+    PROMISE("the link closes", "what was outstanding is forgotten");
     start();
     kvmem_set("a", "1");
     called.clear();
@@ -783,6 +861,8 @@ TEST_F(KvTest, ClosingForgetsWhatIsOutstanding) {
 // --- reopening -----------------------------------------------------------------------------------------------------
 
 TEST_F(KvTest, AbsentServiceIsTriedEverySecondSilently) {
+    PROMISE("the service is absent",
+            "the store starts all the same and tries to open once a second, without a line in the log");
     service_up = false;
     kv_init();
     EXPECT_EQ(news(), strings{"open"});
@@ -798,6 +878,7 @@ TEST_F(KvTest, AbsentServiceIsTriedEverySecondSilently) {
 }
 
 TEST_F(KvTest, ArmingAgainPushesTheAttemptBack) {
+    PROMISE("the reopen timer is armed while it runs", "the attempt moves to a second from then");
     start_without_service();
     advance(0.6);
     kvmem_set("a", "1");
@@ -809,6 +890,8 @@ TEST_F(KvTest, ArmingAgainPushesTheAttemptBack) {
 }
 
 TEST_F(KvTest, OnlyTheTimersOwnCallbackStopsIt) {
+    PROMISE("the timer is armed and something else reopens the link",
+            "the timer closes and opens the working link once more, then stops");
     start();
     sets_accepted = 0;
     kvmem_set("a", "1");
@@ -824,6 +907,8 @@ TEST_F(KvTest, OnlyTheTimersOwnCallbackStopsIt) {
 }
 
 TEST_F(KvTest, ResponsesOfAWatchedDescriptor) {
+    PROMISE("a watched descriptor's responses show a broken connection",
+            "the link is reopened at once; a whole one is left alone, and without a handle nothing is done");
     start();
     ev_invoke(ev_default_loop(0), &link_io, EV_READ);
     EXPECT_EQ(news(), strings{"handle 1"}) << "whole";
@@ -837,7 +922,12 @@ TEST_F(KvTest, ResponsesOfAWatchedDescriptor) {
 
 // --- leaving -------------------------------------------------------------------------------------------------------
 
+PROMISES("kv", "The end");
+
 TEST_F(KvTest, ExitPushesClosesAndForgets) {
+    PROMISE("the store stops",
+            "it pushes what is dirty, closes, stops every watcher, forgets every key and registration; the strings are "
+            "left to the end of the process");
     start();
     kv_register("mem", "default", "a", on_told, context_a);
     kv_register("mem", "default", "b", on_told, context_a);
@@ -858,6 +948,8 @@ TEST_F(KvTest, ExitPushesClosesAndForgets) {
 }
 
 TEST_F(KvTest, ExitSaysThatChangesAreLost) {
+    PROMISE("the last push fails",
+            "\"[config] Fail to commit changes on exit.\", and the rest goes on, the reopen timer included");
     start_without_service();
     kvmem_set("k", "1");
     called.clear();
@@ -870,7 +962,11 @@ TEST_F(KvTest, ExitSaysThatChangesAreLost) {
 
 // --- fetching ------------------------------------------------------------------------------------------------------
 
+PROMISES("kv", "Keys of namespace \"mem\"");
+
 TEST_F(KvTest, FetchWaitsForTheAnswer) {
+    PROMISE("a key is fetched that is not stored, or is dirty",
+            "the loop runs until the answer is stored; the fetch itself pushes nothing");
     start();
     answer = value_of("k", "fetched");
     kvmem_sync("k");
@@ -881,6 +977,7 @@ TEST_F(KvTest, FetchWaitsForTheAnswer) {
 }
 
 TEST_F(KvTest, FetchOfACleanKeyDoesNotWait) {
+    PROMISE("a stored clean key is fetched", "it returns at once, and the answer replaces the value when it comes");
     start();
     kvmem_set("k", "old");
     answer = value_of("k", "new");
@@ -892,6 +989,8 @@ TEST_F(KvTest, FetchOfACleanKeyDoesNotWait) {
 }
 
 TEST_F(KvTest, FetchOfADirtyKeyWaits) {
+    PROMISE("a key is fetched that is not stored, or is dirty",
+            "the loop runs until the answer is stored; the fetch itself pushes nothing");
     start();
     kvmem_set("k", "old");
     end_set(false);
@@ -901,6 +1000,8 @@ TEST_F(KvTest, FetchOfADirtyKeyWaits) {
 }
 
 TEST_F(KvTest, FetchOfNothing) {
+    PROMISE("the answer has no value",
+            "\"%s: fail to get response from karveld\", and the key has none, even if it had one");
     start();
     kvmem_sync("k");
     EXPECT_EQ(logged::lines(), strings{"err on_kvmem_sync: fail to get response from karveld"});
@@ -914,6 +1015,8 @@ TEST_F(KvTest, FetchOfNothing) {
 }
 
 TEST_F(KvTest, FetchedValueIsCopiedAsFarAsItGoes) {
+    PROMISE("the answer's value has no NUL behind it, or cannot be copied",
+            "its length counts; without memory for it the key has no value");
     start();
     answer = value_of("k", "up to here");
     answer.behind = " and no further";
@@ -928,6 +1031,7 @@ TEST_F(KvTest, FetchedValueIsCopiedAsFarAsItGoes) {
 }
 
 TEST_F(KvTest, OtherSetsRunWhileAFetchWaits) {
+    PROMISE("other keys are set while a fetch waits", "they go out, and the waiting key with them, without a value");
     start();
     before_answer = [] { kvmem_set("other", "1"); };
     answer = value_of("k", "fetched");
@@ -937,6 +1041,9 @@ TEST_F(KvTest, OtherSetsRunWhileAFetchWaits) {
 }
 
 TEST_F(KvTest, FetchThatCannotStartAborts) {
+    PROMISE("a fetch cannot start, or its entry cannot be made",
+            "the process aborts, after \"libkarvel_get_value\" and the reason for the first");
+    PROMISE("the table cannot take a fetched key", "the process ends with status -1");
     auto outcome = child::run([] {
         start();
         reads_accepted = false;

@@ -24,6 +24,7 @@
 #include "support/child.h"
 #include "support/kernel.h"
 #include "support/log.h"
+#include "support/promise.h"
 #include "vesk_util.h"
 
 int vesk_main(int argc, char** argv);  // the daemon's main; its object is compiled with this name for it
@@ -172,7 +173,16 @@ const strings WHOLE_RUN = {"app_init",
                            "kv_exit",
                            "app_fini"};
 
+PROMISES("main");
+
 TEST_F(MainTest, StartsInOrderAndStopsInReverse) {
+    PROMISE("the daemon starts",
+            "framework, key store, the two request keys and card manager come up in this order, then the loop runs");
+    PROMISE("the loop has ended",
+            "card manager, key store and framework go down in this order, and the exit status is 0");
+    PROMISE("SIGTERM arrives while the card manager is still starting",
+            "the signal's default ends the process: it is handled only from the loop on");
+    PROMISE("a second SIGTERM arrives behind the end of the loop", "it does not cut the end short");
     const auto outcome = child::run([] {
         during_sdcard_init = [] { EXPECT_FALSE(sigterm_is_handled()); };
         during_app_run = [] { EXPECT_TRUE(sigterm_is_handled()); };
@@ -186,6 +196,9 @@ TEST_F(MainTest, StartsInOrderAndStopsInReverse) {
 }
 
 TEST_F(MainTest, DescribesItselfToTheFramework) {
+    PROMISE("the framework asks who is there",
+            "the name \"vesk_sdcard\", padded with NULs, the table of actions, the other words zero, the command line "
+            "untouched");
     const auto outcome = child::run([] {
         run_main();
         char name[sizeof given_descriptor->name] = "vesk_sdcard";
@@ -202,6 +215,8 @@ TEST_F(MainTest, DescribesItselfToTheFramework) {
 }
 
 TEST_F(MainTest, StartsNothingWithoutTheFramework) {
+    PROMISE("the framework refuses to start",
+            "\"app_init\" and errno's text on standard error, exit status 1, no key registered and no state published");
     const auto outcome = child::run([] {
         app_init_result = -1;
         EXPECT_EQ(run_main(), 1);
@@ -213,6 +228,8 @@ TEST_F(MainTest, StartsNothingWithoutTheFramework) {
 }
 
 TEST_F(MainTest, GoesOnAfterResultsThatAreNoFailure) {
+    PROMISE("the framework answers with a positive number", "that is no failure");
+    PROMISE("the key store or a registration fails at the start", "the daemon runs without it, with no word said here");
     const auto outcome = child::run([] {
         app_init_result = 1;
         kv_init_result = -1;
@@ -224,6 +241,7 @@ TEST_F(MainTest, GoesOnAfterResultsThatAreNoFailure) {
 }
 
 TEST_F(MainTest, SigtermBreaksTheLoop) {
+    PROMISE("SIGTERM arrives while watchers are active", "the loop ends all the same, and the orderly end follows");
     const auto outcome = child::run([] {
         during_app_run = [] {
             struct ev_loop* loop = ev_default_loop(0);
@@ -242,6 +260,7 @@ TEST_F(MainTest, SigtermBreaksTheLoop) {
 }
 
 TEST_F(MainTest, SigtermBreaksNestedLoopsToo) {
+    PROMISE("SIGTERM arrives in a loop inside the loop", "both end");
     const auto outcome = child::run([] {
         during_app_run = [] {
             struct ev_loop* loop = ev_default_loop(0);
@@ -267,6 +286,7 @@ TEST_F(MainTest, SigtermBreaksNestedLoopsToo) {
 }
 
 TEST_F(MainTest, SigtermDoesNotWaitForAJobsChild) {
+    PROMISE("SIGTERM arrives while a card job's child runs", "nobody waits for the child, and it is left running");
     const auto outcome = child::run([] {
         static pid_t job;
         static ev_child job_watcher;
@@ -301,6 +321,12 @@ TEST_F(MainTest, SigtermDoesNotWaitForAJobsChild) {
 // --- the watchdog --------------------------------------------------------------------------------------------------
 
 TEST_F(MainTest, WatchdogReportsSlowBatches) {
+    PROMISE("a round of callbacks takes more than a second",
+            "\"ev_run: loop takes too long time: %5.3lf s\" with the seconds, such as 1.500");
+    PROMISE("a round takes a second to the nanosecond", "not a word");
+    PROMISE("a round takes 2.147483648 s, 3 s or whatever else is too small or negative in 32 bits of nanoseconds",
+            "not a word");
+    PROMISE("a round takes so long that the 32 bits are large again", "it is reported with its true length");
     static const struct {
         time_t seconds;
         long nanoseconds;
@@ -400,6 +426,9 @@ std::string text_of_length(size_t length) {
 }
 
 TEST_F(MainTest, FaultOutsideTheRegionDumpsAndAborts) {
+    PROMISE("a bus fault happens outside of the region",
+            "\"SIGBUS information: si_code = %d, si_addr = %p\", the memory map right behind it, \"SIGBUS Abort!\", "
+            "and the process ends by SIGABRT");
     const std::string maps = text_of_length(1000);
     kernel::write(MAPS, maps);
     const auto outcome = child::run([] {
@@ -421,6 +450,9 @@ TEST_F(MainTest, FaultOutsideTheRegionDumpsAndAborts) {
 }
 
 TEST_F(MainTest, FaultInTheRegionJumpsAndPrintsNothing) {
+    PROMISE("a bus fault happens in the guarded region",
+            "the region's begin is returned to with the signal's number, and nothing is printed");
+    PROMISE("a bus fault in the guarded region was survived", "SIGBUS is blocked in the loop thread from then on");
     kernel::write(MAPS, "maps");
     const auto outcome = child::run([] {
         install_guard();
@@ -447,6 +479,8 @@ TEST_F(MainTest, FaultInTheRegionJumpsAndPrintsNothing) {
 
 #ifndef __mips__  // user-mode emulation, which runs the tests there, repeats a blocked fault for ever; kernels kill
 TEST_F(MainTest, SecondFaultInTheThreadKills) {
+    PROMISE("the loop thread meets another fault after one that it survived",
+            "the kernel ends the process by SIGBUS, without a dump");
     const auto outcome = child::run([] {
         install_guard();
         bus_guard_thread = pthread_self();
@@ -462,6 +496,7 @@ TEST_F(MainTest, SecondFaultInTheThreadKills) {
 #endif
 
 TEST_F(MainTest, FaultInAnotherThreadIsFatalWhileTheRegionIsEntered) {
+    PROMISE("another thread faults while the loop thread is in the region", "it is as fatal as outside");
     kernel::write(MAPS, "maps\n");
     const auto outcome = child::run([] {
         install_guard();
@@ -486,6 +521,8 @@ std::string dump_of(siginfo_t* info) {
 }
 
 TEST_F(MainTest, DumpNamesTheFault) {
+    PROMISE("the fault is told of", "code and address read as printf has them, \"(nil)\" for no address");
+    PROMISE("the kernel passes no information at all", "code 0 and \"(nil)\"");
     EXPECT_EQ(dump_of(nullptr), "SIGBUS information: si_code = 0, si_addr = (nil)");
     static const struct {
         int code;
@@ -512,6 +549,7 @@ TEST_F(MainTest, DumpNamesTheFault) {
 constexpr std::string_view NIL_LINE = "SIGBUS information: si_code = 0, si_addr = (nil)";
 
 TEST_F(MainTest, DumpWithoutMaps) {
+    PROMISE("the memory map cannot be opened", "the dump goes on without");
     kernel::fail("open", EMFILE);
     const auto outcome = child::run([] { on_sigbus(SIGBUS, nullptr, nullptr); });
     EXPECT_TRUE(outcome.killed_by(SIGABRT)) << outcome.status;
@@ -519,6 +557,8 @@ TEST_F(MainTest, DumpWithoutMaps) {
 }
 
 TEST_F(MainTest, DumpReadsMapsByEightyBytesUntilAReadFails) {
+    PROMISE("the memory map is copied",
+            "in reads of 80 bytes up to the first that fails or is empty; its file is closed");
     const std::string maps = text_of_length(400);
     kernel::write(MAPS, maps);
     const auto outcome = child::run([] {
@@ -542,6 +582,9 @@ TEST_F(MainTest, DumpReadsMapsByEightyBytesUntilAReadFails) {
 }
 
 TEST_F(MainTest, DumpComesAfterTheDefaultActionAndClosesTheMaps) {
+    PROMISE("the dump begins", "SIGBUS has its default action already, so that a second fault ends the process");
+    PROMISE("the memory map is copied",
+            "in reads of 80 bytes up to the first that fails or is empty; its file is closed");
     kernel::write(MAPS, "maps");
     const auto outcome = child::run([] {
         install_guard();
@@ -567,6 +610,8 @@ TEST_F(MainTest, DumpComesAfterTheDefaultActionAndClosesTheMaps) {
 }
 
 TEST_F(MainTest, DumpSurvivesShortAndFailingWrites) {
+    PROMISE("standard error takes little, nothing, or fails",
+            "what it takes is written on; the process aborts in any case");
     kernel::write(MAPS, "maps");
     auto outcome = child::run([] {
         on_write = [](int fd, const void* buffer, size_t length) {

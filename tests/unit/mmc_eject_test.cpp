@@ -7,6 +7,7 @@
 
 #include "mmc.h"
 #include "support/mmc_rig.h"
+#include "support/promise.h"
 
 using namespace rig;
 
@@ -55,7 +56,12 @@ class mmc_eject : public rig::mmc {
     }
 };
 
+PROMISES("mmc");
+
 TEST_F(mmc_eject, every_partition_then_the_disk_are_closed_to_writes) {
+    PROMISE("the card is ejected",
+            "the kernel's read-only flag is set on each partition of the table, then on the disk, and the state is "
+            "ejected");
     for (const mmc_state state : {MMC_STATE_RDWR, MMC_STATE_RDONLY}) {
         again();
         m->state = state;
@@ -74,6 +80,7 @@ TEST_F(mmc_eject, every_partition_then_the_disk_are_closed_to_writes) {
 }
 
 TEST_F(mmc_eject, second_time_touches_nothing) {
+    PROMISE("the card is ejected already", "0, and no device is touched");
     ASSERT_EQ(::mmc_eject(), 0);
     kernel::forget_calls();
     EXPECT_EQ(::mmc_eject(), 0);
@@ -82,6 +89,7 @@ TEST_F(mmc_eject, second_time_touches_nothing) {
 }
 
 TEST_F(mmc_eject, no_card) {
+    PROMISE("there is no card to eject", "-1 with ENODEV");
     m->state = MMC_STATE_NONE;
     errno = 0;
     EXPECT_EQ(::mmc_eject(), -1);
@@ -91,6 +99,8 @@ TEST_F(mmc_eject, no_card) {
 }
 
 TEST_F(mmc_eject, what_cannot_be_closed_is_passed_over) {
+    PROMISE("a partition or the disk does not open or refuses the flag",
+            "it is passed over without a word, and the card counts as ejected");
     const struct {
         const char* what;
         int open_fails;  // the nth open
@@ -118,6 +128,9 @@ TEST_F(mmc_eject, what_cannot_be_closed_is_passed_over) {
 }
 
 TEST_F(mmc_eject, only_the_partitions_of_the_table_are_opened) {
+    PROMISE("the card is ejected",
+            "the kernel's read-only flag is set on each partition of the table, then on the disk, and the state is "
+            "ejected");
     const struct {
         uint32_t removed;
         list flagged;
@@ -132,6 +145,7 @@ TEST_F(mmc_eject, only_the_partitions_of_the_table_are_opened) {
 
 // The state does not outlive the next event, the kernel's flag does.
 TEST_F(mmc_eject, ejected_card_reads_as_read_only_from_the_next_event_on) {
+    PROMISE("an event comes behind an eject", "the card reads as read-only from then on");
     ASSERT_EQ(::mmc_eject(), 0);
     mmc_refresh_rdonly();
     EXPECT_EQ(mmc_get_state(), MMC_STATE_RDONLY);
@@ -140,6 +154,8 @@ TEST_F(mmc_eject, ejected_card_reads_as_read_only_from_the_next_event_on) {
 // --- reading the partition table again -----------------------------------------------------------------------------
 
 TEST_F(mmc_eject, partition_table_is_read_again_through_the_disks_descriptor) {
+    PROMISE("the partition table is to be read again",
+            "the kernel is asked through the disk's descriptor; the table changes by its events alone");
     int asked = 0;
     kernel::on().ioctl = [&](int fd, unsigned long request, void*) {
         ++asked;
@@ -155,6 +171,7 @@ TEST_F(mmc_eject, partition_table_is_read_again_through_the_disks_descriptor) {
 }
 
 TEST_F(mmc_eject, kernels_refusal_to_read_again_is_passed_on) {
+    PROMISE("the kernel refuses, as while a partition is mounted", "-1 with its errno, without a word");
     for (const int code : {EBUSY, EIO}) {
         kernel::fail("ioctl", code);
         errno = 0;
@@ -165,6 +182,7 @@ TEST_F(mmc_eject, kernels_refusal_to_read_again_is_passed_on) {
 }
 
 TEST_F(mmc_eject, nothing_to_read_again_without_a_disk) {
+    PROMISE("no disk is open", "-1 with EINVAL, and the kernel is not asked");
     mmc_remove_block("mmcblk0", 0, MMC_BLOCK_DISK);
     kernel::forget_calls();
     errno = 0;

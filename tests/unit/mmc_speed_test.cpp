@@ -6,6 +6,7 @@
 
 #include "mmc.h"
 #include "support/mmc_rig.h"
+#include "support/promise.h"
 
 using namespace std::string_literals;
 using namespace rig;
@@ -72,7 +73,10 @@ class mmc_speed : public rig::mmc {
 
 // --- one sample ----------------------------------------------------------------------------------------------------
 
+PROMISES("mmc");
+
 TEST_F(mmc_speed, counters_are_kept_in_their_own_order) {
+    PROMISE("a sample is taken", "the eleven counters and the time are kept, each in 32 bits, and the file is closed");
     kernel::write(STAT, "    101 102 103 104\t105 106   107 108 109 110 111\n");
     monotonic = {.tv_sec = 7, .tv_nsec = 89'999'999};
     const int lowest_free = fcntl(0, F_DUPFD_CLOEXEC, 0);
@@ -97,12 +101,14 @@ TEST_F(mmc_speed, counters_are_kept_in_their_own_order) {
 }
 
 TEST_F(mmc_speed, later_kernels_have_more_counters) {
+    PROMISE("the kernel has more counters", "the first eleven count");
     kernel::write(STAT, "1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17\n");
     EXPECT_EQ(mmc_read_stat(), 0);
     EXPECT_EQ(m->stat.time_in_queue, 11U);
 }
 
 TEST_F(mmc_speed, disk_is_found_by_its_name) {
+    PROMISE("the disk is called mmcblk1", "the statistics of that name are read");
     mmc_new_block("mmcblk1", 8, MMC_BLOCK_DISK);
     kernel::write("/sys/block/mmcblk1/stat", "1 2 3 4 5 6 77 8 9 10 11\n");
     EXPECT_EQ(mmc_read_stat(), 0);
@@ -110,6 +116,7 @@ TEST_F(mmc_speed, disk_is_found_by_its_name) {
 }
 
 TEST_F(mmc_speed, time_and_counters_keep_their_low_32_bits) {
+    PROMISE("a sample is taken", "the eleven counters and the time are kept, each in 32 bits, and the file is closed");
     monotonic = {.tv_sec = 4'294'968, .tv_nsec = 5'000'000};  // 2^32 ms and 709 more
     counters("4294967295", "4294967294");
     EXPECT_EQ(mmc_read_stat(), 0);
@@ -125,6 +132,10 @@ TEST_F(mmc_speed, time_and_counters_keep_their_low_32_bits) {
 }
 
 TEST_F(mmc_speed, samples_that_fail_keep_the_last_one) {
+    PROMISE("the card is not writable", "-1 with EINVAL, no file touched, and the last sample kept");
+    PROMISE("the statistics cannot be opened",
+            "\"Unable to read statistics of %s: %s\n\", -1 with its errno, and the last sample kept");
+    PROMISE("there are fewer than eleven counters", "-1 with EFAULT, without a word, and the last sample kept");
     const struct {
         const char* what;
         mmc_state state;
@@ -184,6 +195,11 @@ TEST_F(mmc_speed, samples_that_fail_keep_the_last_one) {
 // --- the speed -----------------------------------------------------------------------------------------------------
 
 TEST_F(mmc_speed, figures) {
+    PROMISE("2048 sectors took 1000 busy milliseconds",
+            "1048576 bytes a second, multiplied in 64 bits, rounded down and cut to 32");
+    PROMISE("fewer than 40 sectors were written", "0; how many is told all the same, and they are not carried over");
+    PROMISE("a counter stood still or wrapped", "0, and nothing is told");
+    PROMISE("nobody wants to know how many sectors", "the speed is the same");
     const struct {
         const char* what;
         uint32_t sectors[2];  // the baseline and the next sample
@@ -228,6 +244,7 @@ TEST_F(mmc_speed, figures) {
 }
 
 TEST_F(mmc_speed, first_call_takes_the_baseline) {
+    PROMISE("the speed is asked for the first time", "-61, and a sample is there to compare with");
     counters(1000, 10);
     EXPECT_EQ(mmc_calc_write_speed(&written), -61);
     EXPECT_EQ(written, UNTOUCHED);
@@ -238,6 +255,7 @@ TEST_F(mmc_speed, first_call_takes_the_baseline) {
 }
 
 TEST_F(mmc_speed, baseline_that_failed_is_tried_again) {
+    PROMISE("the first sample fails", "-61 again, and it is tried again the next time");
     m->state = MMC_STATE_NONE;
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(mmc_calc_write_speed(&written), -61);
@@ -251,6 +269,7 @@ TEST_F(mmc_speed, baseline_that_failed_is_tried_again) {
 }
 
 TEST_F(mmc_speed, every_interval_for_itself) {
+    PROMISE("fewer than 40 sectors were written", "0; how many is told all the same, and they are not carried over");
     baseline(0, 0);
     counters(39, 10);  // too little, and not carried over
     EXPECT_EQ(mmc_calc_write_speed(&written), 0);
@@ -263,6 +282,7 @@ TEST_F(mmc_speed, every_interval_for_itself) {
 }
 
 TEST_F(mmc_speed, another_card_starts_anew) {
+    PROMISE("the disk was removed since", "-61 again");
     baseline(100000, 1000);
     mmc_remove_block("mmcblk0", 0, MMC_BLOCK_DISK);
     EXPECT_EQ(m->stat_time_ms, 0U);
@@ -274,6 +294,8 @@ TEST_F(mmc_speed, another_card_starts_anew) {
 }
 
 TEST_F(mmc_speed, only_a_removed_disk_takes_the_sample_along) {
+    PROMISE("the disk was announced again or the table built anew, or a partition came and went",
+            "the sample still counts");
     baseline(0, 0);
     mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
     counters(2048, 1000);
@@ -287,6 +309,8 @@ TEST_F(mmc_speed, only_a_removed_disk_takes_the_sample_along) {
 
 // Its time is the number that says that there is none: once in 49 days, for a millisecond.
 TEST_F(mmc_speed, a_sample_at_millisecond_zero_is_none) {
+    PROMISE("a sample falls on the millisecond at which the clock's 32 bits are 0",
+            "it counts as none, and -61 comes once more");
     baseline(0, 0);
     monotonic = {.tv_sec = 4'294'967, .tv_nsec = 296'000'000};
     counters(2048, 1000);
@@ -302,6 +326,8 @@ TEST_F(mmc_speed, a_sample_at_millisecond_zero_is_none) {
 }
 
 TEST_F(mmc_speed, partitions_that_go_take_no_sample_along) {
+    PROMISE("the disk was announced again or the table built anew, or a partition came and went",
+            "the sample still counts");
     baseline(0, 0);
     mmc_new_block("mmcblk0p1", 1, MMC_BLOCK_PARTITION);
     mmc_remove_block("mmcblk0p1", 1, MMC_BLOCK_PARTITION);

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "support/mmc_rig.h"
+#include "support/promise.h"
 
 using namespace std::string_literals;
 using namespace rig;
@@ -55,7 +56,11 @@ int parse(const std::string& text) {
 
 // --- one datagram --------------------------------------------------------------------------------------------------
 
+PROMISES("mmc");
+
 TEST_F(mmc, inserted_card_gives_disk_and_partitions_in_order) {
+    PROMISE("a line is logged", "it begins with \"device: \"");
+    PROMISE("a card is put in", "\"New block %s\" for each; the table has the disk and its partitions as they came");
     EXPECT_EQ(parse(disk_event("add")), 0);
     EXPECT_EQ(parse(part_event("add", 1)), 0);
     EXPECT_EQ(parse(part_event("add", 2)), 0);
@@ -71,6 +76,20 @@ TEST_F(mmc, inserted_card_gives_disk_and_partitions_in_order) {
 }
 
 TEST_F(mmc, what_a_datagram_amounts_to) {
+    PROMISE("a datagram has no pair in it", "it is ignored, and the batch goes on");
+    PROMISE("a datagram ends in the middle of a pair",
+            "neither what lies behind it nor an earlier datagram completes it");
+    PROMISE("an event is about another major, or has none",
+            "it is ignored; the rest of another major's is not even looked at");
+    PROMISE("keys come in another order, or look alike", "each is known by its whole name, wherever it stands");
+    PROMISE("a string has no equals sign, or several", "it is passed over; the first one splits");
+    PROMISE("the header looks like a pair", "it is none");
+    PROMISE("the type is neither disk nor partition",
+            "\"Unknow mmc block type: %s\"; the event is logged and counts, and the table stays");
+    PROMISE("the action is neither add nor remove nor change",
+            "\"Unexpected sdcard action: %s\", and it does not count");
+    PROMISE("there is no action", "it is ignored");
+    PROMISE("a device changed", "\"Change block %s\", the table stays, and it counts");
     const std::string with_action_last = "x\0MAJOR=179\0MINOR=3\0DEVNAME=mmcblk0p3\0DEVTYPE=partition\0ACTION=add\0"s;
     const struct {
         const char* what;
@@ -179,6 +198,8 @@ TEST_F(mmc, what_a_datagram_amounts_to) {
 }
 
 TEST_F(mmc, pairs_behind_the_length_are_not_looked_at) {
+    PROMISE("a datagram ends in the middle of a pair",
+            "neither what lies behind it nor an earlier datagram completes it");
     const std::string text = "x\0ACTION=change\0MAJOR=179\0DEVNAME=a\0"s;
     EXPECT_EQ(uevent_parse(text.c_str(), 2), -1);
     EXPECT_EQ(uevent_parse(text.c_str(), 16), -1) << "the major is outside";
@@ -186,6 +207,7 @@ TEST_F(mmc, pairs_behind_the_length_are_not_looked_at) {
 }
 
 TEST_F(mmc, event_without_minor_carries_none) {
+    PROMISE("an event has no minor", "the block is kept without one");
     EXPECT_EQ(parse("x\0ACTION=add\0MAJOR=179\0DEVNAME=a\0DEVTYPE=partition\0"s), 0);
     EXPECT_EQ(m->partitions[0].minor, MMC_MINOR_NONE);
 }
@@ -193,6 +215,8 @@ TEST_F(mmc, event_without_minor_carries_none) {
 // --- the table -----------------------------------------------------------------------------------------------------
 
 TEST_F(mmc, new_disk_waits_a_second_before_it_is_opened) {
+    PROMISE("a disk is new",
+            "it is opened read-write a second later, and \"bdev.disk.path is %s\n\" is on standard output at once");
     testing::internal::CaptureStdout();
     mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "bdev.disk.path is /dev/mmcblk0\n");
@@ -204,6 +228,8 @@ TEST_F(mmc, new_disk_waits_a_second_before_it_is_opened) {
 
 // The line must not lie in a buffer: the process may abort, and a child would write it again.
 TEST_F(mmc, new_disk_is_told_on_standard_output_at_once) {
+    PROMISE("a disk is new",
+            "it is opened read-write a second later, and \"bdev.disk.path is %s\n\" is on standard output at once");
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     fflush(stdout);
@@ -224,6 +250,7 @@ TEST_F(mmc, new_disk_is_told_on_standard_output_at_once) {
 }
 
 TEST_F(mmc, second_add_of_the_disk_empties_the_partitions_and_reopens) {
+    PROMISE("a disk is new again", "the one before is closed first, and all partitions go");
     mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
     for (unsigned i = 1; i <= 3; ++i) {
         mmc_new_block(("mmcblk0p" + std::to_string(i)).c_str(), i, MMC_BLOCK_PARTITION);
@@ -246,6 +273,7 @@ TEST_F(mmc, second_add_of_the_disk_empties_the_partitions_and_reopens) {
 }
 
 TEST_F(mmc, disk_that_does_not_open_keeps_the_partitions_and_has_no_state) {
+    PROMISE("the new disk does not open", "\"open disk: %s\", the partitions stay, and the state is none");
     mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
     mmc_new_block("mmcblk0p1", 1, MMC_BLOCK_PARTITION);
     const int before = m->disk_fd;
@@ -265,6 +293,7 @@ TEST_F(mmc, disk_that_does_not_open_keeps_the_partitions_and_has_no_state) {
 }
 
 TEST_F(mmc, removed_disk_takes_everything_along) {
+    PROMISE("the disk is removed", "\"Remove block %s\", the descriptor closed, disk and partitions forgotten");
     mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
     mmc_new_block("mmcblk0p1", 1, MMC_BLOCK_PARTITION);
     const int before = m->disk_fd;
@@ -282,6 +311,9 @@ TEST_F(mmc, removed_disk_takes_everything_along) {
 }
 
 TEST_F(mmc, removed_partition_is_found_by_minor_and_the_others_close_ranks) {
+    PROMISE("a partition is removed",
+            "the first with its minor goes, whatever the name says, and the others close ranks");
+    PROMISE("a partition is removed that is not in the table", "nothing changes, and it counts");
     const struct {
         const char* name;
         uint32_t minor;
@@ -306,6 +338,8 @@ TEST_F(mmc, removed_partition_is_found_by_minor_and_the_others_close_ranks) {
 }
 
 TEST_F(mmc, removal_touches_only_the_first_of_its_minor) {
+    PROMISE("a partition is removed",
+            "the first with its minor goes, whatever the name says, and the others close ranks");
     mmc_new_block("a", 1, MMC_BLOCK_PARTITION);
     mmc_new_block("b", 1, MMC_BLOCK_PARTITION);
     mmc_new_block("c", 1, MMC_BLOCK_PARTITION);
@@ -315,6 +349,7 @@ TEST_F(mmc, removal_touches_only_the_first_of_its_minor) {
 
 // Places of the table that are no longer used still hold what was there last.
 TEST_F(mmc, a_partition_that_was_removed_before_is_not_known) {
+    PROMISE("a partition is removed that is not in the table", "nothing changes, and it counts");
     for (const uint32_t minor : {1U, 2U, 3U}) {
         mmc_new_block("a", minor, MMC_BLOCK_PARTITION);
     }
@@ -329,6 +364,7 @@ TEST_F(mmc, a_partition_that_was_removed_before_is_not_known) {
 }
 
 TEST_F(mmc, removing_or_adding_nothing_known_changes_nothing) {
+    PROMISE("a device changed", "\"Change block %s\", the table stays, and it counts");
     mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
     mmc_new_block("mmcblk0p1", 1, MMC_BLOCK_PARTITION);
     mmc_new_block("x", 0, MMC_BLOCK_NONE);
@@ -340,6 +376,7 @@ TEST_F(mmc, removing_or_adding_nothing_known_changes_nothing) {
 }
 
 TEST_F(mmc, eighth_partition_is_dropped) {
+    PROMISE("there is an eighth partition", "\"Too many partitions\", and it is left out");
     for (unsigned i = 1; i <= 9; ++i) {
         mmc_new_block(("mmcblk0p" + std::to_string(i)).c_str(), i, MMC_BLOCK_PARTITION);
         EXPECT_EQ(m->partition_count, static_cast<int>(std::min(i, 7U)));
@@ -350,6 +387,7 @@ TEST_F(mmc, eighth_partition_is_dropped) {
 }
 
 TEST_F(mmc, long_name_is_cut_to_the_path) {
+    PROMISE("a name is longer than a path holds", "it is cut");
     const std::string name(60, 'n');
     mmc_new_block(name.c_str(), 1, MMC_BLOCK_PARTITION);
     EXPECT_EQ("/dev/" + std::string(32, 'n'), m->partitions[0].path);
@@ -358,6 +396,8 @@ TEST_F(mmc, long_name_is_cut_to_the_path) {
 }
 
 TEST_F(mmc, block_by_minor) {
+    PROMISE("somebody asks for a minor",
+            "the disk, else the first partition of it, else nothing; never what lies stale behind the count");
     EXPECT_EQ(mmc_get_block(0), nullptr);
     mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
     mmc_new_block("mmcblk0p1", 1, MMC_BLOCK_PARTITION);
@@ -374,6 +414,9 @@ TEST_F(mmc, block_by_minor) {
 }
 
 TEST_F(mmc, state_follows_the_kernels_read_only_flag) {
+    PROMISE("the state is worked out",
+            "the kernel's read-only flag makes it writable or read-only, whatever it was; without a disk it is none; "
+            "another look at the mount is asked for each time");
     mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
     const struct {
         mmc_state before;
@@ -402,6 +445,8 @@ TEST_F(mmc, state_follows_the_kernels_read_only_flag) {
 }
 
 TEST_F(mmc, unknown_read_only_flag_counts_as_set) {
+    PROMISE("the kernel does not tell the flag",
+            "\"Fail to get the readonly status, assuming the disk is readonly.\", and read-only it is");
     mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
     kernel::on().ioctl = [](int, unsigned long, void* argument) {
         *static_cast<int*>(argument) = 0;
@@ -431,6 +476,10 @@ constexpr char PARTITIONS[] =
     " 179        2   31162880 mmcblk0p2\n";
 
 TEST_F(mmc, rescan_builds_the_table_anew) {
+    PROMISE("the table is built anew",
+            "the disk is the one with a folder below /sys/block, the others of the card's major are partitions, and "
+            "the state follows; no wait, no word");
+    PROMISE("a line of the list is broken, or of another major", "it is passed over");
     kernel::write("/proc/partitions", PARTITIONS);
     kernel::make_dir("/sys/block/mmcblk0");
     mmc_new_block("mmcblk1", 8, MMC_BLOCK_DISK);
@@ -463,6 +512,7 @@ TEST_F(mmc, rescan_builds_the_table_anew) {
 }
 
 TEST_F(mmc, rescan_without_a_card) {
+    PROMISE("there is no card when the table is built anew", "0, and the state is none");
     kernel::write("/proc/partitions", "major minor  #blocks  name\n\n  31        0       8192 mtdblock0\n");
     m->state = MMC_STATE_RDWR;
     EXPECT_EQ(mmc_rescan(), 0);
@@ -472,6 +522,7 @@ TEST_F(mmc, rescan_without_a_card) {
 }
 
 TEST_F(mmc, rescan_without_the_kernels_list_leaves_the_table_empty_and_the_state_alone) {
+    PROMISE("the kernel's list cannot be opened", "-1, the table empty, the state as it was, no word");
     mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
     mmc_new_block("mmcblk0p1", 1, MMC_BLOCK_PARTITION);
     mmc_refresh_rdonly();
@@ -489,6 +540,7 @@ TEST_F(mmc, rescan_without_the_kernels_list_leaves_the_table_empty_and_the_state
 }
 
 TEST_F(mmc, rescan_with_a_disk_that_does_not_open) {
+    PROMISE("the disk found does not open", "-1, and the state is none, no word");
     kernel::write("/proc/partitions", PARTITIONS);
     kernel::make_dir("/sys/block/mmcblk0");
     m->state = MMC_STATE_RDWR;
@@ -503,6 +555,8 @@ TEST_F(mmc, rescan_with_a_disk_that_does_not_open) {
 }
 
 TEST_F(mmc, rescan_takes_the_last_disk_and_seven_partitions) {
+    PROMISE("there is an eighth partition", "\"Too many partitions\", and it is left out");
+    PROMISE("several disks are listed", "the last one counts");
     std::string text;
     for (int i = 1; i <= 9; ++i) {
         text += " 179 " + std::to_string(i) + " 100 mmcblk0p" + std::to_string(i) + "\n";
@@ -518,6 +572,8 @@ TEST_F(mmc, rescan_takes_the_last_disk_and_seven_partitions) {
 }
 
 TEST_F(mmc, rescan_bounds_names_and_skips_broken_lines) {
+    PROMISE("a name is longer than a path holds", "it is cut");
+    PROMISE("a line of the list is broken, or of another major", "it is passed over");
     const std::string longest(32, 'd');
     const std::string too_long(500, 'p');
     kernel::write("/proc/partitions", " 179 1 100\n 179\nx y z w\n 179 1 z p1\n 179 5 100 " + longest +
@@ -534,6 +590,10 @@ TEST_F(mmc, rescan_bounds_names_and_skips_broken_lines) {
 // --- the socket ----------------------------------------------------------------------------------------------------
 
 TEST_F(mmc, socket_listens_to_the_kernels_group) {
+    PROMISE(
+        "the monitor starts",
+        "a socket for the kernel's own uevents, close-on-exec, watched above the default priority; nothing is scanned");
+    PROMISE("the monitor stops", "watcher, socket and disk are closed; stopping twice does no harm");
     m->disk_fd = 77;  // forgotten, not closed
     int domain = 0;
     int type = 0;
@@ -584,6 +644,8 @@ TEST_F(mmc, socket_listens_to_the_kernels_group) {
 }
 
 TEST_F(mmc, no_socket) {
+    PROMISE("there is no socket", "\"socket: AF_NETLINK: %s\" and -1, nothing watched");
+    PROMISE("a line is logged", "it begins with \"device: \"");
     kernel::fail("socket", EPROTONOSUPPORT);
     EXPECT_EQ(mmc_dev_init(), -1);
     EXPECT_EQ(logged::lines(), list{"err device: socket: AF_NETLINK: "s + strerror(EPROTONOSUPPORT)});
@@ -593,6 +655,7 @@ TEST_F(mmc, no_socket) {
 }
 
 TEST_F(mmc, socket_that_cannot_be_bound_is_closed) {
+    PROMISE("the socket cannot be bound", "\"bind: AF_NETLINK: %s\" and -1, the socket closed, nothing watched");
     int made = -1;
     kernel::write("/dev/null", "");
     kernel::on().socket = [&](int, int, int) { return made = open("/dev/null", O_RDWR | O_CLOEXEC); };
@@ -643,6 +706,7 @@ class mmc_batch : public mmc {
 };
 
 TEST_F(mmc_batch, burst_asks_for_the_read_only_flag_once) {
+    PROMISE("ten events arrive at once", "the read-only flag is asked for once, and one look at the mount");
     answers.push_back({disk_event("add")});
     for (int i = 1; i <= 9; ++i) {
         answers.push_back({part_event("add", i)});
@@ -656,12 +720,15 @@ TEST_F(mmc_batch, burst_asks_for_the_read_only_flag_once) {
 }
 
 TEST_F(mmc_batch, change_counts_as_accepted) {
+    PROMISE("a device changed", "\"Change block %s\", the table stays, and it counts");
     answers.push_back({disk_event("change")});
     readable();
     EXPECT_EQ(refresh_delays, 1);
 }
 
 TEST_F(mmc_batch, accepted_event_is_not_forgotten_behind_an_ignored_one) {
+    PROMISE("one event of a batch was about the card, and a later one was not",
+            "it counts, for this batch and no other");
     answers.push_back({disk_event("change")});
     answers.push_back({disk_event("online")});
     readable();
@@ -671,6 +738,7 @@ TEST_F(mmc_batch, accepted_event_is_not_forgotten_behind_an_ignored_one) {
 }
 
 TEST_F(mmc_batch, ignored_events_ask_for_nothing) {
+    PROMISE("no event of a batch was about the card", "nothing is asked for");
     answers.push_back({datagram({.major = "8", .name = "sda"})});
     answers.push_back({disk_event("online")});
     readable();
@@ -679,6 +747,7 @@ TEST_F(mmc_batch, ignored_events_ask_for_nothing) {
 }
 
 TEST_F(mmc_batch, interrupted_receive_is_repeated) {
+    PROMISE("receiving is interrupted", "it is repeated");
     answers.push_back({"", EINTR});
     answers.push_back({disk_event("change")});
     answers.push_back({"", EINTR});
@@ -688,6 +757,7 @@ TEST_F(mmc_batch, interrupted_receive_is_repeated) {
 }
 
 TEST_F(mmc_batch, no_memory_ends_the_batch_like_an_empty_socket) {
+    PROMISE("receiving fails for want of memory", "the batch ends as if the socket were empty, and nothing is scanned");
     answers.push_back({disk_event("change")});
     answers.push_back({"", ENOMEM});
     answers.push_back({disk_event("change")});
@@ -698,6 +768,7 @@ TEST_F(mmc_batch, no_memory_ends_the_batch_like_an_empty_socket) {
 }
 
 TEST_F(mmc_batch, errno_of_handlers_and_log_is_not_the_receives) {
+    PROMISE("what an event leads to, or logging it, sets errno", "the socket is not judged by that");
     logged::disturb_errno(EIO);
     kernel::fail("open", EIO);
     answers.push_back({disk_event("add")});
@@ -706,6 +777,7 @@ TEST_F(mmc_batch, errno_of_handlers_and_log_is_not_the_receives) {
 }
 
 TEST_F(mmc_batch, datagram_of_full_size_is_not_read_past_its_end) {
+    PROMISE("a datagram is longer than 4096 bytes", "what is there of it counts, and nothing behind it is read");
     std::string text = "x\0ACTION=change\0MAJOR=179\0DEVNAME="s;
     text.resize(5000, 'n');
     answers.push_back({text});
@@ -716,6 +788,8 @@ TEST_F(mmc_batch, datagram_of_full_size_is_not_read_past_its_end) {
 
 // What an earlier, longer datagram left in the buffer must not complete a later one.
 TEST_F(mmc_batch, datagram_ends_where_it_ends) {
+    PROMISE("a datagram ends in the middle of a pair",
+            "neither what lies behind it nor an earlier datagram completes it");
     answers.push_back({"x\0ACTION=change\0MAJOR=179\0DEVNAME=mmcblk0p1\0"s});
     answers.push_back({"x\0ACTION=change\0MAJOR=179\0DEVNAME=mmcb"s});
     readable();
@@ -723,6 +797,7 @@ TEST_F(mmc_batch, datagram_ends_where_it_ends) {
 }
 
 TEST_F(mmc_batch, datagram_of_one_byte_does_not_end_the_batch) {
+    PROMISE("a datagram has no pair in it", "it is ignored, and the batch goes on");
     answers = {{"x"}, {disk_event("change")}};
     readable();
     EXPECT_EQ(refresh_delays, 1);
@@ -730,6 +805,7 @@ TEST_F(mmc_batch, datagram_of_one_byte_does_not_end_the_batch) {
 }
 
 TEST_F(mmc_batch, empty_datagram_ends_the_batch_with_the_errno_that_was_there) {
+    PROMISE("an empty datagram arrives", "the batch ends, judged by the errno that was there before");
     for (int errnum : {EAGAIN, ENOMEM}) {
         answers = {{disk_event("change")}, {"", errnum, true}, {disk_event("change")}};
         refresh_delays = 0;
@@ -760,6 +836,9 @@ class mmc_batch_death : public mmc_batch {
 };
 
 TEST_F(mmc_batch_death, dead_socket_ends_the_process) {
+    PROMISE("a line is logged", "it begins with \"device: \"");
+    PROMISE("receiving fails in any other way, lost events included",
+            "\"Can not receive message on NETLINK socket: %s\", and the process aborts");
     for (int errnum : {EBADF, ENOBUFS, ENOTCONN}) {
         answers = {{disk_event("change")}, {"", errnum}};
         expect_abort("crit device: Can not receive message on NETLINK socket: "s + strerror(errnum));
@@ -767,12 +846,14 @@ TEST_F(mmc_batch_death, dead_socket_ends_the_process) {
 }
 
 TEST_F(mmc_batch_death, empty_datagram_is_judged_by_what_was_there) {
+    PROMISE("an empty datagram arrives", "the batch ends, judged by the errno that was there before");
     answers = {{"", EIO, true}};
     expect_abort("crit device: Can not receive message on NETLINK socket: "s + strerror(EIO));
 }
 
 // A real socket on the real loop: readability leads to the drain, and the loop is quiet afterwards.
 TEST_F(mmc, events_arrive_through_the_loop) {
+    PROMISE("events arrive", "the loop drains the socket and is quiet afterwards");
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends), 0);
     kernel::on().socket = [&](int, int, int) { return ends[0]; };

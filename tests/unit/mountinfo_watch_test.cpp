@@ -17,6 +17,7 @@
 #include "sdcard.h"
 #include "support/kernel.h"
 #include "support/log.h"
+#include "support/promise.h"
 
 namespace {
 int refreshes;
@@ -68,7 +69,11 @@ bool heard() {
     return refreshes > 0;
 }
 
+PROMISES("mountpoint", "The kernel's table");
+
 TEST(mountinfo_watch, hears_of_each_change_once) {
+    PROMISE("something is mounted or unmounted behind our back",
+            "the real kernel's notice arrives once for it, and the loop is idle in between");
     if (unshare(CLONE_NEWNS) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
         GTEST_SKIP() << "no mount namespace of our own allowed here";
     }

@@ -18,6 +18,7 @@
 #include "sdcard.h"
 #include "support/kernel.h"
 #include "support/log.h"
+#include "support/promise.h"
 
 using namespace std::string_literals;
 using list = std::vector<std::string>;
@@ -172,7 +173,11 @@ class mountpoint : public testing::Test {
     ev_tstamp timer_left() { return ev_timer_remaining(ev_default_loop(0), &m->refresh_timer); }
 };
 
+PROMISES("mountpoint", "Start and stop");
+
 TEST_F(mountpoint, nothing_is_mounted_or_held_off_when_the_program_starts) {
+    PROMISE("the program has just been loaded",
+            "nothing counts as mounted, nothing is held off, no descriptor is open");
     EXPECT_EQ(at_start().mountinfo_fd, -1);
     EXPECT_EQ(at_start().mounted, MOUNT_NONE);
     EXPECT_EQ(at_start().mask, 0U);
@@ -181,6 +186,14 @@ TEST_F(mountpoint, nothing_is_mounted_or_held_off_when_the_program_starts) {
 // --- the filesystems -----------------------------------------------------------------------------------------------
 
 TEST_F(mountpoint, filesystems_of_disks_in_the_kernels_order) {
+    PROMISE("the kernel offers filesystems of disks",
+            "they are kept in its order, which is the order of trying, and logged in one line after \"Supported "
+            "filesystems:\"");
+    PROMISE("a line of the kernel's list begins with n, or has no word",
+            "it is left out; a name with n behind the tab is not");
+    PROMISE("the kernel offers squashfs or jffs2",
+            "they are left out and do not count towards the limit; names that only resemble them stay");
+    PROMISE("a filesystem's name has more than 15 characters", "the first 15 are kept");
     const struct {
         const char* what;
         std::string text;
@@ -221,6 +234,7 @@ TEST_F(mountpoint, filesystems_of_disks_in_the_kernels_order) {
 }
 
 TEST_F(mountpoint, filesystems_fill_eight_slots_of_full_length) {
+    PROMISE("eight filesystems with names of full length", "all are kept and all are logged");
     list names;
     for (char c = 'a'; c <= 'h'; ++c) {
         names.emplace_back(15, c);
@@ -253,16 +267,20 @@ class mountpoint_death : public mountpoint {
 };
 
 TEST_F(mountpoint_death, unreadable_list_of_filesystems) {
+    PROMISE("\"/proc/filesystems\" cannot be opened",
+            "the reason goes to standard error, and the process ends with status 1");
     kernel::fail("fopen", EACCES);
     EXPECT_EXIT(mountpoint_init(), testing::ExitedWithCode(1), "^/proc/filesystems: "s + strerror(EACCES));
 }
 
 TEST_F(mountpoint_death, ninth_filesystem) {
+    PROMISE("there is a ninth filesystem", "\"Too many filesystems.\" and an abort");
     write_filesystems({"a", "b", "c", "d", "e", "f", "g", "h", "i"});
     EXPECT_EXIT(die_telling(), testing::KilledBySignal(SIGABRT), "crit sdcard: mountpoint: Too many filesystems\\.\n");
 }
 
 TEST_F(mountpoint_death, no_filesystem) {
+    PROMISE("there is no filesystem of disks", "\"No filesystem detected.\" and an abort");
     write_filesystems({"squashfs", "jffs2"});
     EXPECT_EXIT(die_telling(), testing::KilledBySignal(SIGABRT),
                 "crit sdcard: mountpoint: No filesystem detected\\.\n");
@@ -271,6 +289,11 @@ TEST_F(mountpoint_death, no_filesystem) {
 // --- start and stop ------------------------------------------------------------------------------------------------
 
 TEST_F(mountpoint, init_watches_the_table_and_leaves_the_timer_alone) {
+    PROMISE("the mount point is set up",
+            "the table is open read-only and close-on-exec and watched for writability at priority 0; the two-second "
+            "timer is set up at priority -2 but not started");
+    PROMISE("the mount point is shut down, once or twice",
+            "watcher and timer are off, the descriptor is closed and -1");
     EXPECT_EQ(fcntl(m->mountinfo_fd, F_GETFL) & O_ACCMODE, O_RDONLY);
     EXPECT_EQ(fcntl(m->mountinfo_fd, F_GETFD), FD_CLOEXEC);
     EXPECT_TRUE(ev_is_active(&m->mountinfo_watcher));
@@ -294,6 +317,8 @@ TEST_F(mountpoint, init_watches_the_table_and_leaves_the_timer_alone) {
 }
 
 TEST_F(mountpoint, init_without_a_mount_table) {
+    PROMISE("the mount table cannot be opened",
+            "\"open\" and the reason go to standard error, the start fails, nothing is watched");
     mountpoint_exit();
     kernel::fail("open", EMFILE);
     testing::internal::CaptureStderr();
@@ -305,7 +330,16 @@ TEST_F(mountpoint, init_without_a_mount_table) {
 
 // --- mount, unmount, statfs ----------------------------------------------------------------------------------------
 
+PROMISES("mountpoint", "On request");
+
 TEST_F(mountpoint, mount_tries_partitions_then_the_disk_with_each_filesystem) {
+    PROMISE("the card is to be mounted",
+            "each partition in the order of its slots with each filesystem, then the whole disk; the first success "
+            "ends it");
+    PROMISE("a mount was tried",
+            "one line at debug level with device, place, filesystem and \"Success\" or the reason, which logging "
+            "before it cannot spoil");
+    PROMISE("mounting on request succeeds", "the hold is gone, the status is reported as mounted, the timer runs");
     const struct {
         const char* device;
         const char* type;
@@ -342,6 +376,7 @@ TEST_F(mountpoint, mount_tries_partitions_then_the_disk_with_each_filesystem) {
 }
 
 TEST_F(mountpoint, card_without_partitions_is_mounted_as_a_whole) {
+    PROMISE("the card has no partition table", "the whole disk is mounted");
     block_devices.partition_count = 0;
     EXPECT_EQ(mountpoint_mount(), 0);
     EXPECT_EQ(mounts(), list{"/dev/mmcblk0 /mnt/sdcard vfat"});
@@ -349,6 +384,9 @@ TEST_F(mountpoint, card_without_partitions_is_mounted_as_a_whole) {
 }
 
 TEST_F(mountpoint, mount_options) {
+    PROMISE(
+        "a mount is tried",
+        "without set-user-id, devices and access times, directories synchronous, the kernel silent, \"umask=0022\"");
     unsigned long seen = 0;
     std::string data;
     kernel::on().mount = [&](const char*, const char*, const char*, unsigned long flags, const char* d) {
@@ -363,6 +401,9 @@ TEST_F(mountpoint, mount_options) {
 }
 
 TEST_F(mountpoint, mount_that_fails_leaves_the_status_and_says_so) {
+    PROMISE("mounting on request fails",
+            "\"Fail to mount the mmc device. mkfs or recreate partition table is required.\", the status stays as it "
+            "was, nothing is reported, the hold is gone");
     only("nothing", "");
     for (mount_status before : {MOUNT_NONE, MOUNT_FAILED}) {
         forget();
@@ -379,6 +420,8 @@ TEST_F(mountpoint, mount_that_fails_leaves_the_status_and_says_so) {
 }
 
 TEST_F(mountpoint, only_a_writable_card_is_mounted) {
+    PROMISE("the card is write-protected, ejected or absent",
+            "no mount is even tried: EINVAL, and the same error line on request");
     for (mmc_state state : {MMC_STATE_NONE, MMC_STATE_RDONLY, MMC_STATE_EJECTED}) {
         forget();
         block_devices.state = state;
@@ -394,6 +437,7 @@ TEST_F(mountpoint, only_a_writable_card_is_mounted) {
 }
 
 TEST_F(mountpoint, mount_of_what_is_mounted_only_releases_the_hold) {
+    PROMISE("the card is mounted already", "mounting only releases the hold");
     m->mounted = MOUNT_OK;
     m->mask = 1;
     EXPECT_EQ(mountpoint_mount(), 0);
@@ -404,6 +448,9 @@ TEST_F(mountpoint, mount_of_what_is_mounted_only_releases_the_hold) {
 }
 
 TEST_F(mountpoint, umount_closes_the_recordings_first) {
+    PROMISE("the card is unmounted on request",
+            "automatic mounting is held off, the recordings are closed before the kernel is asked, without flags; then "
+            "\"Umount successful\" and the report");
     m->mounted = MOUNT_OK;
     int flags = -1;
     kernel::on().umount = [&](const char*, int f) {
@@ -420,6 +467,9 @@ TEST_F(mountpoint, umount_closes_the_recordings_first) {
 }
 
 TEST_F(mountpoint, umount_that_the_kernel_refuses) {
+    PROMISE(
+        "the kernel refuses to unmount",
+        "-1 with its errno, not that of closing the recordings; still mounted, held off, nothing logged or reported");
     m->mounted = MOUNT_OK;
     errno_of_close = EIO;
     kernel::fail("umount", EBUSY);
@@ -432,6 +482,9 @@ TEST_F(mountpoint, umount_that_the_kernel_refuses) {
 }
 
 TEST_F(mountpoint, umount_of_nothing_holds_automatic_mounting_off) {
+    PROMISE("nothing is mounted and unmounting is asked for",
+            "success, and held off from then on: no refresh mounts until the hold is released");
+    PROMISE("the hold is released without mounting", "nothing else happens at that moment");
     for (mount_status status : {MOUNT_NONE, MOUNT_FAILED}) {
         forget();
         m->mounted = status;
@@ -454,6 +507,9 @@ TEST_F(mountpoint, umount_of_nothing_holds_automatic_mounting_off) {
 }
 
 TEST_F(mountpoint, statfs_only_of_a_mounted_card) {
+    PROMISE("free space is asked for while nothing is mounted", "-1, the buffer untouched, the kernel not asked");
+    PROMISE("free space of the mounted card is asked for",
+            "the kernel's answer for the mount point, failures with errno");
     kernel::on().statfs = [](const char* path, struct statfs* buffer) {
         EXPECT_STREQ(path, "/mnt/sdcard");
         buffer->f_bfree = 4711;
@@ -475,6 +531,8 @@ TEST_F(mountpoint, statfs_only_of_a_mounted_card) {
 }
 
 TEST_F(mountpoint, refresh_delay_forgets_a_failure_and_arms_the_timer) {
+    PROMISE("block devices changed",
+            "a failed attempt is forgotten without a report, and the next look is two seconds away");
     for (mount_status status : {MOUNT_NONE, MOUNT_OK, MOUNT_FAILED}) {
         m->mounted = status;
         mountpoint_refresh_delay();
@@ -486,6 +544,11 @@ TEST_F(mountpoint, refresh_delay_forgets_a_failure_and_arms_the_timer) {
 }
 
 TEST_F(mountpoint, status_is_reported_when_it_or_the_card_state_changed) {
+    PROMISE("the status is set to what it is, and the card's derived state is the published one",
+            "nothing is reported");
+    PROMISE(
+        "the status changes, or only the derived state differs",
+        "it is stored and reported as \"Mountinfo changed.\"; the state compared is the one derived before storing");
     const struct {
         mount_status before;
         mount_status value;
@@ -512,7 +575,14 @@ TEST_F(mountpoint, status_is_reported_when_it_or_the_card_state_changed) {
 
 // --- the mount table -----------------------------------------------------------------------------------------------
 
+PROMISES("mountpoint", "The kernel's table");
+
 TEST_F(mountpoint, first_card_mount_of_the_table) {
+    PROMISE("the table is looked at",
+            "one read from its beginning on the same descriptor, so a second look sees what is true then");
+    PROMISE("several devices of major 179 are mounted", "the first one's minor counts");
+    PROMISE("179 stands in another column, or is only part of a number", "it does not count");
+    PROMISE("lines are empty, broken or without an end", "they are passed over, and none runs into the next");
     const struct {
         const char* what;
         std::string text;
@@ -539,6 +609,7 @@ TEST_F(mountpoint, first_card_mount_of_the_table) {
 }
 
 TEST_F(mountpoint, unreadable_table_shows_no_card) {
+    PROMISE("the table cannot be read", "no card is mounted, nothing is logged");
     close(m->mountinfo_fd);
     m->mountinfo_fd = open(kernel::host("/mnt").c_str(), O_RDONLY | O_CLOEXEC);  // read: EISDIR
     EXPECT_EQ(mountinfo_find_mmc(), -1);
@@ -546,6 +617,10 @@ TEST_F(mountpoint, unreadable_table_shows_no_card) {
 }
 
 TEST_F(mountpoint, oversized_table_is_cut_with_a_warning) {
+    PROMISE(
+        "the table fills 4096 bytes",
+        "\"mountinfo is too large, mountpoint changes may lost.\", and 4095 bytes count: a card behind them is missed");
+    PROMISE("the table has 4095 bytes", "it is read whole, without a warning");
     constexpr char WARNING[] = "warning sdcard: mountpoint: mountinfo is too large, mountpoint changes may lost.";
     const std::string card = "21 15 179:4";  // its last digit is the last byte that counts
     const struct {
@@ -578,6 +653,8 @@ TEST_F(mountpoint, oversized_table_is_cut_with_a_warning) {
 // --- the reconciliation --------------------------------------------------------------------------------------------
 
 TEST_F(mountpoint, inserted_card_is_mounted_and_its_folder_opened) {
+    PROMISE("a writable card is not mounted",
+            "it is mounted by itself, its recordings opened, and the status reported");
     write_mountinfo(ROOT_LINE);
     mountinfo_refresh_state();
     EXPECT_EQ(mounts(), list{"/dev/mmcblk0p1 /mnt/sdcard vfat"});
@@ -587,6 +664,7 @@ TEST_F(mountpoint, inserted_card_is_mounted_and_its_folder_opened) {
 }
 
 TEST_F(mountpoint, mounted_card_opens_the_folder_at_every_refresh) {
+    PROMISE("the card stays mounted and writable", "each refresh opens the recordings, and reports nothing");
     write_mountinfo(CARD_LINE);
     mountinfo_refresh_state();
     EXPECT_EQ(told, (list{"record_dir_open", "merge_state while 0", REPORTED_OK}));
@@ -598,6 +676,8 @@ TEST_F(mountpoint, mounted_card_opens_the_folder_at_every_refresh) {
 }
 
 TEST_F(mountpoint, card_mounted_by_hand_elsewhere_counts) {
+    PROMISE("the card is mounted by hand elsewhere",
+            "it counts as mounted, its recordings are opened, it is left where it is");
     write_mountinfo(ROOT_LINE + std::string(CARD_ELSEWHERE));
     mountinfo_refresh_state();
     EXPECT_EQ(m->mounted, MOUNT_OK);
@@ -607,6 +687,8 @@ TEST_F(mountpoint, card_mounted_by_hand_elsewhere_counts) {
 }
 
 TEST_F(mountpoint, card_unmounted_by_hand_is_mounted_again) {
+    PROMISE("the card was unmounted behind our back",
+            "the same refresh mounts it again, and the status did not change meanwhile");
     m->mounted = MOUNT_OK;
     mountinfo_refresh_state();
     EXPECT_EQ(mounts(), list{"/dev/mmcblk0p1 /mnt/sdcard vfat"});
@@ -615,6 +697,8 @@ TEST_F(mountpoint, card_unmounted_by_hand_is_mounted_again) {
 }
 
 TEST_F(mountpoint, folder_is_not_opened_where_it_cannot_be_written) {
+    PROMISE("the mount point cannot be written",
+            "the recordings are not opened, though the card counts as mounted; a later refresh opens them");
     write_mountinfo(CARD_LINE);
     kernel::fail("access", EROFS);
     mountinfo_refresh_state();
@@ -627,6 +711,8 @@ TEST_F(mountpoint, folder_is_not_opened_where_it_cannot_be_written) {
 
 // As above, with the kernel judging: W_OK it must be, not mere existence.
 TEST_F(mountpoint, folder_is_not_opened_in_a_read_only_directory) {
+    PROMISE("the mount point cannot be written",
+            "the recordings are not opened, though the card counts as mounted; a later refresh opens them");
     write_mountinfo(CARD_LINE);
     const pid_t child = fork();
     ASSERT_GE(child, 0);
@@ -650,6 +736,8 @@ TEST_F(mountpoint, folder_is_not_opened_in_a_read_only_directory) {
 }
 
 TEST_F(mountpoint, failed_mount_is_tried_again_every_time_and_reported_once) {
+    PROMISE("automatic mounting fails",
+            "it is tried again at each refresh, told at debug level only, and reported once until it succeeds");
     only("nothing", "");
     mountinfo_refresh_state();
     EXPECT_EQ(told, (list{"merge_state while 0", REPORTED_FAILED}));
@@ -668,6 +756,7 @@ TEST_F(mountpoint, failed_mount_is_tried_again_every_time_and_reported_once) {
 }
 
 TEST_F(mountpoint, card_that_is_not_writable_is_not_mounted) {
+    PROMISE("the card is not writable", "it is never mounted by itself, and that is no failure");
     for (mmc_state state : {MMC_STATE_NONE, MMC_STATE_RDONLY, MMC_STATE_EJECTED}) {
         block_devices.state = state;
         mountinfo_refresh_state();
@@ -679,6 +768,9 @@ TEST_F(mountpoint, card_that_is_not_writable_is_not_mounted) {
 }
 
 TEST_F(mountpoint, held_off_card_is_neither_mounted_nor_opened) {
+    PROMISE("automatic mounting is held off",
+            "a writable card stays unmounted through any number of refreshes; what others mount is seen, but its "
+            "recordings are not opened");
     m->mask = 1;
     write_mountinfo(CARD_LINE);
     mountinfo_refresh_state();
@@ -693,6 +785,9 @@ TEST_F(mountpoint, held_off_card_is_neither_mounted_nor_opened) {
 }
 
 TEST_F(mountpoint, pulled_card_is_detached) {
+    PROMISE("the mounted device is not one of the present card",
+            "\"The mounted block device is not found. Detaching the mountpoint.\", recordings closed as those of a "
+            "card that is gone, then a lazy detach, then the report");
     m->mounted = MOUNT_OK;
     block_devices = mmc_manager{};
     write_mountinfo(ROOT_LINE + std::string(CARD_LINE));
@@ -711,6 +806,7 @@ TEST_F(mountpoint, pulled_card_is_detached) {
 }
 
 TEST_F(mountpoint, swapped_card_is_mounted_in_the_same_refresh) {
+    PROMISE("another card is in when the old one is detached", "it is mounted in the same refresh");
     m->mounted = MOUNT_OK;
     write_mountinfo(GONE_LINE);
     kernel::on().umount = [&](const char*, int) {
@@ -724,6 +820,8 @@ TEST_F(mountpoint, swapped_card_is_mounted_in_the_same_refresh) {
 }
 
 TEST_F(mountpoint, mounts_that_are_gone_are_detached_one_by_one) {
+    PROMISE("several mounts of gone devices are stacked",
+            "they are detached one by one, until the first card mount is a known one or there is none");
     write_mountinfo(std::string(GONE_LINE) + GONE_LINE + CARD_LINE);
     int left = 2;
     kernel::on().umount = [&](const char*, int) {
@@ -739,6 +837,8 @@ TEST_F(mountpoint, mounts_that_are_gone_are_detached_one_by_one) {
 
 // A device that the table does not know, mounted where it is not ours to detach.
 TEST_F(mountpoint, detach_that_fails_ends_the_search) {
+    PROMISE("the detach fails, because the gone device is mounted elsewhere",
+            "the search ends with nothing mounted; the next refresh may still mount the present card");
     m->mounted = MOUNT_OK;
     m->mask = 1;
     write_mountinfo(GONE_LINE);
@@ -753,6 +853,8 @@ TEST_F(mountpoint, detach_that_fails_ends_the_search) {
 }
 
 TEST_F(mountpoint, detaching_without_progress_ends) {
+    PROMISE("detaches succeed and the line stays", "the search gives up after 16");
+    PROMISE("automatic mounting is held off", "a mount of a gone device is detached all the same");
     m->mounted = MOUNT_OK;
     m->mask = 1;
     write_mountinfo(GONE_LINE);
@@ -762,6 +864,7 @@ TEST_F(mountpoint, detaching_without_progress_ends) {
 }
 
 TEST_F(mountpoint, both_watchers_look_at_the_mount) {
+    PROMISE("the kernel tells a change of the table, or the timer fires", "the same look at everything");
     block_devices.state = MMC_STATE_NONE;
     struct ev_loop* loop = ev_default_loop(0);
     ev_invoke(loop, &m->mountinfo_watcher, EV_WRITE);

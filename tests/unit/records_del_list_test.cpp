@@ -11,6 +11,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "support/promise.h"
 #include "support/records_rig.h"
 
 namespace {
@@ -214,7 +215,10 @@ using records_del_list_death = records_del_list;
 
 // --- batches ---------------------------------------------------------------------------------------------------------
 
+PROMISES("records", "The deletion list");
+
 TEST_F(records_del_list, a_batch_has_room_for_its_timestamps) {
+    PROMISE("a batch is made", "it has room for its timestamps and knows their number, 0 included");
     del_list_entry* batch = records_del_begin(3);
     ASSERT_NE(nullptr, batch);
     EXPECT_EQ(3U, batch->count);
@@ -226,6 +230,7 @@ TEST_F(records_del_list, a_batch_has_room_for_its_timestamps) {
 }
 
 TEST_F(records_del_list, no_batch_without_memory) {
+    PROMISE("memory is short, or the batch is larger than all memory", "there is no batch");
     rig::malloc_to_fail = 1;
     EXPECT_EQ(nullptr, records_del_begin(1));
     if (sizeof(size_t) == 4) {
@@ -237,6 +242,10 @@ TEST_F(records_del_list, no_batch_without_memory) {
 // --- deleting --------------------------------------------------------------------------------------------------------
 
 TEST_F(records_del_list, the_index_forgets_at_once_and_the_files_go_later) {
+    PROMISE("a batch is committed", "its clips leave the index at once, protected ones too; their files go later");
+    PROMISE("a worker finds the list empty",
+            "\"del_list file_count = %d=========================\n\" with the clips that it handled, and it gives its "
+            "place back");
     make(101);
     make(102, KYT_PERSISTENT);
     make(103);
@@ -257,6 +266,7 @@ TEST_F(records_del_list, the_index_forgets_at_once_and_the_files_go_later) {
 }
 
 TEST_F(records_del_list, what_the_index_does_not_have_is_left_alone) {
+    PROMISE("a timestamp is 0, not in the index, or there twice", "no file is touched for it");
     rig::make_clip(101);  // a file without a record
     make(102);
     commit({0, 101, 102, 102});
@@ -268,6 +278,8 @@ TEST_F(records_del_list, what_the_index_does_not_have_is_left_alone) {
 }
 
 TEST_F(records_del_list, a_worker_asks_the_library_for_paths_and_nothing_else) {
+    PROMISE("a worker is at work",
+            "it asks the list library for paths, with its whole buffer of 4096 bytes, and for nothing else");
     make(101);
     rig::add(102);
     rig::get().calls.clear();
@@ -278,6 +290,8 @@ TEST_F(records_del_list, a_worker_asks_the_library_for_paths_and_nothing_else) {
 }
 
 TEST_F(records_del_list, a_batch_of_strangers_starts_a_worker_that_removes_nothing) {
+    PROMISE("nothing in a batch is in the index, or the batch is empty",
+            "a worker starts all the same, removes nothing, and says so with 0");
     for (const std::vector<uint32_t>& times : {std::vector<uint32_t>{7, 8, 9}, std::vector<uint32_t>{}}) {
         logged::reset();
         commit(times);
@@ -288,6 +302,7 @@ TEST_F(records_del_list, a_batch_of_strangers_starts_a_worker_that_removes_nothi
 }
 
 TEST_F(records_del_list, closed_index) {
+    PROMISE("the index is closed", "-1 without a line; the batch is neither queued nor freed");
     make(101);
     record_dir_close(0);
     logged::reset();
@@ -304,6 +319,7 @@ TEST_F(records_del_list, closed_index) {
 }
 
 TEST_F(records_del_list, a_path_that_cannot_be_formed_and_files_that_are_gone_do_not_stop_it) {
+    PROMISE("a path cannot be formed, or files are gone", "the worker goes on");
     rig::add(101);
     make(102);
     commit({101, 102});
@@ -320,6 +336,7 @@ TEST_F(records_del_list, a_path_that_cannot_be_formed_and_files_that_are_gone_do
 }
 
 TEST_F(records_del_list, a_card_that_goes_meanwhile) {
+    PROMISE("the card goes while batches wait", "they are worked off all the same, and fail");
     make(101);
     make(102);
     set([] { hold_unlinks = true; });
@@ -336,6 +353,12 @@ TEST_F(records_del_list, a_card_that_goes_meanwhile) {
 // --- workers ---------------------------------------------------------------------------------------------------------
 
 TEST_F(records_del_list, five_at_once_and_the_sixth_batch_waits_for_one_of_them) {
+    PROMISE("a batch comes while fewer than five workers run",
+            "\"del_list_thread_num = %d\n\" with the new number, and a detached worker");
+    PROMISE("a sixth comes", "\" 5 del_list thread alerady running\n\", and a running worker takes it");
+    PROMISE("a worker finds the list empty",
+            "\"del_list file_count = %d=========================\n\" with the clips that it handled, and it gives its "
+            "place back");
     set([] { hold_unlinks = true; });
     detached = 0;
     for (uint32_t i = 1; i <= 6; ++i) {
@@ -368,6 +391,7 @@ TEST_F(records_del_list, five_at_once_and_the_sixth_batch_waits_for_one_of_them)
 }
 
 TEST_F(records_del_list, a_batch_that_comes_while_the_last_worker_leaves_is_not_forgotten) {
+    PROMISE("a sixth comes when all five are about to leave", "one of them takes it");
     // Five workers have found the list empty and are about to say so, when the sixth batch is queued.
     set([] { held_at = {2, 4, 6, 8, 10}; });  // each locks the list once, to take its batch, and the count at its end
     for (uint32_t i = 1; i <= 5; ++i) {
@@ -384,6 +408,8 @@ TEST_F(records_del_list, a_batch_that_comes_while_the_last_worker_leaves_is_not_
 }
 
 TEST_F(records_del_list, two_workers_that_read_the_same_head) {
+    PROMISE("two workers read the same head of the list",
+            "one takes it, the other the next or none; no batch is worked off or freed twice");
     // Both stand before the lock with the first batch in their hands.
     set([] { held_at = {1, 2}; });
     make(101);
@@ -410,6 +436,8 @@ TEST_F(records_del_list, two_workers_that_read_the_same_head) {
 }
 
 TEST_F(records_del_list, the_second_of_two_finds_nothing_left) {
+    PROMISE("two workers read the same head of the list",
+            "one takes it, the other the next or none; no batch is worked off or freed twice");
     set([] { held_at = {1, 2}; });
     make(101);
     commit({101});
@@ -426,6 +454,7 @@ TEST_F(records_del_list, the_second_of_two_finds_nothing_left) {
 }
 
 TEST_F(records_del_list, many_batches_on_all_workers) {
+    PROMISE("many batches run on all workers", "every file goes, once");
     for (uint32_t i = 1; i <= 200; ++i) {
         make(i * 10);
         make((i * 10) + 1);
@@ -441,6 +470,7 @@ TEST_F(records_del_list, many_batches_on_all_workers) {
 }
 
 TEST_F(records_del_list, a_thread_that_cannot_be_created_takes_its_place_with_it) {
+    PROMISE("a thread cannot be created", "\"pthread_create ret=%d\n\", its place is lost for good, the batch waits");
     EXPECT_EXIT(
         {
             make(101);
@@ -463,6 +493,7 @@ TEST_F(records_del_list, a_thread_that_cannot_be_created_takes_its_place_with_it
 }
 
 TEST_F(records_del_list, a_count_below_zero_begins_anew) {
+    PROMISE("the number of workers is below zero", "it begins at 1 again");
     EXPECT_EXIT(
         {
             postpone_creation = true;
@@ -479,6 +510,7 @@ TEST_F(records_del_list, a_count_below_zero_begins_anew) {
 }
 
 TEST_F(records_del_list, batches_wait_for_the_next_worker_and_go_oldest_first) {
+    PROMISE("batches wait without a worker", "the next worker takes them, the oldest first");
     EXPECT_EXIT(
         {
             for (uint32_t ts : {301U, 101U, 201U}) {
@@ -505,6 +537,8 @@ TEST_F(records_del_list, batches_wait_for_the_next_worker_and_go_oldest_first) {
 // --- a broken list ---------------------------------------------------------------------------------------------------
 
 TEST_F(records_del_list_death, a_worker_ends_the_process) {
+    PROMISE("the list's links are broken",
+            "the assertion's text with the place that is looked for, and an abort, in a worker and in the drain");
     EXPECT_EXIT(
         {
             postpone_creation = true;
@@ -518,6 +552,8 @@ TEST_F(records_del_list_death, a_worker_ends_the_process) {
 }
 
 TEST_F(records_del_list_death, the_drain_ends_the_process) {
+    PROMISE("the list's links are broken",
+            "the assertion's text with the place that is looked for, and an abort, in a worker and in the drain");
     EXPECT_EXIT(
         {
             create_errno = EAGAIN;
@@ -533,6 +569,8 @@ TEST_F(records_del_list_death, the_drain_ends_the_process) {
 // --- the drain on the loop -------------------------------------------------------------------------------------------
 
 TEST_F(records_del_list, the_drain_runs_when_it_is_signalled) {
+    PROMISE("the drain on the loop is signalled",
+            "it works off everything without counting; unsignalled it never runs");
     EXPECT_EXIT(
         {
             for (uint32_t ts : {101U, 102U, 201U}) {
@@ -556,7 +594,12 @@ TEST_F(records_del_list, the_drain_runs_when_it_is_signalled) {
 
 // --- the end ---------------------------------------------------------------------------------------------------------
 
+PROMISES("records", "Start and stop");
+
 TEST_F(records_del_list, the_locks_go_with_the_last_worker_only) {
+    PROMISE("the recordings stop", "the list is closed in order, the folder too, and both locks are destroyed");
+    PROMISE("the recordings stop while a worker is deleting",
+            "nobody waits for the worker, and its locks stay until it no longer needs them");
     destroyed = 0;
     records_exit();
     EXPECT_EQ(2, destroyed);
@@ -577,6 +620,8 @@ TEST_F(records_del_list, the_locks_go_with_the_last_worker_only) {
 }
 
 TEST_F(records_del_list, the_process_may_end_while_a_worker_is_at_work) {
+    PROMISE("the recordings stop while a worker is deleting",
+            "nobody waits for the worker, and its locks stay until it no longer needs them");
     EXPECT_EXIT(
         {
             make(101);
@@ -591,7 +636,12 @@ TEST_F(records_del_list, the_process_may_end_while_a_worker_is_at_work) {
 
 // --- protecting ------------------------------------------------------------------------------------------------------
 
+PROMISES("records", "The deletion list");
+
 TEST_F(records_del_list, marking) {
+    PROMISE("a clip is marked",
+            "its lowest flag is set beside the others, nothing is written; marking again changes nothing");
+    PROMISE("a clip is marked that is not in the index, or the index is closed", "-1 with ENOENT, or with EINVAL");
     rig::add(101, 0x10);
     rig::add(102);
     rig::get().calls.clear();
@@ -610,6 +660,7 @@ TEST_F(records_del_list, marking) {
 }
 
 TEST_F(records_del_list, a_marked_clip_is_not_deleted_to_free_space) {
+    PROMISE("a marked clip is the oldest", "the next one goes instead");
     make(101);
     make(102);
     EXPECT_EQ(0, records_mark_persistent(101));

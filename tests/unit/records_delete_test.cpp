@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "main.h"
+#include "support/promise.h"
 #include "support/records_rig.h"
 
 namespace {
@@ -69,7 +70,12 @@ class records_delete : public rig::test {
 
 // --- the walk --------------------------------------------------------------------------------------------------------
 
+PROMISES("records", "Deleting the oldest");
+
 TEST_F(records_delete, deletes_exactly_the_oldest) {
+    PROMISE("the oldest is to go",
+            "exactly one clip goes, image before video, each with an info line and a line in the operation log, then "
+            "its record");
     record({103, 101, 102});
     EXPECT_EQ(0, records_delete_oldest());
     EXPECT_EQ((strings{"102", "103"}), rig::live());
@@ -89,6 +95,10 @@ TEST_F(records_delete, deletes_exactly_the_oldest) {
 }
 
 TEST_F(records_delete, guards_the_walk_and_nothing_else) {
+    PROMISES("main");
+    PROMISE("the oldest clip is looked for", "the thread counts as guarded for just so long, whichever way that ends");
+    PROMISES("records", "The bus fault");
+    PROMISE("the oldest is looked for", "the guard is up during the walk and down before and after it");
     record({101});
     bool was_guarded = false;
     rig::get().on_next = [&] { was_guarded = pthread_equal(bus_guard_thread, pthread_self()) != 0; };
@@ -99,6 +109,7 @@ TEST_F(records_delete, guards_the_walk_and_nothing_else) {
 }
 
 TEST_F(records_delete, any_flag_spares_a_clip) {
+    PROMISE("a record has any flag, not only the mark", "the clip is spared");
     record({101, 102, 103, 104});
     rig::get().list.records[101].flags = KYT_PERSISTENT;
     rig::get().list.records[102].flags = 0x80;
@@ -110,6 +121,9 @@ TEST_F(records_delete, any_flag_spares_a_clip) {
 }
 
 TEST_F(records_delete, only_protected_clips) {
+    PROMISE("all clips are protected, or the list is empty or closed", "-1, errno as it was, nothing touched");
+    PROMISES("main");
+    PROMISE("the oldest clip is looked for", "the thread counts as guarded for just so long, whichever way that ends");
     rig::add(101, KYT_PERSISTENT);
     rig::add(102, KYT_PERSISTENT);
     errno = DISTURBED;
@@ -121,6 +135,7 @@ TEST_F(records_delete, only_protected_clips) {
 }
 
 TEST_F(records_delete, empty_list) {
+    PROMISE("all clips are protected, or the list is empty or closed", "-1, errno as it was, nothing touched");
     errno = DISTURBED;
     EXPECT_EQ(-1, records_delete_oldest());
     EXPECT_EQ(DISTURBED, errno);
@@ -128,6 +143,7 @@ TEST_F(records_delete, empty_list) {
 }
 
 TEST_F(records_delete, closed_list) {
+    PROMISE("all clips are protected, or the list is empty or closed", "-1, errno as it was, nothing touched");
     record({101});
     record_dir_close(0);
     forget();
@@ -139,6 +155,8 @@ TEST_F(records_delete, closed_list) {
 }
 
 TEST_F(records_delete, stale_records_go_on_the_way) {
+    PROMISE("clips are gone whose records are still there",
+            "the records go one after another in the same call, until a clip is really deleted");
     rig::add(101);
     rig::add(102);
     record({103, 104});
@@ -151,6 +169,7 @@ TEST_F(records_delete, stale_records_go_on_the_way) {
 }
 
 TEST_F(records_delete, list_of_stale_records) {
+    PROMISE("the list has stale records only", "they all go, -1 with ENOENT, whatever logging and marking do to errno");
     rig::add(101);
     rig::add(102, KYT_PERSISTENT);
     rig::add(103);
@@ -162,6 +181,8 @@ TEST_F(records_delete, list_of_stale_records) {
 }
 
 TEST_F(records_delete, what_the_video_fails_with_decides) {
+    PROMISE("the video's removal fails with ENOENT, ENOTDIR, EISDIR or ENAMETOOLONG", "the record is stale");
+    PROMISE("the video's removal fails with anything else", "-1 with that errno, the record stays, the walk ends");
     struct {
         int errnum;
         bool is_stale;
@@ -195,6 +216,8 @@ TEST_F(records_delete, what_the_video_fails_with_decides) {
 }
 
 TEST_F(records_delete, what_the_image_fails_with_does_not) {
+    PROMISE("the image cannot be removed, or is missing",
+            "a warning and a line in the operation log; the clip counts as deleted");
     record({101, 102});
     kernel::fail("unlink", EIO);
     EXPECT_EQ(0, records_delete_oldest());
@@ -202,6 +225,7 @@ TEST_F(records_delete, what_the_image_fails_with_does_not) {
 }
 
 TEST_F(records_delete, a_path_that_cannot_be_formed_ends_the_walk) {
+    PROMISE("a clip's path cannot be formed", "the walk ends, no file is touched");
     record({101, 102});
     rig::get().ts2path_errno = ERANGE;
     EXPECT_EQ(-1, records_delete_oldest());
@@ -212,6 +236,7 @@ TEST_F(records_delete, a_path_that_cannot_be_formed_ends_the_walk) {
 }
 
 TEST_F(records_delete, cost_of_a_clip_does_not_grow_with_their_number) {
+    PROMISE("the list grows", "the price of a deletion does not");
     int steps[2];
     for (uint32_t i = 0; i < 2; ++i) {
         SetUp();
@@ -234,6 +259,9 @@ TEST_F(records_delete, cost_of_a_clip_does_not_grow_with_their_number) {
 // --- one clip --------------------------------------------------------------------------------------------------------
 
 TEST_F(records_delete, the_image_goes_before_the_video) {
+    PROMISE("the oldest is to go",
+            "exactly one clip goes, image before video, each with an info line and a line in the operation log, then "
+            "its record");
     rig::make_clip(101);
     EXPECT_EQ(0, remove(rig::clip(101)));
     strings unlinks;
@@ -248,6 +276,8 @@ TEST_F(records_delete, the_image_goes_before_the_video) {
 }
 
 TEST_F(records_delete, a_missing_image_changes_nothing) {
+    PROMISE("the image cannot be removed, or is missing",
+            "a warning and a line in the operation log; the clip counts as deleted");
     kernel::write(rig::clip(101) + ".mp4", "");
     rig::make_clip(102);
     EXPECT_EQ(0, remove(rig::clip(101)));
@@ -258,6 +288,8 @@ TEST_F(records_delete, a_missing_image_changes_nothing) {
 }
 
 TEST_F(records_delete, a_missing_video_fails_with_its_errno) {
+    PROMISE("the video is missing",
+            "a warning and a line in the operation log, -1 with its errno, the directory stays");
     kernel::write(rig::clip(101) + ".jpeg", "");
     logged::disturb_errno(DISTURBED);
     EXPECT_EQ(-1, remove(rig::clip(101)));
@@ -271,6 +303,7 @@ TEST_F(records_delete, a_missing_video_fails_with_its_errno) {
 }
 
 TEST_F(records_delete, a_directory_with_other_clips_stays_silently) {
+    PROMISE("a period's directory still has clips", "it stays, silently, its motion twin too");
     rig::make_clip(101);
     rig::make_clip(102);
     EXPECT_EQ(0, remove(rig::clip(101)));
@@ -282,6 +315,8 @@ TEST_F(records_delete, a_directory_with_other_clips_stays_silently) {
 }
 
 TEST_F(records_delete, a_directory_that_cannot_be_removed) {
+    PROMISE("the directory cannot be removed for another reason",
+            "\"%s: can note remove %s: %s\n\" and a line in the operation log; the motion twin stays; still a success");
     rig::make_clip(101);
     logged::disturb_errno(DISTURBED);
     kernel::fail("rmdir", EBUSY);
@@ -292,6 +327,7 @@ TEST_F(records_delete, a_directory_that_cannot_be_removed) {
 }
 
 TEST_F(records_delete, a_path_without_directory) {
+    PROMISE("the path has no directory in it", "the files go, nothing else is tried");
     EXPECT_EQ(-1, remove("x"));
     EXPECT_EQ(ENOENT, errno);
     char name[32] = "";
@@ -305,6 +341,7 @@ TEST_F(records_delete, a_path_without_directory) {
 }
 
 TEST_F(records_delete, a_clip_right_in_the_folder) {
+    PROMISE("a clip lies right in the folder", "it goes, and the folder stays");
     kernel::write("/mnt/sdcard/ZOLTA_RECORD_VIDEO/stray.mp4", "");
     EXPECT_EQ(0, remove("/mnt/sdcard/ZOLTA_RECORD_VIDEO/stray"));
     EXPECT_EQ("info record_delete: unlink stray.mp4", logged::lines().back());
@@ -312,6 +349,7 @@ TEST_F(records_delete, a_clip_right_in_the_folder) {
 }
 
 TEST_F(records_delete, lengths_that_do_not_fit_the_buffer) {
+    PROMISE("a length does not fit the buffer", "-1 with EINVAL, the kernel is not asked");
     struct {
         size_t size;
         int length;
@@ -326,6 +364,7 @@ TEST_F(records_delete, lengths_that_do_not_fit_the_buffer) {
 }
 
 TEST_F(records_delete, the_extension_is_cut_to_the_buffer) {
+    PROMISE("an extension does not fit behind the path", "it is cut at the buffer's end");
     const std::string path = rig::clip(101);
     kernel::write(path + ".jp", "");
     kernel::write(path + ".mp", "");
@@ -335,6 +374,8 @@ TEST_F(records_delete, the_extension_is_cut_to_the_buffer) {
 }
 
 TEST_F(records_delete, no_card_no_operation_log) {
+    PROMISES("records", "The operation log");
+    PROMISE("there is no operation log", "deleting works all the same");
     rig::make_clip(101);
     kernel::fail("open", ENOENT, 1, kernel::FOREVER);
     EXPECT_EQ(0, remove(rig::clip(101)));
@@ -344,6 +385,7 @@ TEST_F(records_delete, no_card_no_operation_log) {
 // --- the motion detector's twin --------------------------------------------------------------------------------------
 
 TEST_F(records_delete, the_last_clip_takes_the_motion_twin_with_it) {
+    PROMISE("the last clip of a period goes", "its directory goes, then the motion message and the motion directory");
     rig::make_clip(101);
     kernel::write(std::string(MOTION) + "/motion_record_msg", "");
     EXPECT_EQ(0, remove(rig::clip(101)));
@@ -357,6 +399,7 @@ TEST_F(records_delete, the_last_clip_takes_the_motion_twin_with_it) {
 }
 
 TEST_F(records_delete, no_motion_twin) {
+    PROMISE("there is no motion message", "\"%s: can not unlink %s: %s\", and the motion directory is not tried");
     rig::make_clip(101);
     logged::disturb_errno(DISTURBED);
     EXPECT_EQ(0, remove(rig::clip(101)));
@@ -368,6 +411,7 @@ TEST_F(records_delete, no_motion_twin) {
 }
 
 TEST_F(records_delete, a_motion_directory_without_message_stays) {
+    PROMISE("there is no motion message", "\"%s: can not unlink %s: %s\", and the motion directory is not tried");
     rig::make_clip(101);
     kernel::make_dir(MOTION);
     EXPECT_EQ(0, remove(rig::clip(101)));
@@ -376,6 +420,7 @@ TEST_F(records_delete, a_motion_directory_without_message_stays) {
 }
 
 TEST_F(records_delete, a_motion_directory_with_other_files_stays) {
+    PROMISE("the motion directory has other files", "\"[%s-%d] empty dir fail\n\" after one attempt");
     rig::make_clip(101);
     kernel::write(std::string(MOTION) + "/motion_record_msg", "");
     kernel::write(std::string(MOTION) + "/other", "");
@@ -388,6 +433,8 @@ TEST_F(records_delete, a_motion_directory_with_other_files_stays) {
 }
 
 TEST_F(records_delete, the_second_attempt_ends_at_the_message) {
+    PROMISE("the motion directory cannot be removed for another reason",
+            "a second attempt, which ends at the message that is gone by then");
     rig::make_clip(101);
     kernel::write(std::string(MOTION) + "/motion_record_msg", "");
     kernel::fail("rmdir", EBUSY, 2);  // the first is the period's own
@@ -401,6 +448,7 @@ TEST_F(records_delete, the_second_attempt_ends_at_the_message) {
 }
 
 TEST_F(records_delete, no_third_attempt) {
+    PROMISE("the motion message comes back in between", "two attempts and no third, then \"[%s-%d] empty dir fail\n\"");
     rig::make_clip(101);
     kernel::write(std::string(MOTION) + "/motion_record_msg", "");
     kernel::fail("rmdir", EBUSY, 2, kernel::FOREVER);
@@ -415,6 +463,7 @@ TEST_F(records_delete, no_third_attempt) {
 }
 
 TEST_F(records_delete, a_long_motion_path_is_cut) {
+    PROMISE("a motion path has 64 characters or more", "it is cut");
     const std::string period = "/mnt/sdcard/ZOLTA_RECORD_VIDEO/" + std::string(60, 'p');
     kernel::write(period + "/a.mp4", "");
     EXPECT_EQ(0, remove(period + "/a"));
@@ -425,7 +474,14 @@ TEST_F(records_delete, a_long_motion_path_is_cut) {
 
 // --- the bus fault ---------------------------------------------------------------------------------------------------
 
+PROMISES("records", "The bus fault");
+
 TEST_F(records_delete, bus_fault_closes_the_list_and_nothing_else) {
+    PROMISE("the card vanishes during the walk",
+            "\"%s: Received SIGBUS\", a refresh, the list closed as that of a vanished card, -1 with EFAULT, the guard "
+            "down; folder, table and timers stay");
+    PROMISES("main");
+    PROMISE("the oldest clip is looked for", "the thread counts as guarded for just so long, whichever way that ends");
     record({101, 102});
     const int descriptors = rig::open_descriptors();
     rig::get().on_next = rig::fault;
@@ -454,6 +510,7 @@ TEST_F(records_delete, bus_fault_closes_the_list_and_nothing_else) {
 }
 
 TEST_F(records_delete, bus_fault_late_in_the_walk) {
+    PROMISE("the card vanishes late in the walk", "the same, and the clip not reached is untouched");
     rig::add(101);
     rig::add(102, KYT_PERSISTENT);
     record({103});
@@ -468,6 +525,8 @@ TEST_F(records_delete, bus_fault_late_in_the_walk) {
 }
 
 TEST_F(records_delete, recovery_that_is_asked_for_the_oldest_again) {
+    PROMISE("the recovery's refresh asks for the oldest again",
+            "it gets -1 with EFAULT without touching the list; there is one recovery");
     // The card still looks full while it is vanishing: the refresh comes back for the next clip. It must not walk the
     // list, which would fault again with the signal blocked and end the process.
     record({101, 102});
@@ -490,6 +549,7 @@ TEST_F(records_delete, recovery_that_is_asked_for_the_oldest_again) {
 }
 
 TEST_F(records_delete, recovery_during_which_everything_is_closed) {
+    PROMISE("the recovery's refresh closes everything", "the list is closed once");
     record({101});
     const int descriptors = rig::open_descriptors();
     rig::get().on_next = rig::fault;
@@ -501,6 +561,8 @@ TEST_F(records_delete, recovery_during_which_everything_is_closed) {
 }
 
 TEST_F(records_delete, the_next_open_after_a_bus_fault) {
+    PROMISE("the folder is opened after a fault",
+            "the old descriptor is not lost, the table is new, the timers start again");
     record({101});
     const int descriptors = rig::open_descriptors();
     rig::get().on_next = rig::fault;
@@ -532,6 +594,7 @@ TEST_F(records_delete, the_next_open_after_a_bus_fault) {
 }
 
 TEST_F(records_delete, a_failed_open_after_a_bus_fault_leaves_everything_closed) {
+    PROMISE("the opening after a fault fails", "everything is closed");
     record({101});
     const int descriptors = rig::open_descriptors();
     rig::get().on_next = rig::fault;
@@ -588,6 +651,11 @@ int ending_of(void (*body)()) {
 }
 
 TEST_F(records_delete, survives_a_real_bus_fault_once) {
+    PROMISE("a real fault comes from a mapped file", "it is survived once");
+    PROMISES("main");
+    PROMISE("a bus fault in the guarded region was survived", "SIGBUS is blocked in the loop thread from then on");
+    PROMISE("the list vanishes while the oldest clip is looked for",
+            "deleting fails with EFAULT and the daemon goes on");
     // In a child, because SIGBUS stays blocked afterwards.
     EXPECT_EQ(0, ending_of([] {
                   static const vanished_file file;
@@ -608,6 +676,10 @@ TEST_F(records_delete, survives_a_real_bus_fault_once) {
 }
 
 TEST_F(records_delete, the_next_real_bus_fault_ends_the_process) {
+    PROMISE("a second real fault comes", "the process ends: the signal is still blocked");
+    PROMISES("main");
+    PROMISE("the loop thread meets another fault after one that it survived",
+            "the kernel ends the process by SIGBUS, without a dump");
     const int ending = ending_of([] {
         static const vanished_file file;
         record({101, 102});
@@ -630,6 +702,7 @@ TEST_F(records_delete, the_next_real_bus_fault_ends_the_process) {
 }
 
 TEST_F(records_delete, a_bus_fault_outside_the_walk_is_fatal) {
+    PROMISE("a fault comes outside of the walk", "the process aborts");
     EXPECT_EQ(128 + SIGABRT, ending_of([] {
                   static const vanished_file file;
                   record({101});

@@ -15,6 +15,7 @@
 #include "sdcard.h"
 #include "support/kernel.h"
 #include "support/log.h"
+#include "support/promise.h"
 
 std::atomic<pthread_t> bus_guard_thread;
 sigjmp_buf bus_guard_jmp;
@@ -80,7 +81,10 @@ class records_kyt : public testing::Test {
     }
 };
 
+PROMISES("records", "The deletion list");
+
 TEST_F(records_kyt, threads_delete_while_the_loop_goes_on_recording) {
+    PROMISE("many batches run on all workers", "every file goes, once");
     for (uint32_t i = 0; i < BATCHES * BATCH * 2; ++i) {
         record(nth(i));
     }
@@ -110,6 +114,7 @@ TEST_F(records_kyt, threads_delete_while_the_loop_goes_on_recording) {
 }
 
 TEST_F(records_kyt, a_protected_clip_is_deleted_on_request_and_by_nothing_else) {
+    PROMISE("a marked clip is deleted on request", "it goes");
     for (uint32_t i = 0; i < 3; ++i) {
         record(nth(i));
     }
@@ -129,6 +134,7 @@ TEST_F(records_kyt, a_protected_clip_is_deleted_on_request_and_by_nothing_else) 
 
 // Any thread may ask for a clip's path, at any time.
 TEST_F(records_kyt, paths_are_formed_by_many_threads_at_once) {
+    PROMISE("many threads ask for paths while clips are recorded", "each gets the right one");
     std::thread threads[4];
     for (std::thread& thread : threads) {
         thread = std::thread([] {

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "support/promise.h"
 #include "support/records_rig.h"
 
 namespace {
@@ -21,7 +22,10 @@ class records_log : public rig::test {
     static std::string prefix() { return std::to_string(getpid()) + "-1790000000: "; }
 };
 
+PROMISES("records", "The operation log");
+
 TEST_F(records_log, appends_a_line_and_keeps_nothing_open) {
+    PROMISE("a line is written", "process id, time and text, appended; mode 0600; nothing stays open");
     const int descriptors = rig::open_descriptors();
     log_record("%u: saved\n", 4000000000U);
     log_record("%s: %s\n", "a/b.mp4", "Input/output error");
@@ -35,6 +39,7 @@ TEST_F(records_log, appends_a_line_and_keeps_nothing_open) {
 }
 
 TEST_F(records_log, prefix_and_body_are_two_writes) {
+    PROMISE("a line is written", "as two writes: the prefix, then the body");
     rig::get().note_writes = true;
     log_record("%s: deleted\n", "a/b.mp4");
     rig::get().note_writes = false;
@@ -42,6 +47,7 @@ TEST_F(records_log, prefix_and_body_are_two_writes) {
 }
 
 TEST_F(records_log, time_is_a_signed_32_bit_number) {
+    PROMISE("the clock shows a time beyond 32 bits, or before 1970", "the time is that of a signed 32-bit clock");
     struct {
         int64_t now;
         const char* text;
@@ -55,6 +61,7 @@ TEST_F(records_log, time_is_a_signed_32_bit_number) {
 }
 
 TEST_F(records_log, rotates_above_two_mebibytes) {
+    PROMISE("the log has 2097152 bytes", "the line is appended");
     fill(2097152);
     log_record("appended\n");
     EXPECT_FALSE(kernel::exists(OLD));
@@ -70,6 +77,8 @@ TEST_F(records_log, rotates_above_two_mebibytes) {
 }
 
 TEST_F(records_log, rotates_at_exactly_the_threshold_and_replaces_the_old_generation) {
+    PROMISE("the log has 2097153 bytes or more",
+            "it becomes the old generation, the one before goes, and the line is the new log's first");
     const int descriptors = rig::open_descriptors();
     kernel::write(OLD, "older");
     fill(2097153);
@@ -80,6 +89,7 @@ TEST_F(records_log, rotates_at_exactly_the_threshold_and_replaces_the_old_genera
 }
 
 TEST_F(records_log, a_failed_rotation_empties_the_log) {
+    PROMISE("the log cannot be renamed", "it is emptied");
     fill(2097153);
     kernel::fail("rename", EROFS);
     log_record("first\n");
@@ -88,6 +98,7 @@ TEST_F(records_log, a_failed_rotation_empties_the_log) {
 }
 
 TEST_F(records_log, only_the_rotated_descriptor_stays_open_on_exec) {
+    PROMISE("a log is opened", "close-on-exec, but for the one that follows a rotation");
     // Seen at the first write, when nothing but the log is new.
     std::vector<int> flags;
     bool seen[64] = {};
@@ -112,6 +123,7 @@ TEST_F(records_log, only_the_rotated_descriptor_stays_open_on_exec) {
 }
 
 TEST_F(records_log, failures_are_silent) {
+    PROMISE("the card is away, full, or refuses to write or to open", "the line is lost, silently");
     struct {
         const char* what;
         void (*arrange)();
@@ -140,6 +152,7 @@ TEST_F(records_log, failures_are_silent) {
 }
 
 TEST_F(records_log, a_line_beyond_every_path_is_cut) {
+    PROMISE("a line is longer than every path", "it is cut; a path of full length is not");
     const std::string path(4095, 'p');
     log_record("%s: %s\n", path.c_str(), "File name too long");
     EXPECT_EQ(prefix() + path + ": File name too long\n", kernel::read(LOG));

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "main.h"
+#include "support/promise.h"
 #include "support/records_rig.h"
 
 namespace {
@@ -69,7 +70,15 @@ class records : public rig::test {
 
 // --- init and exit ---------------------------------------------------------------------------------------------------
 
+PROMISES("records", "Start and stop");
+
 TEST_F(records, init_installs_the_guard_and_subscribes) {
+    PROMISE("the recordings start",
+            "the bus-fault handler is installed without extra signal information and without a mask, \"sdcard_kyt\" is "
+            "subscribed with a null context, no timer runs");
+    PROMISES("main");
+    PROMISE("the recordings start",
+            "SIGBUS leads to the guard, with an empty mask and without the extended information");
     struct sigaction action = {};
     sigaction(SIGBUS, nullptr, &action);
     EXPECT_EQ(on_sigbus, action.sa_sigaction);
@@ -83,6 +92,7 @@ TEST_F(records, init_installs_the_guard_and_subscribes) {
 }
 
 TEST_F(records, init_goes_on_without_the_subscription) {
+    PROMISE("the subscription fails", "\"kv_register: %s\", and everything else works");
     rig::get().kv_errno = ENOMEM;
     EXPECT_EQ(0, records_init());
     EXPECT_EQ(strings{"crit kv_register: Cannot allocate memory"}, logged::lines());
@@ -90,6 +100,7 @@ TEST_F(records, init_goes_on_without_the_subscription) {
 }
 
 TEST_F(records, exit_closes_in_order) {
+    PROMISE("the recordings stop", "the list is closed in order, the folder too, and both locks are destroyed");
     const int descriptors = rig::open_descriptors();
     open();
     records_exit();
@@ -97,7 +108,10 @@ TEST_F(records, exit_closes_in_order) {
     expect_closed(descriptors);
 }
 
+PROMISES("main");
+
 TEST_F(records, exit_leaves_the_guard) {
+    PROMISE("the recordings stop", "the guard stays in place");
     records_exit();
     struct sigaction action = {};
     sigaction(SIGBUS, nullptr, &action);
@@ -106,7 +120,12 @@ TEST_F(records, exit_leaves_the_guard) {
 
 // --- opening ---------------------------------------------------------------------------------------------------------
 
+PROMISES("records", "Opening and closing the folder");
+
 TEST_F(records, opens_a_card_with_the_folder) {
+    PROMISE("a card has the folder",
+            "list opened and maintained, whatever maintenance says, two lines of info, a rescan in 12 h and "
+            "maintenance in 30 min, each again after as long");
     kernel::make_dir(RECORD_DIR);
     rig::get().calls.clear();
     record_dir_open();
@@ -122,6 +141,7 @@ TEST_F(records, opens_a_card_with_the_folder) {
 }
 
 TEST_F(records, makes_the_folder_of_a_new_card) {
+    PROMISE("a card has no folder", "it is made with mode 0755, then opened");
     record_dir_open();
     struct stat status = {};
     ASSERT_EQ(0, stat(kernel::host(RECORD_DIR).c_str(), &status));
@@ -132,6 +152,7 @@ TEST_F(records, makes_the_folder_of_a_new_card) {
 }
 
 TEST_F(records, folder_that_goes_again_is_made_again) {
+    PROMISE("the new folder vanishes before it is opened", "it is made again");
     kernel::fail("open", ENOENT, 1, 2);
     kernel::on().before = [](const char* call, const char*) {
         if (std::string(call) == "mkdir") {
@@ -144,6 +165,7 @@ TEST_F(records, folder_that_goes_again_is_made_again) {
 }
 
 TEST_F(records, descriptors_are_closed_on_exec) {
+    PROMISE("descriptors are opened", "each is close-on-exec from the start");
     kernel::make_dir(FIRST);
     bool seen[256] = {};
     for (int fd = 0; fd < 256; ++fd) {
@@ -165,6 +187,8 @@ TEST_F(records, descriptors_are_closed_on_exec) {
 }
 
 TEST_F(records, a_second_open_changes_nothing) {
+    PROMISE("the folder is opened while open",
+            "nothing happens, not a single call to the kernel, and the timers go on");
     open();
     const int descriptors = rig::open_descriptors();
     const int starts = rig::get().timer_starts;
@@ -177,6 +201,13 @@ TEST_F(records, a_second_open_changes_nothing) {
 }
 
 TEST_F(records, failed_opens_leave_everything_closed) {
+    PROMISE("the folder cannot be opened, for another reason than its absence",
+            "\"Fail to open the record folder:%s\", everything closed");
+    PROMISE("the folder cannot be made",
+            "\"The record folder is not exists and it can not be created! %s\", everything closed");
+    PROMISE("the list cannot be opened", "\"Fail to open record list file: %s\", the folder's descriptor closed");
+    PROMISE("the first scan fails",
+            "\"Fail to scan record dir.\", the list closed in order, the descriptor closed, no timer");
     struct {
         const char* what;
         void (*arrange)();
@@ -229,6 +260,7 @@ TEST_F(records, failed_opens_leave_everything_closed) {
 }
 
 TEST_F(records, opens_after_a_failure) {
+    PROMISE("opening failed once", "the next opening works");
     kernel::fail("dup", EMFILE);
     record_dir_open();
     open();
@@ -236,6 +268,7 @@ TEST_F(records, opens_after_a_failure) {
 }
 
 TEST_F(records, announcements_are_dropped_until_all_of_it_is_open) {
+    PROMISE("a clip is announced during the first scan", "it is lost: the list counts as open only when all of it is");
     // The handle is stored last: what the scan meets must find the list closed still.
     kernel::make_dir(FIRST);
     rig::get().on_readdir = [] {
@@ -249,6 +282,9 @@ TEST_F(records, announcements_are_dropped_until_all_of_it_is_open) {
 // --- closing ---------------------------------------------------------------------------------------------------------
 
 TEST_F(records, closes_orderly_or_dirty) {
+    PROMISE(
+        "the folder is closed with any value but 0",
+        "the list is closed as that of a vanished card, with 0 in order; timers off, table empty, descriptor closed");
     struct {
         int dirty;
         const char* call;
@@ -268,6 +304,7 @@ TEST_F(records, closes_orderly_or_dirty) {
 }
 
 TEST_F(records, closing_twice_is_fine) {
+    PROMISE("the folder is closed while closed", "nothing happens");
     open();
     record_dir_close(1);
     forget();
@@ -277,6 +314,8 @@ TEST_F(records, closing_twice_is_fine) {
 }
 
 TEST_F(records, the_next_card_starts_with_an_empty_table) {
+    PROMISE("another card is opened after one was closed",
+            "nothing of the old card's table counts, even with the same names and times");
     write_bytes(in(FIRST, "a.mp4"), 10);
     set_mtime(FIRST, 1'000'000);
     open();
@@ -289,7 +328,12 @@ TEST_F(records, the_next_card_starts_with_an_empty_table) {
 
 // --- the table of periods --------------------------------------------------------------------------------------------
 
+PROMISES("records", "The space that the clips take");
+
 TEST_F(records, size_counts_the_files_directly_inside_the_periods) {
+    PROMISE("the size is asked for",
+            "regular files directly inside the period directories, and nothing else: no folders inside, links to "
+            "folders, links in place of files, stray files, or folders of other names");
     write_bytes(in(FIRST, "a.jpeg"), 3);
     write_bytes(in(FIRST, "a.mp4"), 100);
     write_bytes(in(SECOND, "b.mp4"), 1000);
@@ -307,11 +351,13 @@ TEST_F(records, size_counts_the_files_directly_inside_the_periods) {
 }
 
 TEST_F(records, size_of_a_closed_folder_is_zero) {
+    PROMISE("the folder is closed", "the size is 0, and the kernel is not asked");
     EXPECT_EQ(0U, record_dir_size());
     EXPECT_EQ(strings{}, kernel::calls());
 }
 
 TEST_F(records, entries_of_unknown_type_are_skipped) {
+    PROMISE("the filesystem does not tell an entry's type", "the entry is skipped");
     write_bytes(in(FIRST, "a.mp4"), 10);
     write_bytes(in(FIRST, "b.mp4"), 20);
     write_bytes(in(SECOND, "c.mp4"), 40);
@@ -321,6 +367,9 @@ TEST_F(records, entries_of_unknown_type_are_skipped) {
 }
 
 TEST_F(records, an_unchanged_directory_is_not_read_again) {
+    PROMISE("a directory's time is unchanged",
+            "it is not read again, and a file that grew in place keeps its old size");
+    PROMISE("a directory's time changed, forwards or backwards", "it is counted afresh");
     write_bytes(in(FIRST, "a.mp4"), 10);
     write_bytes(in(SECOND, "b.mp4"), 20);
     set_mtime(FIRST, 1'000'000);
@@ -340,6 +389,7 @@ TEST_F(records, an_unchanged_directory_is_not_read_again) {
 }
 
 TEST_F(records, times_are_kept_in_32_bits) {
+    PROMISE("a directory's time needs more than 32 bits", "only the low 32 are compared");
     // The same low 32 bits are the same time on every machine. Only where the filesystem keeps more can that be seen.
     if (sizeof(time_t) == 4) {
         return;
@@ -353,6 +403,7 @@ TEST_F(records, times_are_kept_in_32_bits) {
 }
 
 TEST_F(records, a_period_wraps_at_32_bits_and_the_total_does_not) {
+    PROMISE("a period has 4 GiB or more", "its size wraps at 32 bits, the total does not");
     write_bytes(in(FIRST, "a.mp4"), 0);
     write_bytes(in(FIRST, "b.mp4"), 7);
     write_bytes(in(SECOND, "c.mp4"), 0);
@@ -363,6 +414,7 @@ TEST_F(records, a_period_wraps_at_32_bits_and_the_total_does_not) {
 }
 
 TEST_F(records, a_directory_that_went_is_dropped) {
+    PROMISE("a directory is gone at the next scan", "it is dropped, and counted anew when it comes back");
     write_bytes(in(FIRST, "a.mp4"), 10);
     write_bytes(in(SECOND, "b.mp4"), 20);
     open();
@@ -379,6 +431,7 @@ TEST_F(records, a_directory_that_went_is_dropped) {
 }
 
 TEST_F(records, a_directory_without_stat_is_dropped) {
+    PROMISE("a directory cannot be looked at", "it is dropped, until it can");
     write_bytes(in(FIRST, "a.mp4"), 10);
     open();
     kernel::fail("fstatat", EIO);
@@ -387,6 +440,7 @@ TEST_F(records, a_directory_without_stat_is_dropped) {
 }
 
 TEST_F(records, a_file_without_stat_is_not_counted) {
+    PROMISE("a file cannot be looked at", "it does not count, the others do");
     write_bytes(in(FIRST, "a.mp4"), 10);
     write_bytes(in(FIRST, "b.mp4"), 10);
     kernel::fail("fstatat", EIO, 2);  // the first is the directory's own
@@ -395,6 +449,8 @@ TEST_F(records, a_file_without_stat_is_not_counted) {
 }
 
 TEST_F(records, a_directory_that_cannot_be_read) {
+    PROMISE("a new directory cannot be read", "it is left out until it can");
+    PROMISE("a known directory changed and cannot be read", "it counts for nothing until it changes again");
     struct {
         const char* call;
         int nth;  // of the calls in one scan: fdopendir opens the folder first
@@ -421,6 +477,7 @@ TEST_F(records, a_directory_that_cannot_be_read) {
 }
 
 TEST_F(records, a_failed_scan_leaves_the_old_table) {
+    PROMISE("the scan itself fails", "the old table counts, no descriptor is lost");
     write_bytes(in(FIRST, "a.mp4"), 10);
     open();
     const int descriptors = rig::open_descriptors();
@@ -434,6 +491,7 @@ TEST_F(records, a_failed_scan_leaves_the_old_table) {
 }
 
 TEST_F(records, no_memory_for_an_entry) {
+    PROMISE("there is no memory for an entry", "that directory is left out until the next scan");
     write_bytes(in(FIRST, "a.mp4"), 10);
     rig::malloc_to_fail = 1;
     open();
@@ -444,6 +502,7 @@ TEST_F(records, no_memory_for_an_entry) {
 using records_death = records;
 
 TEST_F(records_death, no_memory_for_the_table_ends_the_process) {
+    PROMISE("there is no memory for the table", "the process ends with status -1");
     write_bytes(in(FIRST, "a.mp4"), 10);
     rig::malloc_to_fail = 2;
     EXPECT_EXIT(record_dir_open(), testing::ExitedWithCode(255), "");
@@ -451,6 +510,7 @@ TEST_F(records_death, no_memory_for_the_table_ends_the_process) {
 }
 
 TEST_F(records, rescan_timer_scans) {
+    PROMISE("the rescan timer fires", "the table is brought up to date without being asked");
     write_bytes(in(FIRST, "a.mp4"), 10);
     open();
     write_bytes(in(SECOND, "b.mp4"), 20);
@@ -460,6 +520,7 @@ TEST_F(records, rescan_timer_scans) {
 }
 
 TEST_F(records, many_periods) {
+    PROMISE("many periods come and go", "each counts as long as it is there");
     for (int i = 0; i < 60; ++i) {
         write_bytes(in(RECORD_DIR, (std::to_string(2026000000 + i) + "/a.mp4").c_str()), 2);
     }
@@ -474,6 +535,7 @@ TEST_F(records, many_periods) {
 }
 
 TEST_F(records, dump) {
+    PROMISE("the table is dumped", "one debug line for each period in the order they were met: path, size, time");
     write_bytes(in(FIRST, "a.mp4"), 10);
     set_mtime(FIRST, 1'000'000);
     open();
@@ -492,7 +554,12 @@ TEST_F(records, dump) {
 
 // --- new clips -------------------------------------------------------------------------------------------------------
 
+PROMISES("records", "New clips");
+
 TEST_F(records, a_new_clip_is_indexed) {
+    PROMISE("a clip is announced",
+            "it is written to the list, whatever that returns, then \"%u: saved\" to the operation log, a debug line, "
+            "one refresh for \"New Record\"");
     open();
     announce("17,1");
     EXPECT_EQ((strings{"kyt_write 17", "sdcard_refresh New Record"}), rig::get().calls);
@@ -505,6 +572,9 @@ TEST_F(records, a_new_clip_is_indexed) {
 }
 
 TEST_F(records, the_list_is_written_before_the_operation_log) {
+    PROMISE("a clip is announced",
+            "it is written to the list, whatever that returns, then \"%u: saved\" to the operation log, a debug line, "
+            "one refresh for \"New Record\"");
     open();
     rig::get().on_write = [](const kyt_record*) {
         EXPECT_FALSE(kernel::exists("/mnt/sdcard/ZOLTA_RECORD_VIDEO/op.log"));
@@ -514,6 +584,9 @@ TEST_F(records, the_list_is_written_before_the_operation_log) {
 }
 
 TEST_F(records, a_known_clip_is_overwritten_whole) {
+    PROMISE("a clip's timestamp is known already",
+            "\"Overwrite %u\", \"%u: overwrite\" in the operation log, the whole record replaced: an earlier "
+            "protection is lost; one refresh");
     open();
     announce("4000000000,1");
     forget();
@@ -529,6 +602,7 @@ TEST_F(records, a_known_clip_is_overwritten_whole) {
 }
 
 TEST_F(records, an_announcement_without_value_is_ignored) {
+    PROMISE("the key has no value", "nothing at all");
     open();
     announce(nullptr);
     EXPECT_EQ(strings{}, logged::lines());
@@ -537,6 +611,7 @@ TEST_F(records, an_announcement_without_value_is_ignored) {
 }
 
 TEST_F(records, an_announcement_that_makes_no_sense_is_ignored) {
+    PROMISE("the announcement makes no sense", "\"kyt_record_parse fail on %.*s\" with its own bytes only, no refresh");
     open();
     rig::get().announce(nullptr, "noise, and what follows it", 5);
     EXPECT_EQ(strings{"debug kyt_record_parse fail on noise"}, logged::lines());
@@ -546,6 +621,7 @@ TEST_F(records, an_announcement_that_makes_no_sense_is_ignored) {
 }
 
 TEST_F(records, an_announcement_without_a_card_is_lost) {
+    PROMISE("the list is not open", "\"The kyt is currently unusable, %u lost!\", no refresh, no trace on the card");
     announce("4000000000");
     EXPECT_EQ(strings{"warning The kyt is currently unusable, 4000000000 lost!"}, logged::lines());
     EXPECT_EQ(0, std::count(rig::get().calls.begin(), rig::get().calls.end(), "sdcard_refresh New Record"));
@@ -553,6 +629,8 @@ TEST_F(records, an_announcement_without_a_card_is_lost) {
 }
 
 TEST_F(records, maintenance_while_the_list_is_open) {
+    PROMISE("the maintenance timer fires",
+            "the list is maintained while it is open; the timer goes on; with the list closed nothing is done");
     open();
     ev_timer* timer = rig::get().optimise;
     fire(timer);

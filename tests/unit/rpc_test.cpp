@@ -18,6 +18,7 @@
 #include "sdcard.h"
 #include "support/kernel.h"
 #include "support/log.h"
+#include "support/promise.h"
 #include "vesk_statistics.h"
 
 using namespace std::string_literals;
@@ -224,7 +225,10 @@ class rpc : public testing::Test {
 
 // --- the information report ------------------------------------------------------------------------------------------
 
+PROMISES("rpc", "The information report");
+
 TEST_F(rpc, info_without_a_card) {
+    PROMISE("there is no disk", "\"mmc\", \"block\" and \"fs\" are null, and no path is even formed");
     block_devices = mmc_manager{};
     state = SDCARD_NOT_EXISTS;
     EXPECT_EQ(info(), R"(sdcard.info {"state":1,"mmc":null,"block":null,"fs":null})");
@@ -234,6 +238,9 @@ TEST_F(rpc, info_without_a_card) {
 }
 
 TEST_F(rpc, info_of_a_card) {
+    PROMISE("there is a card",
+            "state, registers, block device and filesystem, in this order, logged as text at debug level and handed "
+            "over as \"sdcard.info\"");
     make_sysfs();
     kernel::write(CARD + "name"s, "SD32G\n");
     kernel::write(DISK + "size"s, "15523840\n");
@@ -258,6 +265,7 @@ TEST_F(rpc, info_of_a_card) {
 }
 
 TEST_F(rpc, info_under_the_longest_name_of_a_disk) {
+    PROMISE("the disk has the longest name there is", "the paths hold it whole");
     const std::string name(32, 'd');
     set_disk(name.c_str());
     info();
@@ -265,6 +273,7 @@ TEST_F(rpc, info_under_the_longest_name_of_a_disk) {
 }
 
 TEST_F(rpc, info_with_each_state) {
+    PROMISE("the card is in any state, unknown included", "its number is reported");
     block_devices = mmc_manager{};
     for (const sdcard_state each : {SDCARD_NORMAL, SDCARD_FULL, SDCARD_EJECTING, SDCARD_UNKNOWN}) {
         state = each;
@@ -275,6 +284,9 @@ TEST_F(rpc, info_with_each_state) {
 // The card's files in the directory's order; folders, links and the event file left out, with and without a filesystem
 // that tells types.
 TEST_F(rpc, info_of_the_cards_regular_files) {
+    PROMISE("the card's directory has folders, links, pipes and \"uevent\"",
+            "only the other regular files are reported, in the directory's order, also where the filesystem tells no "
+            "types");
     make_sysfs();
     for (const char* name : {"name", "cid", "csd", "serial", "manfid", "oemid", "date", "ssr", "uevent2", "Uevent"}) {
         kernel::write(CARD + std::string(name), name + " text\n"s);
@@ -302,6 +314,10 @@ TEST_F(rpc, info_of_the_cards_regular_files) {
 }
 
 TEST_F(rpc, info_text_of_a_file) {
+    PROMISE("a file is longer than 128 bytes", "its first 128 are reported");
+    PROMISE("a text ends with line breaks", "one of them is taken off; blanks, quotes and NULs stay");
+    PROMISE("the 128 bytes end in the middle of a line", "nothing is taken off");
+    PROMISE("a file is empty", "it is left out, while a line break alone is an empty text");
     const struct {
         const char* what;
         std::string file;
@@ -332,6 +348,9 @@ TEST_F(rpc, info_text_of_a_file) {
 }
 
 TEST_F(rpc, info_number_of_a_file) {
+    PROMISE("a number is out of 32 bits", "it is the nearest that fits");
+    PROMISE("a number's file has no number", "it is 0; an empty file is left out");
+    PROMISE("a number lies beyond the first 40 bytes", "it is cut there");
     const struct {
         std::string file;
         const char* json;  // null: left out
@@ -369,6 +388,7 @@ TEST_F(rpc, info_number_of_a_file) {
 
 // Without a line break it ends with the file, not with what was read before.
 TEST_F(rpc, info_number_ends_with_its_file) {
+    PROMISE("a number has no line break behind it", "it ends with its file, whatever was read before");
     make_sysfs();
     kernel::write(DISK + "ro"s, "987654");
     kernel::write(DISK + "force_ro"s, "12");
@@ -377,6 +397,7 @@ TEST_F(rpc, info_number_ends_with_its_file) {
 }
 
 TEST_F(rpc, info_leaves_out_what_cannot_be_read) {
+    PROMISE("a file cannot be opened or read", "it alone is left out");
     make_sysfs();
     kernel::write(CARD + "name"s, "SD32G\n");
     kernel::write(DISK + "stat"s, "1 2\n");
@@ -405,6 +426,7 @@ TEST_F(rpc, info_leaves_out_what_cannot_be_read) {
 }
 
 TEST_F(rpc, info_waits_for_no_file) {
+    PROMISE("a file gives nothing and does not end", "it is left out, and the loop is not held up");
     make_sysfs();
     kernel::write(DISK + "size"s, "8\n");
     for (const char* name : {"stat", "ro"}) {
@@ -416,6 +438,7 @@ TEST_F(rpc, info_waits_for_no_file) {
 }
 
 TEST_F(rpc, info_null_for_a_directory_that_cannot_be_opened) {
+    PROMISE("a directory cannot be opened, or is none", "its part is null, the rest is reported");
     EXPECT_EQ(info(), info_with("null", "null"));  // gone meanwhile
     make_sysfs();
     kernel::write(CARD + "name"s, "SD32G\n");
@@ -432,6 +455,8 @@ TEST_F(rpc, info_null_for_a_directory_that_cannot_be_opened) {
 }
 
 TEST_F(rpc, info_without_memory_for_an_object) {
+    PROMISE("there is no memory for one part", "that part is null, the rest is reported");
+    PROMISE("there is no memory for the report", "nothing is looked at, logged or sent");
     make_sysfs();
     kernel::write(CARD + "name"s, "SD32G\n");
     kernel::write(DISK + "size"s, "8\n");
@@ -458,6 +483,8 @@ TEST_F(rpc, info_without_memory_for_an_object) {
 }
 
 TEST_F(rpc, info_of_a_filesystem_in_64_bits) {
+    PROMISE("the filesystem's numbers need 64 bits",
+            "they are reported in 64 bits; type and block size are signed words of the machine");
     block_devices = mmc_manager{};
     is_mounted = true;
     space.f_type = static_cast<decltype(space.f_type)>(0xff534d42UL);  // a magic number with its highest bit set
@@ -474,6 +501,8 @@ TEST_F(rpc, info_of_a_filesystem_in_64_bits) {
 }
 
 TEST_F(rpc, info_has_no_cool_down) {
+    PROMISE("a report follows another", "it is sent: this one has no cool-down, nor does it start one");
+    PROMISE("the library refuses a report", "nobody looks");
     block_devices = mmc_manager{};
     info();
     info();
@@ -485,7 +514,12 @@ TEST_F(rpc, info_has_no_cool_down) {
 
 // --- alerts ----------------------------------------------------------------------------------------------------------
 
+PROMISES("rpc", "Alerts");
+
 TEST_F(rpc, alerts_as_text) {
+    PROMISE(
+        "an alert is due",
+        "it is logged under its function's name and handed over as \"sdcard.alert\", with its members in their order");
     const struct {
         void (*send)();
         const char* report;
@@ -506,6 +540,7 @@ TEST_F(rpc, alerts_as_text) {
 }
 
 TEST_F(rpc, slow_alert_at_the_ends_of_its_numbers) {
+    PROMISE("the numbers of a slow card are extreme", "speed and time are signed, the sectors unsigned");
     rpc_send_alert_slow(INT32_MIN, -1, UINT32_MAX);
     advance(300);
     rpc_send_alert_slow(INT32_MAX, INT32_MAX, 0);
@@ -514,6 +549,7 @@ TEST_F(rpc, slow_alert_at_the_ends_of_its_numbers) {
 }
 
 TEST_F(rpc, names_in_the_order_given) {
+    PROMISE("processes hold the card", "their names stand in the order given; none gives an empty list");
     const char names[][RPC_FUSER_NAME_SIZE] = {"recorder", "15 characters..", "", "a \"quoted\" one", "recorder"};
     rpc_send_alert_umount_fail(5, names);
     advance(300);
@@ -525,6 +561,9 @@ TEST_F(rpc, names_in_the_order_given) {
 }
 
 TEST_F(rpc, cool_down_of_300_seconds) {
+    PROMISE("less than 300 s have gone since the alert was sent last", "it is dropped without a line and counted");
+    PROMISE("300 s have gone", "it is sent with the number of those dropped, and counting begins anew");
+    PROMISE("no alert was dropped", "there is no \"cool_down\"");
     const struct {
         void (*send)();
         std::string report;
@@ -554,6 +593,8 @@ TEST_F(rpc, cool_down_of_300_seconds) {
 }
 
 TEST_F(rpc, three_busy_unmounts_and_a_later_one) {
+    PROMISE("three unmounts fail within 20 s and another 301 s after the first",
+            "the first and the last are sent, the last with 2 dropped");
     send_busy();
     advance(10);
     send_busy();
@@ -566,6 +607,7 @@ TEST_F(rpc, three_busy_unmounts_and_a_later_one) {
 }
 
 TEST_F(rpc, broken_and_gone_share_a_cool_down) {
+    PROMISE("a card breaks 100 s after another was pulled", "the alert is dropped: both kinds share one cool-down");
     send_gone();
     advance(100);
     send_broken();
@@ -576,6 +618,7 @@ TEST_F(rpc, broken_and_gone_share_a_cool_down) {
 }
 
 TEST_F(rpc, the_other_cool_downs_are_apart) {
+    PROMISE("alerts of other kinds follow each other", "each has its own cool-down and its own count");
     send_slow();
     send_slow();
     send_busy();
@@ -591,6 +634,8 @@ TEST_F(rpc, the_other_cool_downs_are_apart) {
 }
 
 TEST_F(rpc, an_alert_that_cannot_be_built_starts_a_cool_down) {
+    PROMISE("there is no memory for an alert, or for its list of names",
+            "nothing is sent, the cool-down has begun all the same, and those dropped before stay counted");
     const struct {
         void (*send)();
         const char* call;
@@ -621,6 +666,8 @@ TEST_F(rpc, an_alert_that_cannot_be_built_starts_a_cool_down) {
 }
 
 TEST_F(rpc, a_report_that_the_library_refuses_counts_as_sent) {
+    PROMISES("rpc", "The information report");
+    PROMISE("the library refuses a report", "nobody looks");
     report_result = -1;
     send_slow();
     advance(299);
@@ -631,12 +678,14 @@ TEST_F(rpc, a_report_that_the_library_refuses_counts_as_sent) {
 }
 
 TEST_F(rpc, a_new_process_near_1970_is_silent_at_first) {
+    PROMISE("the clock still shows 1970", "nothing is sent before 300 s, and it is counted");
     EXPECT_EQ(fresh_process::at_299, list{});
     EXPECT_EQ(fresh_process::at_300, (list{R"(sdcard.alert {"type":4,"cool_down":2})", SLOW + R"(,"cool_down":2})"s,
                                            BUSY + R"(,"cool_down":2})"s}));
 }
 
 TEST_F(rpc, a_clock_set_back_keeps_alerts_silent_until_it_has_caught_up) {
+    PROMISE("the clock is set back", "alerts are dropped until it has caught up");
     send_slow();
     const int64_t sent_s = now_s;
     for (const int64_t offset : {-1LL, -300LL, -1'000'000'000LL, 0LL, 299LL}) {
@@ -650,6 +699,7 @@ TEST_F(rpc, a_clock_set_back_keeps_alerts_silent_until_it_has_caught_up) {
 }
 
 TEST_F(rpc, the_difference_wraps_at_32_bits) {
+    PROMISE("the time passes the end of 32 bits, or jumps far", "the difference is that of two signed 32-bit clocks");
     const auto reach = [](int64_t seconds) { advance(seconds - now_s); };
     reach(INT32_MAX - 100);
     send_slow();

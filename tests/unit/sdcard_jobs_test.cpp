@@ -4,6 +4,7 @@
 #include <string>
 
 #include "support/card_rig.h"
+#include "support/promise.h"
 
 using rig::tell_on_abort;
 using rig::world;
@@ -44,7 +45,12 @@ constexpr job JOBS[] = {
     {sdcard_fsck, "sdcard_fsck", "cl_next_fsck", "cl_next_fsck /dev/mmcblk0p1", "fsck", "6"},
 };
 
+PROMISES("sdcard");
+
 TEST_F(sdcard_jobs, publishes_its_state_runs_and_gives_the_card_its_own_state_back) {
+    PROMISE("a job starts", "its state is published first, then the trace, then its chain runs on a busy frame");
+    PROMISE("a job has ended well",
+            "\"closure: %s successful\" with its name, the state is derived, and the frame is free");
     for (const auto& job : JOBS) {
         for (bool ok : {true, false}) {
             SCOPED_TRACE(std::string(job.name) + (ok ? " succeeds" : " fails"));
@@ -72,6 +78,8 @@ TEST_F(sdcard_jobs, publishes_its_state_runs_and_gives_the_card_its_own_state_ba
 }
 
 TEST_F(sdcard_jobs, what_is_not_a_success_is_a_failure) {
+    PROMISE("a job ends in whatever is not a success",
+            "\"closure: %s failed\", the state is derived, and the frame stays as it was left");
     for (auto status : {CLOSURE_IDLE, CLOSURE_BUSY, CLOSURE_FAILED}) {
         SetUp();
         ASSERT_EQ(0, sdcard_mkfs());
@@ -85,6 +93,8 @@ TEST_F(sdcard_jobs, what_is_not_a_success_is_a_failure) {
 }
 
 TEST_F(sdcard_jobs, only_one_at_a_time) {
+    PROMISE("any job is asked for while one runs",
+            "\"%s: closure is busy\", EBUSY, and the running one is not disturbed");
     for (const auto& running : JOBS) {
         for (const auto& refused : JOBS) {
             SCOPED_TRACE(std::string(refused.name) + " while there is " + running.name);
@@ -106,6 +116,7 @@ TEST_F(sdcard_jobs, only_one_at_a_time) {
 }
 
 TEST_F(sdcard_jobs, busy_is_told_before_anything_else) {
+    PROMISE("a job is asked for while one runs, and could not be done anyhow", "busy is said first");
     ASSERT_EQ(0, sdcard_mkfs());
     world.mmc.state = MMC_STATE_NONE;
     sd.state = SDCARD_NOT_EXISTS;
@@ -117,6 +128,11 @@ TEST_F(sdcard_jobs, busy_is_told_before_anything_else) {
 }
 
 TEST_F(sdcard_jobs, format_and_check_need_a_writable_card) {
+    PROMISE(
+        "a format is asked for and the card is absent, read-only or ejected",
+        "\"%s: Unable to format sdcard when mmc device in %d state.\" with the number, EINVAL, the state untouched");
+    PROMISE("a check is asked for and the card is so",
+            "\"%s: Unable to check filesystem when mmc device in %d state.\", EINVAL, the state untouched");
     for (int state : {0, 2, 3, 9}) {
         world.mmc.state = static_cast<mmc_state>(state);
         logged::reset();
@@ -136,6 +152,7 @@ TEST_F(sdcard_jobs, format_and_check_need_a_writable_card) {
 }
 
 TEST_F(sdcard_jobs, check_takes_the_first_partition_or_else_the_disk) {
+    PROMISE("a check starts", "it gets the first partition, or the disk when there is none");
     for (int32_t partitions : {1, 2, 7}) {
         world.mmc.partition_count = partitions;
         ASSERT_EQ(0, sdcard_fsck());
@@ -148,6 +165,11 @@ TEST_F(sdcard_jobs, check_takes_the_first_partition_or_else_the_disk) {
 }
 
 TEST_F(sdcard_jobs, eject_goes_by_the_card_state) {
+    PROMISE("an eject is asked for without a card",
+            "\"%s: sdcard is not exists\" at debug level and -1, errno untouched");
+    PROMISE("an eject is asked for of a card that is ejected or just being so", "0, and nothing is done");
+    PROMISE("an eject is asked for of a normal, full or broken card, or in a state that nobody knows",
+            "the job starts");
     struct {
         sdcard_state state;
         int result;
@@ -181,6 +203,9 @@ TEST_F(sdcard_jobs, eject_goes_by_the_card_state) {
 }
 
 TEST_F(sdcard_jobs_death, eject_in_a_job_state_without_a_job_ends_the_process) {
+    PROMISE("an eject is asked for in a job's state without a job",
+            "\"%s: Unexpected sdcard status %s.\" with the state's name, and the process aborts");
+    PROMISE("an eject is asked for before there is a state", "the process aborts without a word");
     struct {
         sdcard_state state;
         const char* said;
@@ -201,6 +226,9 @@ TEST_F(sdcard_jobs_death, eject_in_a_job_state_without_a_job_ends_the_process) {
 }
 
 TEST_F(sdcard_jobs, nobody_derives_a_state_while_a_job_runs_but_the_periodic_refresh) {
+    PROMISE("somebody asks while a job runs", "nothing happens, and the periodic look is not postponed");
+    PROMISE("1800 s have gone by without a refresh while a job runs",
+            "the derived state takes the place of the job's, and the job goes on");
     ASSERT_EQ(0, sdcard_mkfs());
     ev_timer_stop(EV_DEFAULT, &sd.refresh_timer);
     ev_timer_set(&sd.refresh_timer, 7.0, 1800.0);
@@ -220,6 +248,7 @@ TEST_F(sdcard_jobs, nobody_derives_a_state_while_a_job_runs_but_the_periodic_ref
 }
 
 TEST_F(sdcard_jobs, a_job_that_has_ended_lets_refreshes_through) {
+    PROMISE("a job has ended, well or not", "refreshes count again");
     for (bool ok : {true, false}) {
         ASSERT_EQ(0, sdcard_mkfs());
         end_chain(ok, 1);
@@ -230,6 +259,7 @@ TEST_F(sdcard_jobs, a_job_that_has_ended_lets_refreshes_through) {
 }
 
 TEST_F(sdcard_jobs, the_end_of_a_job_frees_space_like_any_derivation) {
+    PROMISE("the card turns out full at a job's end", "the oldest clips go as ever");
     ASSERT_EQ(0, sdcard_mkfs());
     world.steps.clear();
     fill();
@@ -239,6 +269,7 @@ TEST_F(sdcard_jobs, the_end_of_a_job_frees_space_like_any_derivation) {
 }
 
 TEST_F(sdcard_jobs, stopping_leaves_a_job_alone) {
+    PROMISE("the card manager stops while a job runs", "the job is left alone");
     ASSERT_EQ(0, sdcard_mkfs());
     world.steps.clear();
     sdcard_exit();
@@ -259,6 +290,7 @@ constexpr request REQUESTS[] = {
 };
 
 TEST_F(sdcard_jobs, a_request_starts_the_job_and_is_answered_with_the_time) {
+    PROMISE("a request key begins with \"start\"", "the job is started, then the key says \"end%d\" with the time");
     for (const auto& request : REQUESTS) {
         for (const char* value : {"start", "start1234", "starting"}) {
             SCOPED_TRACE(value);
@@ -273,6 +305,7 @@ TEST_F(sdcard_jobs, a_request_starts_the_job_and_is_answered_with_the_time) {
 }
 
 TEST_F(sdcard_jobs, what_does_not_begin_with_start_is_no_request) {
+    PROMISE("a request key says something else, or nothing", "nothing happens");
     for (const auto& request : REQUESTS) {
         request.notify(nullptr, nullptr, 0);
         for (const char* value : {"", "stop", "star", "Start", " start", "end1795231084"}) {
@@ -284,6 +317,7 @@ TEST_F(sdcard_jobs, what_does_not_begin_with_start_is_no_request) {
 }
 
 TEST_F(sdcard_jobs, a_refused_request_is_answered_all_the_same) {
+    PROMISE("a request by key is refused", "it is answered like one that was not");
     kernel::on().now = 1000;
     ASSERT_EQ(0, sdcard_fsck());
     for (const auto& request : REQUESTS) {
@@ -299,6 +333,7 @@ TEST_F(sdcard_jobs, a_refused_request_is_answered_all_the_same) {
 }
 
 TEST_F(sdcard_jobs, the_answer_is_the_time_as_a_signed_32_bit_number) {
+    PROMISE("the time does not fit 31 bits", "the answer has it as a signed 32-bit number");
     kernel::on().now = -5;
     on_spec_sdcard_format(nullptr, "start", 5);
     EXPECT_EQ("spec_sdcard_format=end-5", world.steps.back());

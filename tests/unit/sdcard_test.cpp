@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "support/card_rig.h"
+#include "support/promise.h"
 
 using rig::tell_on_abort;
 using rig::world;
@@ -19,12 +20,16 @@ using sdcard_death = sdcard;
 
 // --- the derivation --------------------------------------------------------------------------------------------------
 
+PROMISES("sdcard");
+
 TEST_F(sdcard, unknown_until_started) {
+    PROMISE("the first state has not been derived", "the state is unknown, from the process's begin on");
     EXPECT_EQ(0x7fffffff, state_at_birth);
     EXPECT_EQ(SDCARD_UNKNOWN, sdcard_get_state());
 }
 
 TEST_F(sdcard, names) {
+    PROMISE("a state is named", "the seven names stand, by number; ejecting (7) has none");
     const strings names(std::begin(sdstate2str), std::end(sdstate2str));
     EXPECT_EQ((strings{"normal", "not_exists", "full", "broken", "formatting", "eject", "fixing"}), names);
     EXPECT_STREQ("broken", sdstate2str[SDCARD_BROKEN]);
@@ -33,6 +38,15 @@ TEST_F(sdcard, names) {
 }
 
 TEST_F(sdcard, merge_state_first_match_wins) {
+    PROMISE("there is no card, whatever is mounted", "not_exists");
+    PROMISE("the card is read-only, mounted or not", "broken");
+    PROMISE("the card was ejected, mounted or not", "eject");
+    PROMISE("the card can be written but nothing is mounted", "not_exists");
+    PROMISE("mounting has failed", "broken");
+    PROMISE("block state or mounted status is a number that nobody knows", "the look goes on to the next question");
+    PROMISE("the mounted card may not be written", "\"Unable to write access the sdcard.\" and broken");
+    PROMISE("the filesystem does not tell its space", "broken, without a word");
+    PROMISE("a state is derived", "nothing is published or changed by that alone");
     constexpr auto STRANGE_BLOCK = static_cast<mmc_state>(9);
     constexpr auto STRANGE_MOUNT = static_cast<mount_status>(9);
     struct {
@@ -77,6 +91,9 @@ TEST_F(sdcard, merge_state_first_match_wins) {
 }
 
 TEST_F(sdcard, free_space) {
+    PROMISE("40960 KiB are free, or more", "normal");
+    PROMISE("a byte less is free", "\"size available: %lu KiB\", rounded down, and full");
+    PROMISE("the free bytes do not fit 32 bits", "they are multiplied in 64; the KiB are kept in 32");
     struct {
         const char* what;
         uint64_t f_bavail;
@@ -106,6 +123,7 @@ TEST_F(sdcard, free_space) {
 }
 
 TEST_F(sdcard, asks_whether_the_card_may_be_written) {
+    PROMISE("the mounted card may not be written", "\"Unable to write access the sdcard.\" and broken");
     merge_state();
     EXPECT_EQ(strings{"access /mnt/sdcard"}, kernel::calls());
     EXPECT_EQ(W_OK, kernel::on().access_mode);
@@ -114,6 +132,10 @@ TEST_F(sdcard, asks_whether_the_card_may_be_written) {
 // --- publication -----------------------------------------------------------------------------------------------------
 
 TEST_F(sdcard, publishes_every_state) {
+    PROMISE("the state changes",
+            "\"sdcard_status\" has its number and \"sdcard_rw\" \"rdwr\", \"rdonly\" (full) or \"none\", before any "
+            "report");
+    PROMISE("the card becomes broken", "alert 4, then the card's details, once");
     struct {
         sdcard_state state;
         const char* status;
@@ -142,6 +164,7 @@ TEST_F(sdcard, publishes_every_state) {
 }
 
 TEST_F(sdcard, same_state_again_does_nothing) {
+    PROMISE("the state is the same as before", "no key is written and no report sent");
     sdcard_set_state(SDCARD_EJECTING);
     world.steps.clear();
     sdcard_set_state(SDCARD_EJECTING);
@@ -156,6 +179,8 @@ TEST_F(sdcard, same_state_again_does_nothing) {
 }
 
 TEST_F(sdcard, ejected_until_the_block_table_forgets) {
+    PROMISE("the card is gone after an eject", "no alert, but the card's details");
+    PROMISE("an ejected card stays in the slot", "it stays eject however often it is looked at");
     world.mmc.state = MMC_STATE_EJECTED;
     world.mountpoint.mounted = MOUNT_NONE;
     sdcard_update_state();
@@ -168,6 +193,12 @@ TEST_F(sdcard, ejected_until_the_block_table_forgets) {
 }
 
 TEST_F(sdcard, reports_of_every_transition) {
+    PROMISE("the card becomes broken", "alert 4, then the card's details, once");
+    PROMISE("the card is gone", "alert 5");
+    PROMISE("the card is gone after an eject", "no alert, but the card's details");
+    PROMISE("the first state is published, whichever it is", "the card's details");
+    PROMISE("a card has come", "the card's details");
+    PROMISE("any other change", "neither alert nor details");
     constexpr sdcard_state STATES[] = {SDCARD_NORMAL, SDCARD_NOT_EXISTS, SDCARD_FULL,
                                        SDCARD_BROKEN, SDCARD_FORMATTING, SDCARD_EJECT,
                                        SDCARD_FIXING, SDCARD_EJECTING,   SDCARD_UNKNOWN};
@@ -193,6 +224,8 @@ TEST_F(sdcard, reports_of_every_transition) {
 // --- freeing space ---------------------------------------------------------------------------------------------------
 
 TEST_F(sdcard, deletes_one_clip_for_each_look_until_there_is_room) {
+    PROMISE("the card is full",
+            "the oldest clip is deleted and the state derived anew, one by one, until it is full no more");
     fill(10);
     world.after_delete = {20, 40959, 40960};
     sdcard_update_state();
@@ -204,6 +237,7 @@ TEST_F(sdcard, deletes_one_clip_for_each_look_until_there_is_room) {
 }
 
 TEST_F(sdcard, full_when_nothing_can_be_deleted) {
+    PROMISE("nothing can be deleted, at once or after some", "\"records_delete_oldest: %s\" and full");
     fill();
     world.delete_errno = EFAULT;
     sdcard_update_state();
@@ -213,6 +247,7 @@ TEST_F(sdcard, full_when_nothing_can_be_deleted) {
 }
 
 TEST_F(sdcard, full_after_some_were_deleted) {
+    PROMISE("nothing can be deleted, at once or after some", "\"records_delete_oldest: %s\" and full");
     fill();
     world.after_delete = {5};
     kernel::on().before = [](const char* call, const char*) {
@@ -228,6 +263,7 @@ TEST_F(sdcard, full_after_some_were_deleted) {
 }
 
 TEST_F(sdcard, card_that_goes_while_clips_are_deleted) {
+    PROMISE("the card fails while clips are deleted", "deleting ends, and the new state is published");
     fill();
     world.after_delete = {0};
     kernel::on().before = [](const char*, const char*) {
@@ -242,6 +278,7 @@ TEST_F(sdcard, card_that_goes_while_clips_are_deleted) {
 }
 
 TEST_F(sdcard, nothing_is_deleted_unless_full) {
+    PROMISE("the card is not full", "nothing is deleted");
     for (auto block : {MMC_STATE_NONE, MMC_STATE_RDWR, MMC_STATE_RDONLY, MMC_STATE_EJECTED}) {
         world.mmc.state = block;
         sdcard_update_state();
@@ -252,6 +289,12 @@ TEST_F(sdcard, nothing_is_deleted_unless_full) {
 // --- start and stop --------------------------------------------------------------------------------------------------
 
 TEST_F(sdcard, starts_in_order) {
+    PROMISE("the first state is published, whichever it is", "the card's details");
+    PROMISE("the card manager starts",
+            "frame, recordings, mount table and uevents are up in this order before devices and mounts are looked at "
+            "and the first state is published");
+    PROMISE("there is no card at the start", "the start goes on");
+    PROMISE("1800 s have gone by without a refresh", "the state is derived without a line, at the lowest priority");
     world.refresh_from_mountinfo = true;
     sd.state = SDCARD_NORMAL;
     sdcard_init();
@@ -266,6 +309,7 @@ TEST_F(sdcard, starts_in_order) {
 }
 
 TEST_F(sdcard, refresh_is_ignored_until_started) {
+    PROMISE("somebody asks before the first state is there", "nothing happens, not even a line");
     sdcard_refresh("Mountinfo changed.");
     EXPECT_EQ(strings{}, world.steps);
     EXPECT_EQ(strings{}, logged::lines());
@@ -280,6 +324,7 @@ TEST_F(sdcard, refresh_is_ignored_until_started) {
 }
 
 TEST_F(sdcard, stops_in_order) {
+    PROMISE("the card manager stops", "its timers stop first, then recordings, uevents and mount table");
     start();
     sdcard_exit();
     EXPECT_EQ((strings{"records_exit", "mmc_dev_exit", "mountpoint_exit"}), world.steps);
@@ -289,6 +334,7 @@ TEST_F(sdcard, stops_in_order) {
 }
 
 TEST_F(sdcard_death, no_mount_table_no_daemon) {
+    PROMISE("the mount table cannot be watched", "\"fail to init mountpoint monitor\", and the process aborts");
     world.mountpoint_init_result = -1;
     EXPECT_EXIT(
         {
@@ -300,6 +346,7 @@ TEST_F(sdcard_death, no_mount_table_no_daemon) {
 }
 
 TEST_F(sdcard_death, no_uevents_no_daemon) {
+    PROMISE("uevents cannot be had", "\"fail to initialize uevent.\", and the process aborts");
     world.mmc_dev_init_result = -1;
     EXPECT_EXIT(
         {
@@ -313,6 +360,8 @@ TEST_F(sdcard_death, no_uevents_no_daemon) {
 // --- refresh ---------------------------------------------------------------------------------------------------------
 
 TEST_F(sdcard, refresh_says_why_derives_and_postpones_the_periodic_one) {
+    PROMISE("somebody asks for a refresh",
+            "\"refresh sdcard state due to %s\", then the state is derived; the periodic look is 1800 s from then");
     start();
     ev_timer_stop(EV_DEFAULT, &sd.refresh_timer);
     ev_timer_set(&sd.refresh_timer, 7.0, 1800.0);
@@ -326,6 +375,7 @@ TEST_F(sdcard, refresh_says_why_derives_and_postpones_the_periodic_one) {
 }
 
 TEST_F(sdcard, periodic_refresh_derives_without_a_line) {
+    PROMISE("1800 s have gone by without a refresh", "the state is derived without a line, at the lowest priority");
     start();
     world.mmc.state = MMC_STATE_RDONLY;
     ev_invoke(EV_DEFAULT, &sd.refresh_timer, EV_TIMER);
@@ -345,6 +395,7 @@ TEST_F(sdcard, periodic_refresh_derives_without_a_line) {
 constexpr const char* IMAGES[] = {"tf_recovery.img", "tf_update.img", "tf_all_recovery.img", "tf_all.img"};
 
 TEST_F(sdcard, sets_update_images_aside) {
+    PROMISE("update images lie on the card at the start", "the four get \".bak\" behind their names");
     for (const char* image : IMAGES) {
         kernel::write(std::string("/mnt/sdcard/") + image, image);
     }
@@ -363,6 +414,8 @@ TEST_F(sdcard, sets_update_images_aside) {
 }
 
 TEST_F(sdcard, missing_images_are_warned_of) {
+    PROMISE("an update image is not there, or cannot be renamed",
+            "\"Rename %s: %s\" with its name, at every start; the others are still tried");
     sdcard_init();
     EXPECT_EQ((strings{"warning Rename tf_recovery.img: No such file or directory",
                        "warning Rename tf_update.img: No such file or directory",
@@ -373,6 +426,8 @@ TEST_F(sdcard, missing_images_are_warned_of) {
 }
 
 TEST_F(sdcard, image_that_cannot_be_renamed_leaves_the_others_theirs) {
+    PROMISE("an update image is not there, or cannot be renamed",
+            "\"Rename %s: %s\" with its name, at every start; the others are still tried");
     int nth = 0;
     for (const char* bad : IMAGES) {
         SCOPED_TRACE(bad);
@@ -390,6 +445,7 @@ TEST_F(sdcard, image_that_cannot_be_renamed_leaves_the_others_theirs) {
 }
 
 TEST_F(sdcard, images_stay_where_the_marker_is) {
+    PROMISE("the marker file is there", "all images stay, without a warning");
     kernel::write("/mnt/sdcard/manu_test/update.txt", "");
     for (const char* image : IMAGES) {
         kernel::write(std::string("/mnt/sdcard/") + image, image);
@@ -404,6 +460,8 @@ TEST_F(sdcard, images_stay_where_the_marker_is) {
 }
 
 TEST_F(sdcard, marker_is_asked_for_afresh) {
+    PROMISE("the marker appears between two images",
+            "it is asked for before the first two, the third and the fourth: those behind it stay");
     // The marker appears in between: the images behind that point stay.
     struct {
         const char* after;

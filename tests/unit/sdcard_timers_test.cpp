@@ -6,6 +6,7 @@
 
 #include "rpc.h"
 #include "support/card_rig.h"
+#include "support/promise.h"
 
 using rig::world;
 
@@ -54,7 +55,10 @@ bool report_is_due_in(double seconds) {
 
 // --- the daily report ------------------------------------------------------------------------------------------------
 
+PROMISES("sdcard");
+
 TEST_F(sdcard_timers, each_runs_from_the_start_on) {
+    PROMISE("the daemon has run for a second, and for each minute after it", "the write speed is looked at");
     EXPECT_TRUE(ev_is_active(&sd.info_timer));
     EXPECT_TRUE(report_is_due_in(86400));
     EXPECT_TRUE(ev_is_active(&sd.speed_timer));
@@ -66,6 +70,8 @@ TEST_F(sdcard_timers, each_runs_from_the_start_on) {
 }
 
 TEST_F(sdcard_timers, the_first_report_is_drawn_too) {
+    PROMISE("a day less up to 1800 s has gone by",
+            "the card's details are sent, and the next time is drawn and armed before that");
     sdcard_exit();
     world.random = {1800};
     sdcard_init();
@@ -73,6 +79,8 @@ TEST_F(sdcard_timers, the_first_report_is_drawn_too) {
 }
 
 TEST_F(sdcard_timers, each_of_400_days_draws_its_own_time) {
+    PROMISE("a day less up to 1800 s has gone by",
+            "the card's details are sent, and the next time is drawn and armed before that");
     for (int day = 0; day < 400; ++day) {
         const int drawn = day * 37 % 1801;
         world.random = {drawn};
@@ -89,6 +97,8 @@ TEST_F(sdcard_timers, each_of_400_days_draws_its_own_time) {
 // --- the write speed -------------------------------------------------------------------------------------------------
 
 TEST_F(sdcard_timers, a_card_that_cannot_be_written_is_not_measured) {
+    PROMISE("the card is absent, read-only or ejected when its speed is looked at",
+            "nothing is measured and an open slow period stays open");
     sd.slow_since = 12345;
     for (auto state : {MMC_STATE_NONE, MMC_STATE_RDONLY, MMC_STATE_EJECTED}) {
         world.mmc.state = state;
@@ -100,6 +110,9 @@ TEST_F(sdcard_timers, a_card_that_cannot_be_written_is_not_measured) {
 }
 
 TEST_F(sdcard_timers, a_measurement_that_is_none_closes_the_period) {
+    PROMISE("there is no measurement to compare with", "the slow period ends, without a line or an alert");
+    PROMISE("measuring fails",
+            "\"Unable to calculate the write speed of sdcard. %s\", and the slow period ends without an alert");
     sd.slow_since = 12345;
     look(MMC_SPEED_NO_BASELINE);
     EXPECT_EQ(-1, sd.slow_since);
@@ -114,6 +127,7 @@ TEST_F(sdcard_timers, a_measurement_that_is_none_closes_the_period) {
 }
 
 TEST_F(sdcard_timers, what_was_measured_is_logged) {
+    PROMISE("a speed was measured", "\"sdcard write speed: %d KiB/s\", rounded down");
     struct {
         int speed;
         const char* line;
@@ -130,6 +144,7 @@ TEST_F(sdcard_timers, what_was_measured_is_logged) {
 }
 
 TEST_F(sdcard_timers, fast_and_idle_cards_are_not_spoken_of) {
+    PROMISE("a card is fast, or idle and was never slow", "no period, no alert");
     for (int speed : {0, FAST, 0, 1 << 24, 0}) {
         minute(speed);
         EXPECT_EQ(-1, sd.slow_since);
@@ -138,6 +153,11 @@ TEST_F(sdcard_timers, fast_and_idle_cards_are_not_spoken_of) {
 }
 
 TEST_F(sdcard_timers, slowness_is_reported_at_first_after_an_hour_each_day_and_at_its_end) {
+    PROMISE("less than 204800 bytes a second for the first time",
+            "an alert of 60 s, and the period is open since a minute ago");
+    PROMISE("the card stays slow",
+            "an alert in minute 60 and in each 1440th, with the true seconds, and none in between");
+    PROMISE("the slow card is fast again", "an alert with the total, and the period ends");
     look(SLOW, 40);
     EXPECT_EQ(strings{"rpc_send_alert_slow 204799 60 40"}, alerts());
     EXPECT_EQ(NOON - 60, sd.slow_since);
@@ -163,6 +183,7 @@ TEST_F(sdcard_timers, slowness_is_reported_at_first_after_an_hour_each_day_and_a
 }
 
 TEST_F(sdcard_timers, an_idle_card_keeps_a_period_open_and_reports_it) {
+    PROMISE("the slow card writes nothing for a while", "the period goes on, its alerts too");
     look(SLOW);
     (void)alerts();
     kernel::on().now = NOON - 60 + 3600;
@@ -172,6 +193,8 @@ TEST_F(sdcard_timers, an_idle_card_keeps_a_period_open_and_reports_it) {
 }
 
 TEST_F(sdcard_timers, seconds_within_the_minute_do_not_matter) {
+    PROMISE("the card stays slow",
+            "an alert in minute 60 and in each 1440th, with the true seconds, and none in between");
     struct {
         int elapsed;
         bool reports;
@@ -188,6 +211,8 @@ TEST_F(sdcard_timers, seconds_within_the_minute_do_not_matter) {
 }
 
 TEST_F(sdcard_timers, a_clock_that_was_set_back_makes_minute_zero_count_as_a_day) {
+    PROMISE("the clock was set back while the card is slow",
+            "minute 0 counts as a whole day and is reported; no seconds at all are not");
     sd.slow_since = static_cast<int32_t>(NOON);
     for (int elapsed : {59, 1, -1, -59, -86400}) {
         kernel::on().now = NOON + elapsed;
@@ -203,6 +228,8 @@ TEST_F(sdcard_timers, a_clock_that_was_set_back_makes_minute_zero_count_as_a_day
 }
 
 TEST_F(sdcard_timers, a_period_that_begins_at_59_s_after_1970_is_none) {
+    PROMISE("a period would begin one second before 1970",
+            "that number means none, and it begins again a minute later");
     kernel::on().now = 59;
     look(SLOW);
     EXPECT_EQ(-1, sd.slow_since) << "the same number as no period";
@@ -213,6 +240,8 @@ TEST_F(sdcard_timers, a_period_that_begins_at_59_s_after_1970_is_none) {
 }
 
 TEST_F(sdcard_timers, other_periods_that_begin_before_1970_are_periods) {
+    PROMISE("a period would begin one second before 1970",
+            "that number means none, and it begins again a minute later");
     kernel::on().now = 30;
     look(SLOW);
     EXPECT_EQ(-30, sd.slow_since);
@@ -224,6 +253,7 @@ TEST_F(sdcard_timers, other_periods_that_begin_before_1970_are_periods) {
 }
 
 TEST_F(sdcard_timers, times_wrap_at_32_bits) {
+    PROMISE("the clock passes 32 bits", "the seconds since are still right");
     kernel::on().now = INT32_MAX;
     look(SLOW);
     (void)alerts();
@@ -233,6 +263,7 @@ TEST_F(sdcard_timers, times_wrap_at_32_bits) {
 }
 
 TEST_F(sdcard_timers, a_slow_card_that_is_fast_at_the_next_look_is_reported_as_over) {
+    PROMISE("the slow card is fast again", "an alert with the total, and the period ends");
     look(SLOW);
     minute(FAST);
     EXPECT_EQ((strings{"rpc_send_alert_slow 204799 60 500", "rpc_send_alert_slow 204800 120 500"}), alerts());

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "support/app.h"
+#include "support/promise.h"
 
 namespace {
 
@@ -81,7 +82,15 @@ class Actions : public AppTest {
     }
 };
 
+PROMISES("vesk_util", "Remote actions");
+
 TEST_F(Actions, AnswerWithCodes) {
+    PROMISE("a handler is done, or has answered", "code 0, with the members of the reply if it says so");
+    PROMISE("a handler refuses", "its code and its members");
+    PROMISE("a handler puts a member \"code\" into its reply", "the framework's code stands alone");
+    PROMISE("the parameters are no JSON, or not to their end, or too deep", "-22, the handler does not run");
+    PROMISE("the parameters are the word null", "the handler gets an empty object, never a null pointer");
+    PROMISE("no action has that very name, or it has no handler", "-38, whatever the parameters");
     const std::string deep_enough = std::string(31, '[') + std::string(31, ']');
     const std::string too_deep = std::string(40, '[') + std::string(40, ']');
     const struct {
@@ -136,6 +145,7 @@ TEST_F(Actions, AnswerWithCodes) {
 }
 
 TEST_F(Actions, TakeAMebibyteAndNoByteMore) {
+    PROMISE("the parameters have a mebibyte, or a byte more", "they are taken; -7");
     start();
     for (const size_t length : {BUS_PAYLOAD_MAX, BUS_PAYLOAD_MAX + 1}) {
         seen.clear();
@@ -153,6 +163,8 @@ TEST_F(Actions, TakeAMebibyteAndNoByteMore) {
 }
 
 TEST_F(Actions, AnswerWhereTheCallerAsks) {
+    PROMISE("the request names a topic and data for its answer",
+            "the answer goes there and nowhere else, with that data");
     start();
     watch("answers/#");
     const std::string correlation("\0\x01id\xff", 5);
@@ -174,6 +186,8 @@ TEST_F(Actions, AnswerWhereTheCallerAsks) {
 
 // Or somebody who may ask for figures could have the daemon send itself a request to format.
 TEST_F(Actions, AreNotSentOnByAReply) {
+    PROMISE("the topic named for the answer is one of an action, a status, a key, or another action's reply",
+            "-22 on the action's own reply, a warning, the handler does not run, and nothing goes to that topic");
     start();
     watch("#");
     for (const char* topic : {"vesk/tester/action/echo", "vesk/other/action/format", "vesk/tester/status",
@@ -191,6 +205,8 @@ TEST_F(Actions, AreNotSentOnByAReply) {
 }
 
 TEST_F(Actions, AResponseTopicThatIsTooLongIsNotUsed) {
+    PROMISE("the topic named for the answer is longer than a topic may be",
+            "-22 on the action's own reply, the handler does not run");
     start();
     watch("answers/#");
     const std::string longest = "answers/" + std::string(BUS_TOPIC_MAX - 8, 'x');
@@ -205,6 +221,7 @@ TEST_F(Actions, AResponseTopicThatIsTooLongIsNotUsed) {
 
 // Cut to what a topic may have, the reply's would be an action's again, and each answer the next request.
 TEST_F(Actions, ANameThatLeavesNoRoomForAReplyIsNotAnswered) {
+    PROMISE("an action's name leaves no room for a reply", "a warning, no answer, and the next request is answered");
     start();
     const size_t room = BUS_TOPIC_MAX - 1 - ACTION.size() - strlen("/reply");
     const std::string longest(room, 'x');
@@ -234,6 +251,7 @@ TEST_F(Actions, ANameThatLeavesNoRoomForAReplyIsNotAnswered) {
 }
 
 TEST_F(Actions, NeverRunWhenTheBrokerKeptThem) {
+    PROMISE("a request was kept by the broker, before or after the start", "it is warned of and never runs");
     watch("vesk/#");
     request("echo", "[\"left over\"]", nullptr, "", true);
     start();
@@ -248,6 +266,7 @@ TEST_F(Actions, NeverRunWhenTheBrokerKeptThem) {
 }
 
 TEST_F(Actions, ComeBackWithTheBrokerAndRunOnce) {
+    PROMISE("the broker is killed and comes back", "the actions come back, and nothing runs twice");
     start();
     request("echo", "[1]");
     ASSERT_TRUE(wait_for(ACTION + "echo/reply", 1));
@@ -267,6 +286,7 @@ TEST_F(Actions, ComeBackWithTheBrokerAndRunOnce) {
 }
 
 TEST_F(Actions, WaitForABrokerThatIsNotThereYet) {
+    PROMISE("there is no broker at the start", "the application begins, and its actions come with the broker");
     broker.kill();
     start_app(ACTIONS);
     run_for(300);
@@ -278,6 +298,7 @@ TEST_F(Actions, WaitForABrokerThatIsNotThereYet) {
 }
 
 TEST_F(Actions, AnApplicationWithoutAnySaysThatItIsThere) {
+    PROMISE("an application has no actions", "it is online, and requests stay unanswered");
     start_app(nullptr);
     watch("vesk/#");
     ASSERT_TRUE(wait_for(STATUS, 1));
@@ -292,6 +313,7 @@ TEST_F(Actions, AnApplicationWithoutAnySaysThatItIsThere) {
 
 // Online says that actions are answered, which they are not when the broker refuses the subscription.
 TEST_F(Actions, ARefusedSubscriptionIsNotOnline) {
+    PROMISE("the broker refuses the subscription", "the application is not online");
     std::ofstream(broker.folder() + "/rules")
         << R"({"defaultACLAccess": {"publishClientSend": true, "publishClientReceive": true, "subscribe": false},)"
         << R"("roles": [{"rolename": "r", "acls": [{"acltype": "subscribeLiteral", "topic": "vesk/tester/status", "allow": true}]}],)"
@@ -307,6 +329,7 @@ TEST_F(Actions, ARefusedSubscriptionIsNotOnline) {
 }
 
 TEST_F(Actions, GoodbyeIsKept) {
+    PROMISE("the application ends", "\"offline\" is kept at the broker");
     start();
     EXPECT_EQ(on(STATUS)[0].payload, "online");
     stop_app();
@@ -319,6 +342,7 @@ TEST_F(Actions, GoodbyeIsKept) {
 }
 
 TEST_F(Actions, GoodbyeDoesNotWaitForAFrozenBroker) {
+    PROMISE("the broker is frozen at the end", "the end does not wait for it");
     start();
     broker.freeze();
     const int64_t begin_ms = test_now_ms();
@@ -328,6 +352,7 @@ TEST_F(Actions, GoodbyeDoesNotWaitForAFrozenBroker) {
 }
 
 TEST_F(Actions, TheLastWillSpeaksForAProcessThatDied) {
+    PROMISE("the process dies", "the broker says \"offline\" for it");
     fflush(nullptr);
     const pid_t pid = fork();
     if (pid == 0) {

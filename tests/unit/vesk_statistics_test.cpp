@@ -8,6 +8,7 @@
 #include <string>
 
 #include "support/app.h"
+#include "support/promise.h"
 
 namespace {
 
@@ -47,7 +48,10 @@ class Statistics : public AppTest {
     }
 };
 
+PROMISES("vesk_statistics");
+
 TEST_F(Statistics, GoOutUntouchedAndNotRetained) {
+    PROMISE("a report is made", "it goes out as it is, and the broker does not keep it");
     start();
     json_object* object = json_tokener_parse(R"({"type":4,"path":"/mnt/x","f":1.5,"null":null,"list":["a","\n"]})");
     const std::string text =
@@ -59,6 +63,10 @@ TEST_F(Statistics, GoOutUntouchedAndNotRetained) {
 }
 
 TEST_F(Statistics, OwnTheObjectWhateverTheResult) {
+    PROMISE("a report is made, whatever becomes of it", "the object is the library's");
+    PROMISE("there is no object, no name, or one that can be no part of a topic or has more than 255 bytes",
+            "-1 with EINVAL");
+    PROMISE("there is no application, not yet or not any more", "-1 with errno");
     const std::string longest(255, 'n');
     const std::string longer(256, 'n');
     const char* names[] = {"sdcard.info", longest.c_str(), longer.c_str(), nullptr, "", "a/b", "a+", "#"};
@@ -83,6 +91,7 @@ TEST_F(Statistics, OwnTheObjectWhateverTheResult) {
 }
 
 TEST_F(Statistics, WaitForTheFirstConnection) {
+    PROMISE("the broker is away", "reports wait and go out in their order");
     broker.kill();
     start_app(nullptr);
     report(1, 3);
@@ -96,6 +105,8 @@ TEST_F(Statistics, WaitForTheFirstConnection) {
 }
 
 TEST_F(Statistics, SixtyFourWaitTheOldestGoFirst) {
+    PROMISE("there is no application, not yet or not any more", "-1 with errno");
+    PROMISE("more than 64 wait", "the oldest go, and one line tells how many, once the broker is back");
     for (const int made : {WAITING_MAX, WAITING_MAX + 1, 200}) {
         Capture lines;
         start_app(nullptr);
@@ -121,6 +132,8 @@ TEST_F(Statistics, SixtyFourWaitTheOldestGoFirst) {
 }
 
 TEST_F(Statistics, DoNotPileUpBeforeAFrozenBroker) {
+    PROMISE("the broker is connected and answers nothing",
+            "eight are handed to it, 64 wait, the caller is not held up");
     start();
     broker.freeze();
     const int64_t begin_ms = test_now_ms();
@@ -141,6 +154,7 @@ TEST_F(Statistics, DoNotPileUpBeforeAFrozenBroker) {
 }
 
 TEST_F(Statistics, AreNotSentTwiceWhenTheAnswerWasLost) {
+    PROMISE("the broker dies with reports unanswered", "they are not sent again, and a line tells how many");
     start();
     broker.freeze();
     report(1, 3);
@@ -156,6 +170,8 @@ TEST_F(Statistics, AreNotSentTwiceWhenTheAnswerWasLost) {
 }
 
 TEST_F(Statistics, OneThatCannotBeSentDoesNotHoldUpTheRest) {
+    PROMISE("a report is too large for the bus", "-1 with EMSGSIZE");
+    PROMISE("a report cannot be sent", "a line says so, and the next one goes out");
     start();
     ASSERT_EQ(report_stat_object("bad\xff", numbered(1)), 0);
     ASSERT_EQ(report_stat_object("good", numbered(2)), 0);
@@ -168,6 +184,7 @@ TEST_F(Statistics, OneThatCannotBeSentDoesNotHoldUpTheRest) {
 }
 
 TEST_F(Statistics, OneThatTheBrokerRefusesIsSaid) {
+    PROMISE("the broker refuses a report", "a line says why, its place is free again, and the next one goes out");
     std::ofstream(broker.folder() + "/acl")
         << "topic readwrite vesk/tester/status\ntopic readwrite " << REPORT << "good\n";
     broker.configure("acl_file " + broker.folder() + "/acl\n");
@@ -182,6 +199,7 @@ TEST_F(Statistics, OneThatTheBrokerRefusesIsSaid) {
 }
 
 TEST_F(Statistics, ReachTheBrokerBeforeTheEnd) {
+    PROMISE("the application ends right after a report", "the report reaches the broker");
     start();
     report(1, 3);
     stop_app();

@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "support/capture.h"
+#include "support/promise.h"
 
 // The C library's syslog, replaced for the library under test: what goes there is shown on standard output.
 extern "C" void openlog(const char* ident, int /*option*/, int facility) {
@@ -121,7 +122,10 @@ __attribute__((format(printf, 3, 4))) void call(void (*form)(const char*, const 
 
 // --- Log -----------------------------------------------------------------------------------------------------------
 
+PROMISES("vesk_util", "The log");
+
 TEST(Log, MarksLevels) {
+    PROMISE("a message is logged", "one line with its level's mark and, where asked for, a prefix");
     Capture error;
     log_crit("c %d", 1);
     log_err("e %s", "two");
@@ -135,6 +139,9 @@ TEST(Log, MarksLevels) {
 }
 
 TEST(Log, IsOneLineWhateverItContains) {
+    PROMISE("a message has line ends inside, control characters or escapes",
+            "it is one line still, with those shown and text beyond ASCII untouched");
+    PROMISE("a message ends in line ends", "they make no line of their own");
     const struct {
         const char* message;
         const char* line;
@@ -162,6 +169,7 @@ TEST(Log, IsOneLineWhateverItContains) {
 }
 
 TEST(Log, CutsWhatWouldNotLeaveInOnePiece) {
+    PROMISE("a message is longer than what leaves in one piece, also by its escapes", "it is cut, and \"...\" says so");
     for (const size_t length : {4000U, 4088U, 4089U, 4090U, 4091U, 4095U, 4096U, 5000U, 100'000U}) {
         Capture error;
         const std::string message(length, 'x');
@@ -182,6 +190,7 @@ TEST(Log, CutsWhatWouldNotLeaveInOnePiece) {
 }
 
 TEST(Log, LeavesErrnoAlone) {
+    PROMISE("anything is logged, filtered or written in vain", "errno stays as it was");
     Capture error;
     errno = ENOTTY;
     log_info("works %s", "fine");
@@ -198,6 +207,7 @@ TEST(Log, LeavesErrnoAlone) {
 }
 
 TEST(Log, SurvivesAReaderThatIsGone) {
+    PROMISE("the reader of the log has gone", "the caller goes on");
     const outcome gone = in_child([] {
         int ends[2];
         if (init({"--foreground"}) != READY || pipe(ends) < 0) {
@@ -214,6 +224,7 @@ TEST(Log, SurvivesAReaderThatIsGone) {
 }
 
 TEST(Log, GivesUpOnAFullPipeThatDoesNotBlock) {
+    PROMISE("the log is a full pipe that does not block", "messages are lost, the caller goes on");
     const outcome full = in_child([] {
         int ends[2];
         if (pipe(ends) < 0 || fcntl(ends[1], F_SETFL, O_NONBLOCK) < 0) {
@@ -229,6 +240,7 @@ TEST(Log, GivesUpOnAFullPipeThatDoesNotBlock) {
 }
 
 TEST(Log, FiltersByLevel) {
+    PROMISE("a level is chosen, or none", "that one and what is more urgent is logged; info without a choice");
     const struct {
         std::vector<std::string> arguments;
         const char* lines;
@@ -258,6 +270,9 @@ TEST(Log, FiltersByLevel) {
 }
 
 TEST(Log, ChoosesItsTarget) {
+    PROMISE("nobody seems to read standard error", "the log goes to syslog, under the name of the program");
+    PROMISE("the program runs in the foreground, or under a service manager",
+            "the log goes to standard error; the journal of a parent does not count");
     const struct {
         const char* name;
         std::function<void()> prepare;
@@ -298,6 +313,7 @@ TEST(Log, ChoosesItsTarget) {
 }
 
 TEST(Log, GoesToATerminal) {
+    PROMISE("standard error is a terminal", "the log goes there");
     const outcome result = in_child([] {
         const int own = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
         if (own < 0 || grantpt(own) < 0 || unlockpt(own) < 0) {
@@ -320,6 +336,7 @@ TEST(Log, GoesToATerminal) {
 }
 
 TEST(Log, KeepsTheLinesOfThreadsApart) {
+    PROMISE("several threads log at once", "each line stays whole");
     constexpr int MESSAGES = 400;
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
@@ -361,6 +378,7 @@ TEST(Log, KeepsTheLinesOfThreadsApart) {
 }
 
 TEST(Log, WorksUntilTheProcessEnds) {
+    PROMISE("the application has ended, or the process is exiting", "logging works");
     const outcome result = in_child([]() -> int {
         if (init({"--foreground"}) != READY) {
             return 1;
@@ -389,7 +407,13 @@ TEST(Log, WorksUntilTheProcessEnds) {
 
 // --- Command line --------------------------------------------------------------------------------------------------
 
+PROMISES("vesk_util", "The command line, beginning and end");
+
 TEST(Options, AreReadStrictly) {
+    PROMISE("an option is unknown or without its value, or an argument is left over",
+            "it is explained on standard error, the beginning fails with EINVAL");
+    PROMISE("the log level or the bus address makes no sense", "likewise, with its text");
+    PROMISE("the version or help is asked for", "it is answered on standard output, and the process ends with 0");
     const struct {
         std::vector<std::string> arguments;
         int status;
@@ -427,6 +451,7 @@ TEST(Options, AreReadStrictly) {
 }
 
 TEST(Options, HelpNamesThemAll) {
+    PROMISE("the version or help is asked for", "it is answered on standard output, and the process ends with 0");
     const outcome result = in_child([] { return init({"--help"}); });
     for (const char* name : {"--bus", "--foreground", "--log-level", "--version", "--help", "VESK_BUS"}) {
         EXPECT_TRUE(contains(result.out, name)) << name;
@@ -434,6 +459,7 @@ TEST(Options, HelpNamesThemAll) {
 }
 
 TEST(Options, ABusAddressOfTheEnvironmentIsCheckedToo) {
+    PROMISE("the address of the environment makes no sense", "likewise");
     const outcome result = in_child([] {
         setenv("VESK_BUS", "nonsense", 1);
         return init({});
@@ -445,6 +471,8 @@ TEST(Options, ABusAddressOfTheEnvironmentIsCheckedToo) {
 // --- Beginning and end ---------------------------------------------------------------------------------------------
 
 TEST(App, TakesNamesThatCanBeTopics) {
+    PROMISE("the name cannot be part of a topic",
+            "the beginning fails with EINVAL; a name may fill its field to the last byte");
     const struct {
         std::string name;
         int status;
@@ -464,6 +492,7 @@ TEST(App, TakesNamesThatCanBeTopics) {
 }
 
 TEST(App, IgnoresSigpipe) {
+    PROMISE("a reader goes away", "no signal ends the process");
     const outcome result = in_child([] {
         struct sigaction action = {};
         const int ready = init({});
@@ -474,6 +503,7 @@ TEST(App, IgnoresSigpipe) {
 }
 
 TEST(App, NeverLetsAFileTakeTheLogsDescriptor) {
+    PROMISE("the process was started with standard descriptors closed", "no later file gets their numbers");
     const outcome result = in_child([] {
         close(0);
         close(1);
@@ -487,6 +517,7 @@ TEST(App, NeverLetsAFileTakeTheLogsDescriptor) {
 }
 
 TEST(App, MayEndWithoutHavingBegun) {
+    PROMISE("the application ends without having begun, or twice", "nothing happens");
     EXPECT_EQ(in_child([] {
                   app_fini();
                   app_fini();
@@ -497,7 +528,11 @@ TEST(App, MayEndWithoutHavingBegun) {
 
 // --- Random numbers ------------------------------------------------------------------------------------------------
 
+PROMISES("vesk_util", "Random numbers");
+
 TEST(RandRange, StaysInside) {
+    PROMISE("a number is drawn", "it lies in the range, both ends included, up to the whole range of int");
+    PROMISE("the end lies below the beginning", "the beginning");
     EXPECT_EQ(rand_range(5, 5), 5);
     EXPECT_EQ(rand_range(7, 3), 7);
     EXPECT_EQ(rand_range(INT_MAX, INT_MIN), INT_MAX);
@@ -521,6 +556,7 @@ TEST(RandRange, StaysInside) {
 
 // A remainder alone would give the lowest third of this range half of the numbers.
 TEST(RandRange, FavoursNobody) {
+    PROMISE("the range does not divide what is drawn from", "no number is favoured");
     constexpr int THIRD = 1000;
     int lowest_third = 0;
     for (int i = 0; i < 3 * THIRD; ++i) {
@@ -530,6 +566,7 @@ TEST(RandRange, FavoursNobody) {
 }
 
 TEST(RandRange, WorksWithoutItsDevice) {
+    PROMISE("there is no random device", "numbers are drawn all the same, and errno stays");
     const outcome result = in_child([] {
         const rlimit none = {0, 0};
         if (setrlimit(RLIMIT_NOFILE, &none) < 0 || open("/dev/urandom", O_RDONLY | O_CLOEXEC) >= 0) {
