@@ -2,6 +2,7 @@
 #include <poll.h>
 
 #include "handle.h"
+#include "keeper.h"
 #include "index_engine.h"
 #include "record.h"
 

@@ -81,7 +81,7 @@ kyt_handle* open_list(const char* folder, const char* what, uint32_t clips) {
 }
 
 void forget_list(const char* folder) {
-    for (const char* name : kyt::LIST_NAMES) {
+    for (const char* name : {kyt::LIST_NAME}) {
         char path[512];
         std::snprintf(path, sizeof path, "%s/%s", folder, name);
         unlink(path);

@@ -8,99 +8,93 @@
 #include "folder.h"
 #include "handle.h"
 #include "kyt_rdonly.h"
-#include "load.h"
 #include "record.h"
 
 using namespace kyt;
 
 namespace {
 
-void look_at_list(const loaded& l, const char* name, kyt_health* health) {
-    std::strncpy(health->list, name, sizeof health->list - 1);
-    health->open = l.head.state == static_cast<uint32_t>(file_state::OPEN);
+void look_at_file(const loaded& l, kyt_health* health) {
+    health->other_version = l.header == header_kind::OTHER_VERSION;
+    health->header_damaged = l.header == header_kind::DAMAGED;
+    if (!is_list(l)) {
+        return;
+    }
+    std::strncpy(health->list, LIST_NAME, sizeof health->list - 1);
+    health->open = !is_closed(l);
     health->other_byte_order = l.other_order;
     health->wrong_size = has_wrong_size(l);
-    health->out_of_order = !l.ascending;
     health->card = l.head.card;
-    health->deleted = l.deleted;
     health->destroyed = l.destroyed;
     health->unreadable = l.unreadable;
 }
 
-// Beside a list, the other file is a copy in the making or its predecessor and means nothing.
-void look_at_no_list(const loaded (&files)[2], kyt_health* health) {
-    for (const loaded& l : files) {
-        if (l.failure != ENOENT) {
-            const bool version = l.failure == 0 && l.header == header_kind::OTHER_VERSION;
-            health->other_version = health->other_version || version;
-            health->header_damaged = health->header_damaged || !version;
-        }
-    }
-}
-
-bool read_clips(int folder, array<uint32_t>* clips) {
-    array<uint32_t> periods;
-    if (folder_periods(folder, &periods) < 0) {
-        return false;
-    }
-    for (const uint32_t period : periods) {
-        if (folder_clips(folder, period, clips) < 0) {
-            return false;
-        }
-    }
-    std::sort(clips->begin(), clips->end());
-    clips->size = static_cast<uint32_t>(std::unique(clips->begin(), clips->end()) - clips->begin());
-    return true;
-}
-
-// Walks through both, ascending by ts.
-void compare(const array<kyt_record>& records, const array<uint32_t>& clips, kyt_health* health) {
+// Counts what the list and the clips of the card have in common, ascending by ts.
+void compare_clips(const order& live, const array<uint32_t>& clips, kyt_health* health) {
     const uint32_t* clip = clips.begin();
-    for (uint32_t i = 0; i < records.size; ++i) {
-        const uint32_t ts = records[i].ts;
-        if (i > 0 && records[i - 1].ts == ts) {
-            ++health->twice;
-            continue;
-        }
-        for (; clip != clips.end() && *clip < ts; ++clip) {
+    for (uint32_t place = live.first; place < live.end; ++place) {
+        for (; clip != clips.end() && *clip < live.ts_at(place); ++clip) {
             ++health->clips_not_listed;
         }
-        const bool on_card = clip != clips.end() && *clip == ts;
-        clip += on_card ? 1 : 0;
-        if (is_live(records[i])) {
-            ++health->records;
-            health->records_without_clip += on_card ? 0 : 1;
+        if (clip != clips.end() && *clip == live.ts_at(place)) {
+            ++clip;
         } else {
-            health->undeleted += on_card ? 1 : 0;
+            ++health->records_without_clip;
         }
     }
     health->clips_not_listed += static_cast<uint32_t>(clips.end() - clip);
 }
 
+void compare_deleted(const kyt_handle* h, array<uint32_t>* deleted, const array<uint32_t>& clips, kyt_health* health) {
+    const auto ts_of = [h](uint32_t slot) { return h->list.slots[slot].ts; };
+    std::sort(deleted->begin(), deleted->end(), [&](uint32_t a, uint32_t b) { return ts_of(a) < ts_of(b); });
+    for (uint32_t i = 0; i < deleted->size; ++i) {
+        const uint32_t ts = ts_of((*deleted)[i]);
+        const uint32_t place = order_place(h->live, ts);
+        const bool is_live_too = place < h->live.end && h->live.ts_at(place) == ts;
+        if (is_live_too || (i > 0 && ts_of((*deleted)[i - 1]) == ts)) {
+            ++health->twice;
+        } else if (std::binary_search(clips.begin(), clips.end(), ts)) {
+            ++health->undeleted;
+            --health->clips_not_listed;
+        }
+    }
+}
+
 // 0, or the errno.
-int look(int folder, kyt_health* health) {
-    loaded files[2];
-    if (!load_files(folder, &files)) {
+int look(int folder, kyt_handle* h, kyt_health* health) {
+    store& list = h->list;
+    loaded l;
+    list.fd = openat(folder, LIST_NAME, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    if (list.fd >= 0) {
+        const int failure = store_load(&list, &h->live, &l) == 0 ? 0 : errno;
+        close(list.fd);
+        if (failure == ENOMEM) {
+            return failure;
+        }
+        look_at_file(l, health);
+    } else {
+        health->header_damaged = errno != ENOENT;
+    }
+    if (!is_list(l)) {
+        store_clear(&list, &h->live, &l);
+    }
+    array<uint32_t> doubles;
+    order_sort(&h->live);
+    contents card;
+    if (!order_drop_doubles(&h->live, &doubles) || !folder_read(folder, true, &card)) {
         return ENOMEM;
     }
-    const int list = choose_list(files);
-    if (list >= 0) {
-        look_at_list(files[list], LIST_NAMES[list], health);
-    } else {
-        look_at_no_list(files, health);
+    if (card.failure != 0 || card.unread_failure != 0) {
+        return card.failure != 0 ? card.failure : card.unread_failure;
     }
     health->volume = card_of(folder);
-    array<uint32_t> clips;
-    if (!read_clips(folder, &clips)) {
-        return errno;
-    }
-    health->clips = clips.size;
-    array<kyt_record> none;
-    array<kyt_record>& records = list >= 0 ? files[list].records : none;
-    std::sort(records.begin(), records.end(), [](const kyt_record& a, const kyt_record& b) {
-        return a.ts != b.ts ? a.ts < b.ts : is_live(a) && !is_live(b);
-    });
-    compare(records, clips, health);
+    health->records = h->live.size();
+    health->deleted = l.deleted.size;
+    health->twice = doubles.size;
+    health->clips = card.clips.size;
+    compare_clips(h->live, card.clips, health);
+    compare_deleted(h, &l.deleted, card.clips, health);
     return 0;
 }
 
@@ -111,8 +105,12 @@ KYT_API int kyt_check(const char* folder_path, kyt_health* health) {
     if (folder < 0) {
         return -1;
     }
+    kyt_handle* const h = handle_make();
     kyt_health seen = {};
-    const int failure = look(folder, &seen);
+    const int failure = h ? look(folder, h, &seen) : ENOMEM;
+    if (h) {
+        handle_free(h);
+    }
     close(folder);
     if (failure != 0) {
         errno = failure;
@@ -123,7 +121,7 @@ KYT_API int kyt_check(const char* folder_path, kyt_health* health) {
 }
 
 KYT_API int kyt_repair(const char* folder_path) {
-    kyt_handle* const list = open_folder(folder_path, reading::WHOLE);
+    kyt_handle* const list = open_folder(folder_path);
     kyt_close(list);
     return list ? 0 : -1;
 }

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -24,13 +23,6 @@ uint32_t crc32(const void* data, size_t size) {
     return ~crc;
 }
 
-int writer_flush(list_writer* w) {
-    const uint32_t offset = RECORDS_AT + (w->records - w->buffered) * static_cast<uint32_t>(sizeof(kyt_record));
-    const int result = write_at(w->fd, w->buffer, w->buffered * sizeof(kyt_record), offset);
-    w->buffered = 0;
-    return result;
-}
-
 }  // namespace
 
 header_kind header_read(const uint8_t (&bytes)[sizeof(list_header)], list_header* header, bool* other_order) {
@@ -38,8 +30,7 @@ header_kind header_read(const uint8_t (&bytes)[sizeof(list_header)], list_header
     std::memcpy(&h, bytes, sizeof h);
     const bool swap = h.byte_order == __builtin_bswap32(BYTE_ORDER_MARK);
     if (swap) {
-        for (uint32_t* field :
-             {&h.byte_order, &h.version, &h.generation, &h.state, &h.records, &h.card, &h.in_order, &h.check}) {
+        for (uint32_t* field : {&h.byte_order, &h.version, &h.state, &h.records, &h.card, &h.live, &h.check}) {
             *field = __builtin_bswap32(*field);
         }
     }
@@ -58,60 +49,26 @@ uint32_t card_of(int fd) {
     return ioctl(fd, GET_VOLUME_ID, &number) == 0 ? number : 0;
 }
 
-int header_write(int fd, uint32_t generation, file_state state, uint32_t records, bool in_order) {
+int header_write(int fd, file_state state, uint32_t records, uint32_t live) {
     list_header header = {};
     std::memcpy(header.magic, MAGIC, sizeof MAGIC);
     header.byte_order = BYTE_ORDER_MARK;
     header.version = VERSION;
-    header.generation = generation;
     header.state = static_cast<uint32_t>(state);
     header.records = records;
     header.card = card_of(fd);
-    header.in_order = in_order ? 1 : 0;
+    header.live = live;
     header.check = crc32(&header, offsetof(list_header, check));
     return write_at(fd, &header, sizeof header, 0);
 }
 
-int header_seal(int fd, uint32_t generation, file_state state, uint32_t records, bool in_order) {
-    return header_write(fd, generation, state, records, in_order) < 0 ? -1 : fdatasync(fd);
+int header_seal(int fd, file_state state, uint32_t records, uint32_t live) {
+    return header_write(fd, state, records, live) < 0 ? -1 : fdatasync(fd);
 }
 
 uint32_t file_bytes(uint32_t records) {
-    const uint32_t wanted =
-        RECORDS_AT + (records + SPARE_RECORDS) * static_cast<uint32_t>(sizeof(kyt_record)) + STEP_BYTES - 1;
+    const uint32_t wanted = offset_of(records + SPARE_RECORDS) + STEP_BYTES - 1;
     return std::min(wanted / STEP_BYTES * STEP_BYTES, MAX_BYTES);
-}
-
-int writer_begin(list_writer* w, int folder, const char* name, uint32_t generation) {
-    w->records = w->buffered = 0;
-    (void)unlinkat(folder, name, 0);  // a leftover; when it cannot go, the next call says so
-    w->fd = openat(folder, name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    return w->fd < 0 ? -1 : header_write(w->fd, generation, file_state::WRITING, 0);
-}
-
-int writer_put(list_writer* w, const kyt_record& record) {
-    if (w->records == MAX_RECORDS) {
-        errno = EFBIG;
-        return -1;
-    }
-    w->buffer[w->buffered++] = record;
-    ++w->records;
-    return w->buffered < sizeof w->buffer / sizeof w->buffer[0] ? 0 : writer_flush(w);
-}
-
-int writer_end(list_writer* w, bool sync) {
-    if (writer_flush(w) < 0 || ftruncate(w->fd, file_bytes(w->records)) < 0) {
-        return -1;
-    }
-    return sync ? fsync(w->fd) : 0;
-}
-
-void writer_drop(list_writer* w, int folder, const char* name) {
-    if (w->fd >= 0) {
-        close(w->fd);
-        w->fd = -1;
-        (void)unlinkat(folder, name, 0);  // left behind it is only a copy in the making, removed at the next open
-    }
 }
 
 int write_at(int fd, const void* data, size_t size, uint32_t offset) {

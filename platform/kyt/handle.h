@@ -1,30 +1,49 @@
-// What a kyt_handle is, and the open for any folder.
+// What a kyt_handle is, and what tests, measurements and fuzzing use beside the public calls.
 #pragma once
 
-#include "keeper.h"
-#include "list.h"
-#include "region.h"
+#include "order.h"
+#include "store.h"
+
+namespace kyt {
+
+struct keeper;
+
+// A clip that was deleted and whose files may still be there. 12 bytes.
+struct tombstone {
+    uint32_t ts;
+    uint32_t slot;   // of its record, which keeps it until the files were seen to be gone
+    uint32_t round;  // the number of comparisons that had begun when it was deleted
+};
+
+}  // namespace kyt
 
 struct kyt_handle {
-    kyt::list order;
-    kyt::region map;                // not for a read-only handle
-    kyt::keeper* keeper = nullptr;  // null: a read-only handle
-    kyt::array<kyt_record> copy;    // a read-only handle's records
-    int file = 0;                   // index into the keeper's files
-    uint32_t asked_bytes = 0;       // the capacity at which the keeper was last woken to grow the file
-    uint32_t expected = 0;          // the slot behind the last one that was got; may be any number
-    uint8_t round = 0;              // counts comparisons of folder and list, modulo 256
-    bool taken = true;              // the last comparison's results are in the list
-    bool compared = false;          // a complete comparison has been: the next field counts
-    uint8_t compared_round = 0;     // what was deleted in earlier rounds and was not found is gone for good
-    bool said_full = false;
-    bool distrusted = false;  // what was taken over unread is not whole, or not in order
+    kyt::store list;  // of an open list only `slots` and `used` count: the rest is the keeper's
+    kyt::order live;
+    kyt::array<uint32_t> empty;  // slots that the next clips take, from next_empty on
+    uint32_t next_empty = 0;
+    kyt::array<kyt::tombstone> tombstones;  // ascending by ts
+    kyt::keeper* keeper = nullptr;          // null: a read-only handle
+    uint32_t round = 0;                     // counts comparisons
+    bool taken = true;                      // what the last comparison has found is in the list
+    bool said_full = false;                 // the log says that there is no room
 };
 
 namespace kyt {
 
-// kyt_open_rdwr for a folder of one's own: for tests, measurements and fuzzing.
-enum class reading : uint8_t { AS_NEEDED, WHOLE };
-kyt_handle* open_folder(const char* path, reading wanted = reading::AS_NEEDED);
+// kyt_open_rdwr for any folder.
+kyt_handle* open_folder(const char* path);
+// Waits until all changes so far are on the card. False: they are not, after 100 s.
+bool settle(kyt_handle* list);
+// Whether a comparison with the folder is under way. kyt_optimise takes over its results when it is not.
+bool is_comparing(const kyt_handle* list);
+
+// Memory for an empty handle, and its end: reservations included, but neither a keeper nor a descriptor.
+kyt_handle* handle_make();
+void handle_free(kyt_handle* h);
+
+// Opens the list of a folder into an empty handle, with all repairs; the list's descriptor is in h->list.fd then, and
+// no keeper is at work yet. May wait for the card. 0, or -1 with errno and whatever was opened still in `h`.
+int open_list(int folder, kyt_handle* h);
 
 }  // namespace kyt

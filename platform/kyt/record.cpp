@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <charconv>
+#include <cstring>
 
 #include "export.h"
 #include "kyt_rdonly.h"
@@ -9,42 +10,68 @@
 namespace kyt {
 namespace {
 
-static_assert(sizeof(kyt_record) == 8, "the record's layout is the file's");
+static_assert(sizeof(kyt_record) == 8 && alignof(kyt_record) == 4, "the record's layout is the file's");
+
+using word [[gnu::may_alias]] = uint32_t;
 
 constexpr uint16_t LIVE_MASK = 0x4C56;
 constexpr uint16_t DELETED_MASK = static_cast<uint16_t>(~LIVE_MASK);
+constexpr uint8_t EMPTY_BYTES[4] = {0x5A, 0xC3, 0xA5, 0x3C};  // no clip has these flags
 
 // CRC-16 with the polynomial 0x1021, a byte at a time without a table: what a table would hold for a byte is the byte
-// itself in four places. A record is checked at every look at it, so this is most of what a look costs.
+// itself in four places.
 uint16_t crc_byte(uint16_t crc, uint8_t byte) {
     uint32_t top = (crc >> 8) ^ byte;
     top ^= top >> 4;
     return static_cast<uint16_t>((crc << 8) ^ (top << 12) ^ (top << 5) ^ top);
 }
 
-// Over the value of ts, not over its bytes as they lie: a record keeps its check when its byte order is changed.
-uint16_t check_of(uint32_t ts, uint8_t detail) {
+// Over the value of ts, not over its bytes as they are stored: a record keeps its check when its byte order changes.
+uint16_t check_of(uint32_t ts, uint8_t seconds) {
     uint16_t crc = 0xFFFF;
     for (int shift = 0; shift < 32; shift += 8) {
         crc = crc_byte(crc, static_cast<uint8_t>(ts >> shift));
     }
-    return crc_byte(crc, detail);
+    return crc_byte(crc, seconds);
 }
 
-kyt_record make(uint32_t ts, uint8_t detail, uint8_t flags, uint16_t mask) {
-    const auto check = static_cast<uint16_t>(check_of(ts, detail) ^ mask);
-    return {ts, {detail, static_cast<uint8_t>(check)}, flags, static_cast<uint8_t>(check >> 8)};
+kyt_record make(uint32_t ts, uint8_t seconds, uint8_t flags, uint16_t mask) {
+    const auto check = static_cast<uint16_t>(check_of(ts, seconds) ^ mask);
+    return {ts, {seconds, static_cast<uint8_t>(check)}, flags, static_cast<uint8_t>(check >> 8)};
 }
 
-// check: over the record as it should be.
-slot kind_with(const kyt_record& record, uint16_t check) {
+// The second word of a record.
+word detail_of(const kyt_record& record) {
+    word detail;
+    std::memcpy(&detail, record.reserved, sizeof detail);
+    return detail;
+}
+
+word empty_detail() {
+    word detail;
+    std::memcpy(&detail, EMPTY_BYTES, sizeof detail);
+    return detail;
+}
+
+word* words_of(kyt_record* record) {
+    return reinterpret_cast<word*>(record);
+}
+const word* words_of(const kyt_record* record) {
+    return reinterpret_cast<const word*>(record);
+}
+
+}  // namespace
+
+slot slot_kind(const kyt_record& record) {
+    const word detail = detail_of(record);
+    if (detail == empty_detail()) {
+        return slot::EMPTY;
+    }
     if (record.ts == 0) {
-        const bool all_zero =
-            record.reserved[0] == 0 && record.reserved[1] == 0 && record.flags == 0 && record.reserved2 == 0;
-        return all_zero ? slot::FREE : slot::BAD;
+        return detail == 0 ? slot::UNUSED : slot::BAD;
     }
     const uint16_t stored = static_cast<uint16_t>(record.reserved[1] | (record.reserved2 << 8));
-    switch (check ^ stored) {
+    switch (check_of(record.ts, record.reserved[0]) ^ stored) {
         case LIVE_MASK:
             return slot::LIVE;
         case DELETED_MASK:
@@ -54,42 +81,71 @@ slot kind_with(const kyt_record& record, uint16_t check) {
     }
 }
 
-}  // namespace
-
-slot slot_kind(const kyt_record& record) {
-    return kind_with(record, check_of(record.ts, record.reserved[0]));
-}
-
-// The check is linear: the bytes' shares are put together by xor, and that of no bytes goes with the first one.
-check_table::check_table() {
-    const uint16_t none = check_of(0, 0);
-    for (uint32_t byte = 0; byte < 256; ++byte) {
-        for (int place = 0; place < 4; ++place) {
-            of[place][byte] = static_cast<uint16_t>(check_of(byte << (8 * place), 0) ^ (place > 0 ? none : 0));
-        }
-        of[4][byte] = static_cast<uint16_t>(check_of(0, static_cast<uint8_t>(byte)) ^ none);
-    }
-}
-
-slot slot_kind(const kyt_record& record, const check_table& table) {
-    const uint32_t ts = record.ts;
-    return kind_with(record, static_cast<uint16_t>(table.of[0][ts & 0xFF] ^ table.of[1][(ts >> 8) & 0xFF] ^
-                                                   table.of[2][(ts >> 16) & 0xFF] ^ table.of[3][ts >> 24] ^
-                                                   table.of[4][record.reserved[0]]));
-}
-
 kyt_record live_record(uint32_t ts, uint8_t seconds, uint8_t flags) {
     return make(ts, seconds, flags, LIVE_MASK);
 }
 
-kyt_record deleted_record(const kyt_record& record, uint8_t round) {
-    return make(record.ts, round, record.flags, DELETED_MASK);
+kyt_record deleted_record(const kyt_record& live) {
+    return make(live.ts, live.reserved[0], live.flags, DELETED_MASK);
+}
+
+kyt_record returned_record(const kyt_record& deleted) {
+    return make(deleted.ts, deleted.reserved[0], deleted.flags, LIVE_MASK);
 }
 
 kyt_record swapped(const kyt_record& record) {
     kyt_record other = record;
     other.ts = __builtin_bswap32(record.ts);
     return other;
+}
+
+void put_record(kyt_record* slot, const kyt_record& record) {
+    word* const words = words_of(slot);
+    if (words[0] != record.ts) {
+        __atomic_store_n(&words[1], empty_detail(), __ATOMIC_RELEASE);
+        __atomic_store_n(&words[0], record.ts, __ATOMIC_RELEASE);
+    }
+    __atomic_store_n(&words[1], detail_of(record), __ATOMIC_RELEASE);
+}
+
+void put_empty(kyt_record* slot) {
+    __atomic_store_n(&words_of(slot)[1], empty_detail(), __ATOMIC_RELEASE);
+}
+
+// Callers change flags by plain stores and without notice. The next two functions look at such records without a lock,
+// which the thread sanitizer is told to accept.
+
+// A ts belongs to the second word that was read both before and after it: between two clips there is EMPTY.
+__attribute__((no_sanitize("thread"))) void copy_records(kyt_record* to, const kyt_record* from, uint32_t count) {
+    for (uint32_t i = 0; i < count; ++i) {
+        const word* const words = words_of(from + i);
+        word ts = 0;
+        word detail = __atomic_load_n(&words[1], __ATOMIC_ACQUIRE);
+        for (;;) {
+            ts = __atomic_load_n(&words[0], __ATOMIC_ACQUIRE);
+            const word again = __atomic_load_n(&words[1], __ATOMIC_ACQUIRE);
+            if (again == detail) {
+                break;
+            }
+            detail = again;
+        }
+        words_of(to + i)[0] = ts;
+        words_of(to + i)[1] = detail;
+    }
+}
+
+// Two multiplicative hashes side by side, each of which any change of a single word changes. 32-bit products: the
+// target has no wider ones that are fast.
+__attribute__((no_sanitize("thread"))) uint64_t sum_of(const kyt_record* from, uint32_t count) {
+    const word* const words = words_of(from);
+    uint32_t high = 0x9E3779B9;
+    uint32_t low = 0x85EBCA6B;
+    for (uint32_t i = 0; i < 2 * count; ++i) {
+        const word value = __atomic_load_n(&words[i], __ATOMIC_RELAXED);
+        high = (high ^ value) * 0x01000193U;
+        low = (low + value) * 0x9E3779B1U;
+    }
+    return ((static_cast<uint64_t>(high) << 32 | low) & ~uint64_t{1}) | 2;
 }
 
 }  // namespace kyt
@@ -111,11 +167,13 @@ KYT_API int kyt_record_parse(kyt_record* record, const char* text, size_t length
             failure = bad_flags;
         }
     }
-    if (failure != std::errc() || at != end || ts == 0) {
+    const kyt_record parsed = kyt::live_record(ts, seconds, flags);
+    // With one choice of flags, which no recorder uses, one clip in 65,536 of one length would read as an empty slot.
+    if (failure != std::errc() || at != end || ts == 0 || !kyt::is_live(parsed)) {
         errno = EINVAL;
         return -1;
     }
-    *record = kyt::live_record(ts, seconds, flags);
+    *record = parsed;
     return 0;
 }
 

@@ -12,7 +12,7 @@ from conftest import clips, insert_normal, record, wait_clips, wait_daemon
 from vcam import Camera, wait_until
 
 MakeCard = Callable[..., Path]
-LIST = f"{RECORD_DIR}/KYT_A.LST"
+LIST = f"{RECORD_DIR}/KYT.LST"
 RECORDS_AT = 4096
 
 

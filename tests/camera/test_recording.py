@@ -141,7 +141,7 @@ def test_the_index_alone_has_what_was_indexed_two_seconds_before_a_power_cut(own
     seen = time.monotonic()
     wait_until(lambda: time.monotonic() - seen > 2.0, 5, "two seconds to pass")
     own_camera.power_cut()
-    content = read_file(made, f"{RECORD_DIR}/KYT_A.LST")
+    content = read_file(made, f"{RECORD_DIR}/KYT.LST")
     stored = {int.from_bytes(content[at:at + 4], "little") for at in range(4096, len(content), 8)}
     assert set(times) <= stored
     assert filesystem_offset(made) > 0

@@ -105,7 +105,7 @@ const std::string& folder() {
 
 void make_lists(const uint8_t* data, size_t size) {
     recipe r = {data, size};
-    for (const char* name : kyt::LIST_NAMES) {
+    for (const char* name : {kyt::LIST_NAME}) {
         make_list(folder() + "/" + name, &r);
     }
 }

@@ -23,9 +23,9 @@
 #include <vector>
 
 #include "handle.h"
+#include "keeper.h"
 #include "kyt_rdonly.h"
 #include "unit/support/recordings.h"
-#include "unread.h"
 
 namespace {
 
@@ -73,10 +73,10 @@ struct clip {
 
 struct reference {
     std::map<uint32_t, clip> listed;
-    std::map<uint32_t, uint8_t> deleted;  // whose files are still there, with the flags that they had
+    std::map<uint32_t, clip> deleted;     // whose files are still there
     std::set<uint32_t> unannounced;       // on the card, and perhaps already found by the list
     std::set<uint32_t> files;             // clips on the card
-    std::map<uint32_t, uint8_t> marks;    // of all that were ever deleted: a clip that comes back may have them again
+    std::map<uint32_t, clip> marks;       // of all that were ever deleted: a clip that comes back may have them again
 };
 
 struct session {
@@ -126,8 +126,8 @@ bool take_found(session* s, uint32_t ts, const kyt_record& record) {
     }
     s->expected.listed[ts] = {static_cast<uint8_t>(kyt_record_seconds(&record)), record.flags};
     const auto marked = s->expected.marks.find(ts);
-    return kyt_record_seconds(&record) == 0 &&
-           (record.flags == 0 || (marked != s->expected.marks.end() && marked->second == record.flags));
+    const clip found = s->expected.listed[ts];
+    return found == clip{0, 0} || (marked != s->expected.marks.end() && marked->second == found);
 }
 
 void compare(session* s) {
@@ -162,7 +162,6 @@ void compare(session* s) {
 
 void open_list(session* s) {
     s->held = nullptr;
-    kyt::read_whole_up_to = s->one_in(2) ? 8 : UINT32_MAX;  // every other time a list may be taken over unread
     s->list = kyt::open_folder(s->card.path().c_str());
     if (!s->list) {
         fail(0, "cannot open: %s", std::strerror(errno));
@@ -172,7 +171,7 @@ void open_list(session* s) {
 // The deleted ones whose files are still there are back after each opening: then it is the files that count.
 void expect_deleted_back(session* s) {
     for (const auto& [ts, flags] : s->expected.deleted) {
-        s->expected.listed[ts] = {0, flags};
+        s->expected.listed[ts] = flags;
     }
     s->expected.deleted.clear();
 }
@@ -180,14 +179,14 @@ void expect_deleted_back(session* s) {
 // What was changed less than 2 seconds before the end may be lost, and the list may go over to a rewritten file in that
 // time. Here the kernel lives on, so that nothing else can be lost: seconds are not worth waiting for.
 void await_commit(session* s) {
-    while (s->list->keeper->at.load() == kyt::phase::COMMIT) {
-        usleep(50);
+    if (!kyt::settle(s->list)) {
+        fail(0, "the keeper does not bring it to the card");
     }
 }
 
 void reopen(session* s) {
     // Records that are still waiting for the file to grow are as new.
-    const bool clean = s->list->order.count > kyt::slots_in(s->list->map.in_file) || !s->one_in(3);
+    const bool clean = !s->one_in(3);
     if (!clean) {
         await_commit(s);
     }
@@ -330,12 +329,10 @@ void delete_clip(session* s, uint32_t ts) {
     if (!record || at == s->expected.listed.end() || kyt_mark_deleted(s->list, record) != 0) {
         fail(ts, "cannot be deleted");
     }
-    if (at->second.flags != 0) {
-        s->expected.marks[ts] = at->second.flags;
-    }
+    s->expected.marks[ts] = at->second;
     if (s->expected.files.contains(ts)) {
         if (s->one_in(4)) {
-            s->expected.deleted[ts] = at->second.flags;  // the files stay: they are in use, or the card refuses
+            s->expected.deleted[ts] = at->second;  // the files stay: they are in use, or the card refuses
         } else {
             remove_files(s, ts);
         }

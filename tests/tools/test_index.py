@@ -17,7 +17,7 @@ from conftest import command, environment, make_list, read_line, run
 
 START = 1795226400  # 2026-11-21T02:00:00Z
 FOLDER = "ZOLTA_RECORD_VIDEO"
-LIST = "KYT_A.LST"
+LIST = "KYT.LST"
 RECORDS_AT = 4096
 CLIPS = 70
 

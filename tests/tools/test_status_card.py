@@ -64,7 +64,7 @@ def test_card_without_recordings(broker: Broker) -> None:
 
 
 def test_card_with_an_index_that_cannot_be_read(broker: Broker, card: Path) -> None:
-    (card / "KYT_A.LST").write_bytes(bytes(65536))
+    (card / "KYT.LST").write_bytes(bytes(65536))
     done = status(broker, with_clips(card), "--json")
     assert done.returncode == 5
     assert done.stderr == "veskctl: /mnt/sdcard/ZOLTA_RECORD_VIDEO: the clip index cannot be read\n"

@@ -160,7 +160,7 @@ TEST(KytRecord, Announcements) {
 
 TEST(KytRecord, TellsWhatItIs) {
     using kyt::slot;
-    EXPECT_EQ(kyt::slot_kind({0, {0, 0}, 0, 0}), slot::FREE);
+    EXPECT_EQ(kyt::slot_kind({0, {0, 0}, 0, 0}), slot::UNUSED);
     EXPECT_EQ(kyt::slot_kind({0, {0, 0}, 1, 0}), slot::BAD);
     EXPECT_EQ(kyt::slot_kind({UINT32_MAX, {255, 255}, 255, 255}), slot::BAD);
     EXPECT_EQ(kyt::slot_kind({1, {0, 0}, 0, 0}), slot::BAD);
@@ -169,9 +169,8 @@ TEST(KytRecord, TellsWhatItIs) {
     live.flags = 0x5A;  // changed in place
     EXPECT_EQ(kyt::slot_kind(live), slot::LIVE);
     EXPECT_EQ(kyt::slot_kind(kyt::swapped(live)), slot::BAD);
-    const kyt_record deleted = kyt::deleted_record(live, 200);
+    const kyt_record deleted = kyt::deleted_record(live);
     EXPECT_EQ(kyt::slot_kind(deleted), slot::DELETED);
-    EXPECT_EQ(kyt::round_of(deleted), 200);
     // Every single wrong bit outside the flags is seen.
     for (int bit = 0; bit < 64; ++bit) {
         if (bit / 8 == 6) {

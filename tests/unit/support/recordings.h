@@ -61,7 +61,7 @@ class recordings {
         }
         return names;
     }
-    std::string list_name() const { return has("KYT_A.LST") ? "KYT_A.LST" : "KYT_B.LST"; }
+    std::string list_name() const { return has("KYT.LST") ? "KYT.LST" : "KYT_B.LST"; }
     std::string bytes(const std::string& name) const {
         std::ifstream in(file(name), std::ios::binary);
         return {std::istreambuf_iterator<char>(in), {}};

@@ -1,0 +1,207 @@
+#include "order.h"
+
+#include <sys/mman.h>
+
+#include "record.h"
+
+namespace kyt {
+namespace {
+
+constexpr uint32_t NEAR = 256;  // records from an end
+constexpr size_t ROOM_BYTES = size_t{order::ROOM} * sizeof(uint32_t);
+
+bool comes_first(const kyt_record& a, const kyt_record& b) {
+    if (a.ts != b.ts) {
+        return a.ts < b.ts;
+    }
+    return a.flags != b.flags ? a.flags > b.flags : a.reserved[0] > b.reserved[0];
+}
+
+bool is_at(const order& o, uint32_t place, const kyt_record* record) {
+    return place >= o.first && place < o.end && o.entries[place] == static_cast<uint32_t>(record - o.slots);
+}
+
+// Moves `count` entries. The places may overlap.
+void move_entries(order* o, uint32_t to, uint32_t from, uint32_t count) {
+    std::memmove(o->entries + to, o->entries + from, size_t{count} * sizeof(uint32_t));
+}
+
+// Entries from `from` to `to`, multiples of the step: a multiple of the page, however large that is. A system that does
+// not take them costs memory and nothing else.
+void give_back(order* o, uint32_t from, uint32_t to) {
+    (void)madvise(o->entries + from, size_t{to - from} * sizeof(uint32_t), MADV_DONTNEED);
+}
+
+void clean(order* o) {
+    if (o->gone > 0) {
+        const auto is_gone = [](uint32_t entry) { return (entry & order::GONE) != 0; };
+        const uint32_t* const end = std::remove_if(o->entries + o->first, o->entries + o->end, is_gone);
+        o->end = static_cast<uint32_t>(end - o->entries);
+        o->gone = 0;
+    }
+}
+
+// After `first` has changed: it is no marked entry, and no memory is kept for what is well before it.
+void settle_first(order* o) {
+    for (; o->first < o->end && o->is_gone(o->first); ++o->first) {
+        --o->gone;
+    }
+    const uint32_t passed = o->first / order::STEP * order::STEP;
+    if (passed > o->given_back) {
+        give_back(o, o->given_back, passed);
+    }
+    o->given_back = passed;
+}
+
+}  // namespace
+
+bool order_make(order* o, kyt_record* slots) {
+    void* const made =
+        mmap(nullptr, ROOM_BYTES, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (made == MAP_FAILED) {
+        return false;
+    }
+    o->entries = static_cast<uint32_t*>(made);
+    o->slots = slots;
+    return true;
+}
+
+void order_free(order* o) {
+    if (o->entries) {
+        munmap(o->entries, ROOM_BYTES);
+        o->entries = nullptr;
+    }
+}
+
+void order_add(order* o, uint32_t slot) {
+    o->entries[o->end++] = slot;
+}
+
+void order_sort(order* o) {
+    const auto less = [o](uint32_t a, uint32_t b) { return comes_first(o->slots[a], o->slots[b]); };
+    uint32_t* const begin = o->entries + o->first;
+    uint32_t* const end = o->entries + o->end;
+    uint32_t* const second = std::is_sorted_until(begin, end, less);
+    if (second == end) {
+        return;
+    }
+    // Slots that are used again one after the other make a ring.
+    if (std::is_sorted(second, end, less) && less(end[-1], *begin)) {
+        std::rotate(begin, second, end);
+    } else {
+        std::sort(begin, end, less);
+    }
+}
+
+bool order_drop_doubles(order* o, array<uint32_t>* doubles) {
+    uint32_t kept = o->first;
+    for (uint32_t place = o->first; place < o->end; ++place) {
+        if (kept > o->first && o->ts_at(kept - 1) == o->ts_at(place)) {
+            if (!doubles->push(o->entries[place])) {
+                return false;
+            }
+        } else {
+            o->entries[kept++] = o->entries[place];
+        }
+    }
+    o->end = kept;
+    return true;
+}
+
+uint32_t order_place(const order& o, uint32_t ts) {
+    if (o.first == o.end || o.ts_at(o.end - 1) < ts) {
+        return o.end;
+    }
+    uint32_t low = o.first;
+    uint32_t high = o.end - 1;
+    while (low < high) {
+        const uint32_t middle = low + (high - low) / 2;
+        if (o.ts_at(middle) < ts) {
+            low = middle + 1;
+        } else {
+            high = middle;
+        }
+    }
+    return low;
+}
+
+kyt_record* order_find(order* o, uint32_t ts) {
+    // A caller that names many clips mostly names them in order.
+    uint32_t place = o->hint + 1;
+    if (place < o->first || place >= o->end || o->ts_at(place) != ts) {
+        place = order_place(*o, ts);
+    }
+    if (place == o->end || o->ts_at(place) != ts || o->is_gone(place)) {
+        return nullptr;
+    }
+    o->hint = place;
+    return o->slots + o->entries[place];
+}
+
+kyt_record* order_next(order* o, const kyt_record* prev) {
+    uint32_t place = o->first;
+    if (prev && is_at(*o, o->hint, prev)) {
+        place = o->hint + 1;
+    } else if (prev) {
+        place = prev->ts == UINT32_MAX ? o->end : order_place(*o, prev->ts + 1);
+    }
+    while (place < o->end && o->is_gone(place)) {
+        ++place;
+    }
+    o->hint = place;
+    return place < o->end ? o->slots + o->entries[place] : nullptr;
+}
+
+void order_insert(order* o, uint32_t slot) {
+    uint32_t place = order_place(*o, o->slots[slot].ts);
+    if (o->gone > 0 && place < o->end) {
+        clean(o);  // among them may be an entry of this very slot
+        place = order_place(*o, o->slots[slot].ts);
+    }
+    if (o->first > 0 && place - o->first < o->end - place) {
+        move_entries(o, o->first - 1, o->first, place - o->first);
+        --o->first;
+        --place;
+        settle_first(o);
+    } else {
+        move_entries(o, place + 1, place, o->end - place);
+        ++o->end;
+    }
+    o->entries[place] = slot;
+}
+
+void order_remove(order* o, const kyt_record* record) {
+    const uint32_t place = is_at(*o, o->hint, record) ? o->hint : order_place(*o, record->ts);
+    const uint32_t before = place - o->first;
+    const uint32_t behind = o->end - place;
+    if (std::min(before, behind) > NEAR) {
+        o->entries[place] |= order::GONE;
+        if (++o->gone > NEAR + (o->end - o->first) / 64) {
+            clean(o);
+        }
+    } else if (before < behind) {
+        move_entries(o, o->first + 1, o->first, before);
+        ++o->first;
+    } else {
+        move_entries(o, place, place + 1, behind - 1);
+        --o->end;
+    }
+    settle_first(o);
+}
+
+void order_tidy(order* o) {
+    clean(o);
+    if (o->first < order::ROOM / 2) {
+        return;
+    }
+    const uint32_t size = o->end - o->first;
+    const uint32_t old_end = o->end;
+    move_entries(o, order::START, o->first, size);
+    o->first = order::START;
+    o->end = o->first + size;
+    const uint32_t used = (o->end + order::STEP - 1) / order::STEP * order::STEP;
+    give_back(o, std::min(used, old_end / order::STEP * order::STEP), old_end / order::STEP * order::STEP);
+    o->given_back = 0;
+}
+
+}  // namespace kyt
