@@ -1,10 +1,11 @@
 #include "format.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sys/ioctl.h>
 #include <unistd.h>
+
+#include "array.h"
 
 namespace kyt {
 namespace {
@@ -72,19 +73,13 @@ uint32_t file_bytes(uint32_t records) {
 }
 
 int write_at(int fd, const void* data, size_t size, uint32_t offset) {
-    const auto* at = static_cast<const uint8_t*>(data);
-    while (size > 0) {
-        const ssize_t written = pwrite(fd, at, size, offset);
-        if (written < 0 && errno == EINTR) {
-            continue;
+    for (size_t done = 0; done < size;) {
+        const auto* const at = static_cast<const uint8_t*>(data) + done;
+        const ssize_t written = pwrite(fd, at, size - done, offset + static_cast<off_t>(done));
+        if (written == 0 || (written < 0 && errno != EINTR)) {
+            return fail_with(written < 0 ? errno : EIO);
         }
-        if (written <= 0) {
-            errno = written < 0 ? errno : EIO;
-            return -1;
-        }
-        at += written;
-        size -= static_cast<size_t>(written);
-        offset += static_cast<uint32_t>(written);
+        done += static_cast<size_t>(std::max<ssize_t>(written, 0));
     }
     return 0;
 }
@@ -92,18 +87,15 @@ int write_at(int fd, const void* data, size_t size, uint32_t offset) {
 long read_at(int fd, void* data, size_t size, uint32_t offset) {
     size_t done = 0;
     while (done < size) {
-        const ssize_t got =
-            pread(fd, static_cast<uint8_t*>(data) + done, size - done, offset + static_cast<off_t>(done));
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got < 0) {
+        auto* const at = static_cast<uint8_t*>(data) + done;
+        const ssize_t got = pread(fd, at, size - done, offset + static_cast<off_t>(done));
+        if (got < 0 && errno != EINTR) {
             return -1;
         }
         if (got == 0) {
             break;
         }
-        done += static_cast<size_t>(got);
+        done += static_cast<size_t>(std::max<ssize_t>(got, 0));
     }
     return static_cast<long>(done);
 }

@@ -9,7 +9,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include "errors.h"
+#include "phrases.h"
 #include "vesk_util.h"
 
 namespace kyt {
@@ -26,12 +26,12 @@ uint64_t now_ms() {
 }
 
 void flush(keeper* k, bool sync) {
-    const uint32_t asked = k->asked.load(std::memory_order_acquire);
-    sync = sync || asked != k->brought.load(std::memory_order_relaxed);
+    const uint32_t asked = k->asked.load();
+    sync = sync || asked != k->brought.load();
     if (sync) {
         k->last_sync_ms = now_ms();
     }
-    if (!write_changes(&k->file, k->used.load(std::memory_order_acquire), sync)) {
+    if (!write_changes(&k->file, k->used.load(), sync)) {
         const int failure = errno;
         if (!k->failing && !k->file.abandoned.load()) {
             k->failing = true;
@@ -42,12 +42,12 @@ void flush(keeper* k, bool sync) {
             k->failing = false;
             log_info("kyt: the card takes the list again");
         }
-        k->brought.store(asked, std::memory_order_release);
+        k->brought.store(asked);
     }
 }
 
 void finish(keeper* k) {
-    const uint32_t used = k->used.load(std::memory_order_acquire);
+    const uint32_t used = k->used.load();
     if (!write_changes(&k->file, used, true) ||
         header_seal(k->file.list.fd, file_state::CLOSED, used, k->live_at_end) < 0) {
         log_err("kyt: the list is not closed in order: %s", error_text(errno).text);
@@ -55,9 +55,9 @@ void finish(keeper* k) {
 }
 
 void release(keeper* k) {
-    if (k->owners.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+    if (k->owners.fetch_sub(1) == 1) {
         close(k->wake);
-        store_free(&k->file.list);
+        store_free(k->file.list);
         k->~keeper();
         std::free(k);
     }
@@ -76,13 +76,12 @@ bool wait_for_wake(keeper* k) {
     if (poll(&wake, 1, pause_ms(*k)) <= 0) {
         return false;
     }
-    if (!k->ending.load(std::memory_order_acquire) &&
-        k->asked.load(std::memory_order_relaxed) == k->brought.load(std::memory_order_relaxed)) {
+    if (!k->ending.load() && k->asked.load() == k->brought.load()) {
         poll(nullptr, 0, BURST_MS);
     }
     uint64_t count = 0;
     (void)!read(k->wake, &count, sizeof count);
-    k->woken.store(false, std::memory_order_seq_cst);
+    k->woken.store(false);
     return true;
 }
 
@@ -91,16 +90,16 @@ void* keeper_main(void* context) {
     k->last_sync_ms = now_ms();
     for (;;) {
         const bool woken = wait_for_wake(k);
-        if (k->ending.load(std::memory_order_acquire)) {
+        if (k->ending.load()) {
             break;
         }
         if (woken) {
             flush(k, false);
         }
         keeper_tick(k);
-        if (k->at.load(std::memory_order_acquire) == phase::WORK) {
+        if (k->at.load() == phase::WORK) {
             compare(k);
-            k->at.store(phase::DONE, std::memory_order_release);
+            k->at.store(phase::DONE);
         }
     }
     if (!k->file.abandoned.load()) {
@@ -138,7 +137,7 @@ int start_thread(keeper* k) {
 }
 
 void end_thread(keeper* k) {
-    k->ending.store(true, std::memory_order_release);
+    k->ending.store(true);
     k->woken.store(false);
     keeper_wake(k);
 }
@@ -169,7 +168,7 @@ keeper* keeper_start(int folder, const store& list) {
 }
 
 void keeper_wake(keeper* k) {
-    if (!k->woken.exchange(true, std::memory_order_seq_cst)) {
+    if (!k->woken.exchange(true)) {
         const uint64_t one = 1;
         (void)!write(k->wake, &one, sizeof one);
     }
@@ -190,7 +189,7 @@ void keeper_abandon(keeper* k) {
 }
 
 void keeper_tick(keeper* k) {
-    if (!k->ending.load(std::memory_order_acquire) && pause_ms(*k) == 0) {
+    if (!k->ending.load() && pause_ms(*k) == 0) {
         flush(k, true);
     }
 }

@@ -10,10 +10,25 @@
 #include <atomic>
 #include <pthread.h>
 
-#include "array.h"
-#include "writer.h"
+#include "handle.h"
 
 namespace kyt {
+
+// Finds the sectors of a list that are not in its file as they are in memory, and writes those.
+//
+// A sector is known by the sum of what was last written. When the card refuses a write or a synchronisation, all
+// sectors count as not written whose sums are not SYNCED. So what was refused is written again, and nothing else is.
+// Cost: the sums, 256 multiplications of 32 bits for each sector and second.
+struct writer {
+    store list;                          // its `used` does not count
+    std::atomic<bool> abandoned{false};  // nothing may be written any more
+    bool unsynced = false;               // something was written since the last synchronisation
+    bool said_no_room = false;
+};
+
+// Writes what differs in the first `used` slots, and with `sync` waits until it is on the card. The file grows first,
+// ahead of need; records that do not fit stay in memory. False, with errno: not everything; the next call tries again.
+bool write_changes(writer* w, uint32_t used, bool sync);
 
 enum class phase : uint8_t { IDLE, WORK, DONE };
 

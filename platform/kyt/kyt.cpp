@@ -4,10 +4,7 @@
 
 #include <cerrno>
 #include <ctime>
-#include <fcntl.h>
-#include <new>
 #include <poll.h>
-#include <unistd.h>
 
 #include "export.h"
 #include "folder.h"
@@ -24,22 +21,20 @@ namespace {
 constexpr uint32_t PERIOD_END_S = 300;  // a clip is announced at its end: an hour's last one gets that long
 constexpr uint32_t NO_SLOT = UINT32_MAX;
 
-// The place of ts among the tombstones.
-uint32_t tombstone_place(const kyt_handle* h, uint32_t ts) {
-    const tombstone* const found = std::lower_bound(h->tombstones.begin(), h->tombstones.end(), ts,
-                                                    [](const tombstone& t, uint32_t wanted) { return t.ts < wanted; });
-    return static_cast<uint32_t>(found - h->tombstones.begin());
+// The first tombstone whose ts is not below `ts`.
+tombstone* find_tombstone(const kyt_handle* h, uint32_t ts) {
+    return std::lower_bound(h->tombstones.begin(), h->tombstones.end(), ts,
+                            [](const tombstone& t, uint32_t wanted) { return t.ts < wanted; });
 }
-bool is_deleted(const kyt_handle* h, uint32_t place, uint32_t ts) {
-    return place < h->tombstones.size && h->tombstones[place].ts == ts;
+bool is_for(const kyt_handle* h, const tombstone* t, uint32_t ts) {
+    return t != h->tombstones.end() && t->ts == ts;
 }
 
 // The slot for a record of ts: the clip's own when it was deleted, a free one, or one after all others.
 uint32_t take_slot(kyt_handle* h, uint32_t ts) {
-    const uint32_t place = tombstone_place(h, ts);
-    if (is_deleted(h, place, ts)) {
-        const uint32_t slot = h->tombstones[place].slot;
-        h->tombstones.erase(place);
+    if (tombstone* const t = find_tombstone(h, ts); is_for(h, t, ts)) {
+        const uint32_t slot = t->slot;
+        h->tombstones.erase(t);
         return slot;
     }
     if (h->next_empty < h->empty.size) {
@@ -50,8 +45,7 @@ uint32_t take_slot(kyt_handle* h, uint32_t ts) {
 
 int add(kyt_handle* h, const kyt_record& record) {
     if (order_find(&h->live, record.ts)) {
-        errno = EEXIST;
-        return -1;
+        return fail_with(EEXIST);
     }
     const uint32_t slot = order_has_room(h->live) ? take_slot(h, record.ts) : NO_SLOT;
     if (slot == NO_SLOT) {
@@ -59,19 +53,18 @@ int add(kyt_handle* h, const kyt_record& record) {
             h->said_full = true;
             log_err("kyt: no room in the list for %u and later ones", record.ts);
         }
-        errno = ENOSPC;
-        return -1;
+        return fail_with(ENOSPC);
     }
     h->said_full = false;
     put_record(h->list.slots + slot, record);
     order_insert(&h->live, slot);
-    h->keeper->used.store(h->list.used, std::memory_order_release);
+    h->keeper->used.store(h->list.used);
     keeper_wake(h->keeper);
     return 0;
 }
 
 bool has_results(const kyt_handle* h) {
-    return h->keeper->at.load(std::memory_order_acquire) == phase::DONE;
+    return h->keeper->at.load() == phase::DONE;
 }
 
 // Adds the clips that the last comparison has found. It only adds, so pointers stay valid.
@@ -84,7 +77,7 @@ void take_missing(kyt_handle* h) {
     uint32_t first = 0;
     for (const uint32_t ts : h->keeper->work.missing) {
         // One that was announced or deleted since the thread looked is not missing.
-        if (!is_deleted(h, tombstone_place(h, ts), ts) && add(h, live_record(ts, 0, 0)) == 0) {
+        if (!is_for(h, find_tombstone(h, ts), ts) && add(h, live_record(ts, 0, 0)) == 0) {
             first = added++ == 0 ? ts : first;
         }
     }
@@ -97,12 +90,13 @@ void take_missing(kyt_handle* h) {
 // may have been recorded again in between.
 void free_slots(kyt_handle* h) {
     const array<uint32_t>& gone = h->keeper->work.deleted;
-    h->empty.drop(h->next_empty);
+    h->empty.keep_before(std::copy(h->empty.begin() + h->next_empty, h->empty.end(), h->empty.begin()));
     h->next_empty = 0;
     uint32_t kept = 0;
     for (const tombstone& t : h->tombstones) {
-        const bool is_free = t.round < h->round && std::binary_search(gone.begin(), gone.end(), t.ts);
-        if (is_free && h->empty.push(t.slot)) {
+        const bool is_free = t.round < h->round && contains(gone, t.ts);
+        if (is_free && h->empty.reserve(h->empty.size + 1)) {
+            h->empty.push(t.slot);
             put_empty(h->list.slots + t.slot);
         } else {
             h->tombstones[kept++] = t;
@@ -131,23 +125,15 @@ void start_comparison(kyt_handle* h) {
         return;  // the next maintenance tries again
     }
     for (uint32_t place = h->live.first; place < h->live.end; ++place) {
-        (void)work.listed.push(h->live.ts_at(place));
+        work.listed.push(h->live.ts_at(place));
     }
     for (const tombstone& t : h->tombstones) {
-        (void)work.deleted.push(t.ts);
+        work.deleted.push(t.ts);
     }
     ++h->round;
     h->taken = false;
-    h->keeper->at.store(phase::WORK, std::memory_order_release);
+    h->keeper->at.store(phase::WORK);
     keeper_wake(h->keeper);
-}
-
-// Sets errno.
-bool is_read_only(const kyt_handle* h) {
-    if (!h->keeper) {
-        errno = EROFS;
-    }
-    return !h->keeper;
 }
 
 bool is_slot(const kyt_handle* h, const kyt_record* record) {
@@ -156,69 +142,22 @@ bool is_slot(const kyt_handle* h, const kyt_record* record) {
 
 }  // namespace
 
-kyt_handle* kyt::handle_make() {
-    void* const memory = std::malloc(sizeof(kyt_handle));
-    if (!memory) {
-        return nullptr;
-    }
-    auto* const h = new (memory) kyt_handle;
-    if (!store_make(&h->list) || !order_make(&h->live, h->list.slots)) {
-        handle_free(h);
-        errno = ENOMEM;
-        return nullptr;
-    }
-    return h;
-}
-
-void kyt::handle_free(kyt_handle* h) {
-    order_free(&h->live);
-    if (!h->keeper) {
-        store_free(&h->list);
-    }
-    h->~kyt_handle();
-    std::free(h);
-}
-
-kyt_handle* kyt::open_folder(const char* path) {
-    const int folder = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (folder < 0) {
-        return nullptr;
-    }
-    kyt_handle* const h = handle_make();
-    if (h && open_list(folder, h) == 0) {
-        h->keeper = keeper_start(folder, h->list);
-    }
-    if (h && h->keeper) {
-        return h;
-    }
-    const int failure = h ? errno : ENOMEM;
-    if (h) {
-        if (h->list.fd >= 0) {
-            close(h->list.fd);
-        }
-        handle_free(h);
-    }
-    close(folder);
-    errno = failure;
-    return nullptr;
-}
-
 bool kyt::settle(kyt_handle* h) {
     keeper* const k = h->keeper;
-    const uint32_t asked = k->asked.load(std::memory_order_relaxed) + 1;
-    k->asked.store(asked, std::memory_order_release);
+    const uint32_t asked = k->asked.load() + 1;
+    k->asked.store(asked);
     keeper_wake(k);
-    for (int wait = 0; wait < 100'000; ++wait) {
-        if (k->brought.load(std::memory_order_acquire) == asked) {
-            return true;
+    for (int wait = 0; k->brought.load() != asked; ++wait) {
+        if (wait == 100'000) {
+            return false;
         }
         poll(nullptr, 0, wait < 1000 ? 0 : 1);
     }
-    return false;
+    return true;
 }
 
 bool kyt::is_comparing(const kyt_handle* h) {
-    return h->keeper->at.load(std::memory_order_acquire) == phase::WORK;
+    return h->keeper->at.load() == phase::WORK;
 }
 
 KYT_API kyt_handle* kyt_open_rdwr(void) {
@@ -226,40 +165,30 @@ KYT_API kyt_handle* kyt_open_rdwr(void) {
 }
 
 KYT_API void kyt_close(kyt_handle* h) {
-    if (!h) {
-        return;
-    }
-    if (h->keeper) {
+    if (h && h->keeper) {
         keeper_close(h->keeper, h->live.size());
     }
     handle_free(h);
 }
 
 KYT_API void kyt_close_dirty(kyt_handle* h) {
-    if (!h) {
-        return;
-    }
-    if (h->keeper) {
+    if (h && h->keeper) {
         keeper_abandon(h->keeper);
     }
     handle_free(h);
 }
 
 KYT_API int kyt_optimise(kyt_handle* h) {
-    if (!h) {
-        errno = EINVAL;
-        return -1;
-    }
-    if (is_read_only(h)) {
-        return -1;
+    if (!h || !h->keeper) {
+        return fail_with(h ? EROFS : EINVAL);
     }
     take_missing(h);
     order_tidy(&h->live);
     if (has_results(h)) {
         free_slots(h);
-        h->keeper->at.store(phase::IDLE, std::memory_order_relaxed);
+        h->keeper->at.store(phase::IDLE);
     }
-    if (h->keeper->at.load(std::memory_order_relaxed) == phase::IDLE) {
+    if (h->keeper->at.load() == phase::IDLE) {
         start_comparison(h);
     }
     return 0;
@@ -274,12 +203,9 @@ KYT_API kyt_record* kyt_next(kyt_handle* h, const kyt_record* prev) {
 }
 
 KYT_API int kyt_write(kyt_handle* h, const kyt_record* record) {
-    if (!h || !record || !is_live(*record)) {
-        errno = EINVAL;
-        return -1;
-    }
-    if (is_read_only(h)) {
-        return -1;
+    const bool is_good = h && record && is_live(*record);
+    if (!is_good || !h->keeper) {
+        return fail_with(is_good ? EROFS : EINVAL);
     }
     // The announcement first: a comparison that has found the same clip knows neither its duration nor its mark.
     const int result = add(h, *record);
@@ -290,17 +216,14 @@ KYT_API int kyt_write(kyt_handle* h, const kyt_record* record) {
 }
 
 KYT_API int kyt_mark_deleted(kyt_handle* h, kyt_record* record) {
-    if (!h || !record || !is_slot(h, record) || !is_live(*record)) {
-        errno = EINVAL;
-        return -1;
-    }
-    if (is_read_only(h)) {
-        return -1;
+    const bool is_good = h && record && is_slot(h, record) && is_live(*record);
+    if (!is_good || !h->keeper) {
+        return fail_with(is_good ? EROFS : EINVAL);
     }
     order_remove(&h->live, record);
     const tombstone t = {record->ts, static_cast<uint32_t>(record - h->list.slots), h->round};
     // Without memory for it, the clip is found again should its files stay.
-    (void)h->tombstones.insert(tombstone_place(h, t.ts), t);
+    h->tombstones.insert(find_tombstone(h, t.ts), t);
     put_record(record, deleted_record(*record));
     keeper_wake(h->keeper);
     return 0;

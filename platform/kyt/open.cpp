@@ -4,10 +4,9 @@
 #include <sys/file.h>
 #include <unistd.h>
 
-#include "aside.h"
+#include "keeper.h"
 #include "record.h"
 #include "repair.h"
-#include "writer.h"
 
 namespace kyt {
 namespace {
@@ -37,12 +36,6 @@ bool lock(int fd) {
     return false;
 }
 
-// How the file is to be used, once the list in memory is complete.
-struct plan {
-    bool write_first = false;  // everything is to be on the card before the header says that this is the list
-    bool seal = false;         // the header is to be written
-};
-
 // What cannot be a list: a directory, a link, a pipe, or what the card does not give. Any other failure of an open says
 // nothing about the file.
 bool is_no_file(int error) {
@@ -61,14 +54,15 @@ int read_file(repair* r) {
         return -1;
     }
     loaded& l = r->file;
-    if (store_load(&list, &r->h->live, &l) < 0) {
+    if (load(r->h, &l) < 0) {
         r->failure = errno;
         return is_no_file(errno) ? 0 : -1;
     }
     // Of noise, one slot in 32,768 looks like a record.
-    const bool is_noise = l.header == header_kind::DAMAGED && l.live + l.deleted.size <= l.used / 1024 && l.size > 0;
+    const bool is_noise =
+        l.header == header_kind::DAMAGED && r->h->live.size() + l.deleted.size <= l.used / 1024 && l.size > 0;
     if (is_noise) {
-        store_clear(&list, &r->h->live, &l);
+        unload(r->h, &l);
     }
     r->exists = l.unreadable == 0 && !is_noise && l.header != header_kind::OTHER_VERSION;
     return 0;
@@ -77,12 +71,12 @@ int read_file(repair* r) {
 // Whether all names of the folder are to be read.
 bool judge_file(repair* r) {
     const loaded& l = r->file;
-    const uint32_t live = r->h->live.size() + r->doubles;
+    const uint32_t live = r->h->live.size() + r->doubles.size;
     const uint32_t card = card_of(r->folder);
     r->other_card = is_list(l) && l.head.card != 0 && card != 0 && l.head.card != card;
     r->missing = r->exists && is_closed(l) && live < l.head.live ? l.head.live - live : 0;
-    const bool miscounted = is_closed(l) && live != l.head.live;
-    r->damaged = r->exists ? !is_list(l) || l.destroyed > 0 || r->doubles > 0 || has_wrong_size(l) || miscounted
+    r->damaged = r->exists ? !is_list(l) || l.destroyed > 0 || r->doubles.size > 0 || has_wrong_size(l) ||
+                                 (is_closed(l) && live != l.head.live)
                            : r->failure != ENOENT;
     return !is_closed(l) || r->damaged || r->other_card || l.other_order;
 }
@@ -96,54 +90,38 @@ void sort_empty(kyt_handle* h) {
     }
 }
 
-// A file of its own name, not yet sealed. 0, or -1 with errno.
-int make_file(kyt_handle* h, int folder, file_state state) {
-    store& list = h->list;
-    const int fd = openat(folder, LIST_NAME, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (fd < 0) {
+// 0, or -1 with errno and no file.
+int make_file(int folder, store* list, file_state state) {
+    list->bytes = file_bytes(list->used);
+    list->fd = openat(folder, LIST_NAME, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (list->fd < 0) {
         return -1;
     }
-    const uint32_t bytes = file_bytes(list.used);
-    if (!lock(fd) || header_write(fd, state, 0) < 0 || ftruncate(fd, bytes) < 0) {
-        const int failure = errno;
-        close(fd);
-        (void)unlinkat(folder, LIST_NAME, 0);
-        errno = failure;
-        return -1;
+    if (lock(list->fd) && header_write(list->fd, state, 0) == 0 && ftruncate(list->fd, list->bytes) == 0) {
+        return 0;
     }
-    list.fd = fd;
-    list.bytes = bytes;
-    return 0;
+    const int failure = errno;
+    close(std::exchange(list->fd, -1));
+    (void)unlinkat(folder, LIST_NAME, 0);
+    return fail_with(failure);
 }
 
-int replace_file(repair* r, plan* p) {
+int replace_file(repair* r, bool has_records) {
     store& list = r->h->list;
     if (list.fd >= 0) {
-        close(list.fd);
-        list.fd = -1;
+        close(std::exchange(list.fd, -1));
     }
     if (r->failure != ENOENT) {
         aside_move(r->folder, &r->done);
     }
-    std::memset(list.sums, 0, MAX_SECTORS * sizeof *list.sums);
-    // A list without records can lose nothing: it need not wait for the card, and a fresh card is ready sooner.
-    p->write_first = p->seal = r->h->live.size() > 0;
-    const file_state state = p->seal ? file_state::WRITING : file_state::OPEN;
+    std::fill_n(list.sums, MAX_SECTORS, uint64_t{0});
     // A full card must not leave the camera without a list: it could not even make room any more.
-    while (make_file(r->h, r->folder, state) < 0) {
+    while (make_file(r->folder, &list, has_records ? file_state::WRITING : file_state::OPEN) < 0) {
         if (errno != ENOSPC || !aside_remove_oldest(r->folder, &r->done)) {
             return -1;
         }
     }
     return 0;
-}
-
-plan plan_for(const repair& r, uint32_t sealed) {
-    const loaded& l = r.file;
-    plan p;
-    p.write_first = l.other_order || has_state(l, file_state::WRITING);
-    p.seal = p.write_first || r.other_card || !has_state(l, file_state::OPEN) || l.head.records > sealed;
-    return p;
 }
 
 // The last slot that is not empty, if a file that ends there would be smaller; otherwise all used ones.
@@ -162,29 +140,32 @@ void cut_tail(const repair& r, uint32_t tail) {
     kyt_handle* const h = r.h;
     store& list = h->list;
     const uint32_t wanted = file_bytes(tail);
-    if (wanted >= r.file.size || ftruncate(list.fd, offset_of(tail)) < 0) {
-        return;
+    if (wanted < r.file.size && ftruncate(list.fd, offset_of(tail)) == 0) {
+        list.bytes = ftruncate(list.fd, wanted) == 0 ? wanted : offset_of(tail);
+        std::fill(list.slots + tail, list.slots + list.used, kyt_record{});
+        std::fill(list.sums + tail / SECTOR_RECORDS, list.sums + MAX_SECTORS, uint64_t{0});
+        list.used = tail;
+        h->empty.keep_before(std::remove_if(h->empty.begin(), h->empty.end(), [=](uint32_t s) { return s >= tail; }));
     }
-    list.bytes = ftruncate(list.fd, wanted) == 0 ? wanted : offset_of(tail);
-    std::memset(static_cast<void*>(list.slots + tail), 0, size_t{list.used - tail} * sizeof(kyt_record));
-    std::fill_n(list.sums + tail / SECTOR_RECORDS, MAX_SECTORS - tail / SECTOR_RECORDS, uint64_t{0});
-    list.used = tail;
-    const uint32_t* const end = std::remove_if(h->empty.begin(), h->empty.end(), [&](uint32_t s) { return s >= tail; });
-    h->empty.size = static_cast<uint32_t>(end - h->empty.begin());
 }
 
 // Brings the file to where the keeper can go on. 0, or -1 with errno.
 int prepare_file(repair* r) {
     kyt_handle* const h = r->h;
+    const loaded& l = r->file;
     const uint32_t tail = tail_of(*r);
-    uint32_t sealed = std::min(r->file.used, tail);
-    plan p;
-    if (r->exists) {
-        p = plan_for(*r, sealed);
-    } else if (replace_file(r, &p) < 0) {
-        return -1;
+    uint32_t sealed = std::min(l.used, tail);
+    // Whether everything is to be on the card before the header says that this is the list, and whether it says so yet.
+    bool write_first = l.other_order || has_state(l, file_state::WRITING);
+    bool seal = write_first || r->other_card || !has_state(l, file_state::OPEN) || l.head.records > sealed;
+    if (!r->exists) {
+        // A list without records can lose nothing: it need not wait for the card, and a fresh card is ready sooner.
+        write_first = seal = h->live.size() > 0;
+        if (replace_file(r, seal) < 0) {
+            return -1;
+        }
     }
-    if (p.write_first) {
+    if (write_first) {
         writer w;
         w.list = h->list;
         if (!write_changes(&w, h->list.used, true)) {
@@ -193,7 +174,7 @@ int prepare_file(repair* r) {
         h->list.bytes = w.list.bytes;
         sealed = tail;
     }
-    if (p.seal && header_seal(h->list.fd, file_state::OPEN, sealed) < 0) {
+    if (seal && header_seal(h->list.fd, file_state::OPEN, sealed) < 0) {
         return -1;
     }
     if (r->exists) {
@@ -203,29 +184,42 @@ int prepare_file(repair* r) {
     return 0;
 }
 
+// 0, or -1 with errno.
+int open_with(repair* r) {
+    if (read_file(r) < 0) {
+        return -1;
+    }
+    repair_order(r);
+    const bool everything = judge_file(r);
+    // What was set aside has the marks that a list made from the folder lacks.
+    const bool is_made_again = !is_list(r->file) || has_state(r->file, file_state::WRITING);
+    if (is_made_again && !aside_open(r->folder, r->aside)) {
+        return fail_with(ENOMEM);
+    }
+    if (everything || r->file.deleted.size > 0) {
+        repair_from_folder(r, everything);
+    }
+    if (r->h->empty.failed || r->h->tombstones.failed || r->doubles.failed || is_out_of_memory(r->card)) {
+        return fail_with(ENOMEM);
+    }
+    const int failure = prepare_file(r) == 0 ? 0 : errno;
+    repair_report(*r, failure);
+    return failure == 0 ? 0 : fail_with(failure);
+}
+
 }  // namespace
 
 int open_list(int folder, kyt_handle* h) {
     repair r;
     r.folder = folder;
     r.h = h;
-    if (read_file(&r) < 0) {
-        return -1;
+    const int result = open_with(&r);
+    const int failure = errno;
+    for (kyt_handle* const list : r.aside) {
+        handle_free(list);
     }
-    bool ok = repair_order(&r);
-    const bool everything = judge_file(&r);
-    // What was set aside has the marks that a list made from the folder lacks.
-    if (ok && (!is_list(r.file) || has_state(r.file, file_state::WRITING))) {
-        ok = aside_read(folder, &r.known);
-    }
-    if (!ok || !repair_from_folder(&r, everything)) {
-        errno = ENOMEM;
-        return -1;
-    }
-    const int failure = prepare_file(&r) == 0 ? 0 : errno;
-    repair_report(&r, failure);
     errno = failure;
-    return failure == 0 ? 0 : -1;
+    return result;
 }
 
 }  // namespace kyt

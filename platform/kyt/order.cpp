@@ -8,7 +8,6 @@ namespace kyt {
 namespace {
 
 constexpr uint32_t NEAR = 256;  // records from an end
-constexpr size_t ROOM_BYTES = size_t{order::ROOM} * sizeof(uint32_t);
 
 bool comes_first(const kyt_record& a, const kyt_record& b) {
     if (a.ts != b.ts) {
@@ -55,24 +54,6 @@ void settle_first(order* o) {
 
 }  // namespace
 
-bool order_make(order* o, kyt_record* slots) {
-    void* const made =
-        mmap(nullptr, ROOM_BYTES, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (made == MAP_FAILED) {
-        return false;
-    }
-    o->entries = static_cast<uint32_t*>(made);
-    o->slots = slots;
-    return true;
-}
-
-void order_free(order* o) {
-    if (o->entries) {
-        munmap(o->entries, ROOM_BYTES);
-        o->entries = nullptr;
-    }
-}
-
 void order_add(order* o, uint32_t slot) {
     o->entries[o->end++] = slot;
 }
@@ -93,19 +74,16 @@ void order_sort(order* o) {
     }
 }
 
-bool order_drop_doubles(order* o, array<uint32_t>* doubles) {
+void order_drop_doubles(order* o, array<uint32_t>* doubles) {
     uint32_t kept = o->first;
     for (uint32_t place = o->first; place < o->end; ++place) {
         if (kept > o->first && o->ts_at(kept - 1) == o->ts_at(place)) {
-            if (!doubles->push(o->entries[place])) {
-                return false;
-            }
+            doubles->push(o->entries[place]);
         } else {
             o->entries[kept++] = o->entries[place];
         }
     }
     o->end = kept;
-    return true;
 }
 
 uint32_t order_place(const order& o, uint32_t ts) {
@@ -191,17 +169,16 @@ void order_remove(order* o, const kyt_record* record) {
 
 void order_tidy(order* o) {
     clean(o);
-    if (o->first < order::ROOM / 2) {
-        return;
+    if (o->first >= order::ROOM / 2) {
+        const uint32_t size = o->end - o->first;
+        const uint32_t last_step = o->end / order::STEP * order::STEP;
+        move_entries(o, order::START, o->first, size);
+        o->first = order::START;
+        o->end = o->first + size;
+        o->given_back = 0;
+        const uint32_t kept = (o->end + order::STEP - 1) / order::STEP * order::STEP;
+        give_back(o, std::min(kept, last_step), last_step);
     }
-    const uint32_t size = o->end - o->first;
-    const uint32_t old_end = o->end;
-    move_entries(o, order::START, o->first, size);
-    o->first = order::START;
-    o->end = o->first + size;
-    const uint32_t used = (o->end + order::STEP - 1) / order::STEP * order::STEP;
-    give_back(o, std::min(used, old_end / order::STEP * order::STEP), old_end / order::STEP * order::STEP);
-    o->given_back = 0;
 }
 
 }  // namespace kyt

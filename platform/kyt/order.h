@@ -19,8 +19,8 @@ struct order {
     static constexpr uint32_t SLOT = GONE - 1;
 
     kyt_record* slots = nullptr;
-    uint32_t* entries = nullptr;
-    uint32_t first = START;  // never a marked entry
+    uint32_t* entries = nullptr;  // ROOM of them, in memory that is zero and takes no room until it is used
+    uint32_t first = START;       // never a marked entry
     uint32_t end = START;
     uint32_t gone = 0;        // marked entries
     uint32_t hint = 0;        // the place that was looked at last; may be any number
@@ -31,16 +31,11 @@ struct order {
     uint32_t ts_at(uint32_t place) const { return slots[entries[place] & SLOT].ts; }
 };
 
-// Reserves the array. False: errno says why.
-bool order_make(order* o, kyt_record* slots);
-void order_free(order* o);
-
 // While a list is opened: adds slots in any order, then sorts them. Of several slots with one ts the first one has the
-// flags and the duration, if any has.
+// flags and the duration, if any has; the others go to `doubles`.
 void order_add(order* o, uint32_t slot);
 void order_sort(order* o);
-// Keeps the first slot of each ts and adds the others to `doubles`. False: out of memory.
-bool order_drop_doubles(order* o, array<uint32_t>* doubles);
+void order_drop_doubles(order* o, array<uint32_t>* doubles);
 
 // The first place whose ts is not below `ts`; o.end: none.
 uint32_t order_place(const order& o, uint32_t ts);

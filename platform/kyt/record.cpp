@@ -1,8 +1,9 @@
 #include "record.h"
 
+#include <array>
+#include <bit>
 #include <cerrno>
 #include <charconv>
-#include <cstring>
 
 #include "export.h"
 #include "kyt_rdonly.h"
@@ -16,7 +17,7 @@ using word [[gnu::may_alias]] = uint32_t;
 
 constexpr uint16_t LIVE_MASK = 0x4C56;
 constexpr uint16_t DELETED_MASK = static_cast<uint16_t>(~LIVE_MASK);
-constexpr uint8_t EMPTY_BYTES[4] = {0x5A, 0xC3, 0xA5, 0x3C};  // no clip has these flags
+constexpr uint32_t EMPTY = std::bit_cast<uint32_t>(std::array<uint8_t, 4>{0x5A, 0xC3, 0xA5, 0x3C});
 
 // CRC-16 with the polynomial 0x1021, a byte at a time without a table: what a table would hold for a byte is the byte
 // itself in four places.
@@ -40,31 +41,25 @@ kyt_record make(uint32_t ts, uint8_t seconds, uint8_t flags, uint16_t mask) {
     return {ts, {seconds, static_cast<uint8_t>(check)}, flags, static_cast<uint8_t>(check >> 8)};
 }
 
-// The second word of a record.
-word detail_of(const kyt_record& record) {
-    word detail;
-    std::memcpy(&detail, record.reserved, sizeof detail);
-    return detail;
+// The two words of a record. The second one changes as a whole.
+struct words {
+    uint32_t ts;
+    uint32_t detail;
+};
+words words_of(const kyt_record& record) {
+    return std::bit_cast<words>(record);
 }
 
-word empty_detail() {
-    word detail;
-    std::memcpy(&detail, EMPTY_BYTES, sizeof detail);
-    return detail;
-}
-
-word* words_of(kyt_record* record) {
-    return reinterpret_cast<word*>(record);
-}
-const word* words_of(const kyt_record* record) {
-    return reinterpret_cast<const word*>(record);
+// An address at which another thread may be reading or writing.
+word* shared(const kyt_record* record) {
+    return reinterpret_cast<word*>(const_cast<kyt_record*>(record));
 }
 
 }  // namespace
 
 slot slot_kind(const kyt_record& record) {
-    const word detail = detail_of(record);
-    if (detail == empty_detail()) {
+    const uint32_t detail = words_of(record).detail;
+    if (detail == EMPTY) {
         return slot::EMPTY;
     }
     if (record.ts == 0) {
@@ -89,10 +84,6 @@ kyt_record deleted_record(const kyt_record& live) {
     return make(live.ts, live.reserved[0], live.flags, DELETED_MASK);
 }
 
-kyt_record returned_record(const kyt_record& deleted) {
-    return make(deleted.ts, deleted.reserved[0], deleted.flags, LIVE_MASK);
-}
-
 kyt_record swapped(const kyt_record& record) {
     kyt_record other = record;
     other.ts = __builtin_bswap32(record.ts);
@@ -100,16 +91,16 @@ kyt_record swapped(const kyt_record& record) {
 }
 
 void put_record(kyt_record* slot, const kyt_record& record) {
-    word* const words = words_of(slot);
-    if (words[0] != record.ts) {
-        __atomic_store_n(&words[1], empty_detail(), __ATOMIC_RELEASE);
-        __atomic_store_n(&words[0], record.ts, __ATOMIC_RELEASE);
+    const words to = words_of(record);
+    if (slot->ts != to.ts) {
+        put_empty(slot);
+        __atomic_store_n(shared(slot), to.ts, __ATOMIC_RELEASE);
     }
-    __atomic_store_n(&words[1], detail_of(record), __ATOMIC_RELEASE);
+    __atomic_store_n(shared(slot) + 1, to.detail, __ATOMIC_RELEASE);
 }
 
 void put_empty(kyt_record* slot) {
-    __atomic_store_n(&words_of(slot)[1], empty_detail(), __ATOMIC_RELEASE);
+    __atomic_store_n(shared(slot) + 1, EMPTY, __ATOMIC_RELEASE);
 }
 
 // Callers change flags by plain stores and without notice. The next two functions look at such records without a lock,
@@ -118,30 +109,25 @@ void put_empty(kyt_record* slot) {
 // A ts belongs to the second word that was read both before and after it: between two clips there is EMPTY.
 __attribute__((no_sanitize("thread"))) void copy_records(kyt_record* to, const kyt_record* from, uint32_t count) {
     for (uint32_t i = 0; i < count; ++i) {
-        const word* const words = words_of(from + i);
-        word ts = 0;
-        word detail = __atomic_load_n(&words[1], __ATOMIC_ACQUIRE);
-        for (;;) {
-            ts = __atomic_load_n(&words[0], __ATOMIC_ACQUIRE);
-            const word again = __atomic_load_n(&words[1], __ATOMIC_ACQUIRE);
-            if (again == detail) {
-                break;
-            }
-            detail = again;
+        const word* const at = shared(from + i);
+        words seen = {0, __atomic_load_n(at + 1, __ATOMIC_ACQUIRE)};
+        for (uint32_t before = ~seen.detail; seen.detail != before;) {
+            before = seen.detail;
+            seen.ts = __atomic_load_n(at, __ATOMIC_ACQUIRE);
+            seen.detail = __atomic_load_n(at + 1, __ATOMIC_ACQUIRE);
         }
-        words_of(to + i)[0] = ts;
-        words_of(to + i)[1] = detail;
+        to[i] = std::bit_cast<kyt_record>(seen);
     }
 }
 
 // Two multiplicative hashes side by side, each of which any change of a single word changes. 32-bit products: the
 // target has no wider ones that are fast.
 __attribute__((no_sanitize("thread"))) uint64_t sum_of(const kyt_record* from, uint32_t count) {
-    const word* const words = words_of(from);
+    const word* const at = shared(from);
     uint32_t high = 0x9E3779B9;
     uint32_t low = 0x85EBCA6B;
     for (uint32_t i = 0; i < 2 * count; ++i) {
-        const word value = __atomic_load_n(&words[i], __ATOMIC_RELAXED);
+        const uint32_t value = __atomic_load_n(at + i, __ATOMIC_RELAXED);
         high = (high ^ value) * 0x01000193U;
         low = (low + value) * 0x9E3779B1U;
     }
@@ -152,24 +138,20 @@ __attribute__((no_sanitize("thread"))) uint64_t sum_of(const kyt_record* from, u
 
 KYT_API int kyt_record_parse(kyt_record* record, const char* text, size_t length) {
     const char* const end = text + length;
-    uint32_t ts = 0;
-    uint8_t seconds = 0;
-    uint8_t flags = 0;
-    // from_chars takes no sign, no space and no prefix for an unsigned type, and says when a number does not fit.
-    auto [at, failure] = std::from_chars(text, end, ts);
-    if (failure == std::errc() && at != end && *at == ',') {
-        auto [after_seconds, bad_seconds] = std::from_chars(at + 1, end, seconds);
-        at = after_seconds;
-        failure = bad_seconds;
-        if (failure == std::errc() && at != end && *at == ',') {
-            auto [after_flags, bad_flags] = std::from_chars(at + 1, end, flags);
-            at = after_flags;
-            failure = bad_flags;
-        }
+    uint32_t fields[] = {0, 0, 0};
+    constexpr uint32_t LIMITS[] = {UINT32_MAX, UINT8_MAX, UINT8_MAX};
+    bool ok = true;
+    for (int i = 0; ok && i < 3 && (i == 0 || text != end); ++i) {
+        text += i > 0 && *text == ',' ? 1 : 0;
+        // Takes no sign, no space and no prefix for an unsigned type, and fails when a number does not fit.
+        const auto [after, failure] = std::from_chars(text, end, fields[i]);
+        ok = failure == std::errc() && fields[i] <= LIMITS[i] && (after == end || *after == ',');
+        text = after;
     }
-    const kyt_record parsed = kyt::live_record(ts, seconds, flags);
+    const kyt_record parsed =
+        kyt::live_record(fields[0], static_cast<uint8_t>(fields[1]), static_cast<uint8_t>(fields[2]));
     // With one choice of flags, which no recorder uses, one clip in 65,536 of one length would read as an empty slot.
-    if (failure != std::errc() || at != end || ts == 0 || !kyt::is_live(parsed)) {
+    if (!ok || text != end || fields[0] == 0 || !kyt::is_live(parsed)) {
         errno = EINVAL;
         return -1;
     }

@@ -1,167 +1,122 @@
 #include "repair.h"
 
-#include <cerrno>
-
 #include "record.h"
 
 namespace kyt {
 namespace {
 
-constexpr uint64_t NEVER = uint64_t{UINT32_MAX} + 1;  // later than any ts
-
-bool free_slot(repair* r, uint32_t slot) {
+void free_slot(repair* r, uint32_t slot) {
     put_empty(r->h->list.slots + slot);
-    return r->h->empty.push(slot);
+    r->h->empty.push(slot);
 }
 
-// The ascending slots of the list, of deleted records and the clips of the folder, walked side by side.
-struct merger {
-    repair* r;
-    const uint32_t* live;
-    const uint32_t* live_end;
-    const uint32_t* deleted;
-    const uint32_t* deleted_end;
-    const uint32_t* clip;
-    const uint32_t* clip_end;
-    array<uint32_t> merged;  // slots
+uint32_t ts_of(const repair& r, uint32_t slot) {
+    return r.h->list.slots[slot].ts;
+}
 
-    uint64_t ts_of(const uint32_t* slot, const uint32_t* end) const {
-        return slot == end ? NEVER : r->h->list.slots[*slot].ts;
-    }
-
-    bool merge_live(uint32_t slot, bool on_card) {
-        // What looks like a record in a damaged file may be noise. A clip that is gone needs no record anyway.
-        const bool drop = !on_card && (r->damaged || r->other_card) && is_known(r->card, r->h->list.slots[slot].ts);
-        r->dropped += drop ? 1 : 0;
-        return drop ? free_slot(r, slot) : merged.push(slot);
-    }
-
-    bool merge_deleted(uint32_t slot, bool on_card) {
-        kyt_record* const record = r->h->list.slots + slot;
-        if (!on_card) {
-            return is_known(r->card, record->ts) ? free_slot(r, slot) : r->h->tombstones.push({record->ts, slot, 0});
-        }
-        r->first_returned = r->returned++ == 0 ? record->ts : r->first_returned;
-        put_record(record, returned_record(*record));
-        return merged.push(slot);
-    }
-
-    // A record for a clip that the list does not have.
-    bool add_clip(uint32_t ts) {
-        kyt_handle* const h = r->h;
-        uint32_t slot = h->list.used;
-        if (h->empty.size > 0) {
-            slot = h->empty[--h->empty.size];
-        } else if (slot == MAX_RECORDS) {
-            ++r->left_out;
-            return true;
+void drop_without_clip(repair* r) {
+    order& live = r->h->live;
+    uint32_t kept = live.first;
+    for (uint32_t place = live.first; place < live.end; ++place) {
+        const uint32_t ts = live.ts_at(place);
+        if (contains(r->card.clips, ts) || !is_known(r->card, ts)) {
+            live.entries[kept++] = live.entries[place];
         } else {
-            ++h->list.used;
+            ++r->dropped;
+            free_slot(r, live.entries[place]);
         }
-        const kyt_record* const known =
-            std::lower_bound(r->known.begin(), r->known.end(), ts,
-                             [](const kyt_record& record, uint32_t wanted) { return record.ts < wanted; });
-        const bool is_marked = known != r->known.end() && known->ts == ts;
-        put_record(h->list.slots + slot, is_marked ? *known : live_record(ts, 0, 0));
-        ++r->added;
-        return merged.push(slot);
     }
+    live.end = kept;
+}
 
-    // False: out of memory.
-    bool run(bool everything) {
-        for (;;) {
-            const uint64_t live_ts = ts_of(live, live_end);
-            const uint64_t deleted_ts = ts_of(deleted, deleted_end);
-            const uint64_t clip_ts = clip == clip_end ? NEVER : *clip;
-            const uint64_t ts = std::min(std::min(live_ts, deleted_ts), clip_ts);
-            if (ts == NEVER) {
-                return true;
-            }
-            const bool on_card = clip_ts == ts;
-            clip += on_card ? 1 : 0;
-            bool ok = true;
-            if (live_ts == ts) {
-                ok = merge_live(*live++, on_card);
-            } else if (deleted_ts == ts) {
-                ok = merge_deleted(*deleted++, on_card);
-            } else if (everything) {
-                ok = add_clip(static_cast<uint32_t>(ts));
-            }
-            if (!ok) {
-                return false;
-            }
+// The slot of a deleted record is free when its clip is gone. A clip that is still there comes back.
+void settle_deleted(repair* r) {
+    for (const uint32_t slot : r->file.deleted) {
+        kyt_record* const record = r->h->list.slots + slot;
+        if (contains(r->card.clips, record->ts)) {
+            r->first_returned = r->returned++ == 0 ? record->ts : r->first_returned;
+            put_record(record, live_record(record->ts, record->reserved[0], record->flags));
+            order_add(&r->h->live, slot);
+        } else if (is_known(r->card, record->ts)) {
+            free_slot(r, slot);
+        } else {
+            r->h->tombstones.push({record->ts, slot, 0});
         }
     }
-};
+    order_sort(&r->h->live);
+}
+
+// The record of a clip that the list does not have.
+kyt_record record_for(repair* r, uint32_t ts) {
+    const kyt_record* best = nullptr;
+    for (kyt_handle* const list : r->aside) {
+        const kyt_record* const found = list ? order_find(&list->live, ts) : nullptr;
+        best = found && (!best || found->flags > best->flags) ? found : best;
+    }
+    return best ? *best : live_record(ts, 0, 0);
+}
+
+void add_clips(repair* r) {
+    kyt_handle* const h = r->h;
+    order listed = h->live;  // what is added comes after its end, until all is sorted
+    for (const uint32_t ts : r->card.clips) {
+        if (order_find(&listed, ts)) {
+            continue;
+        }
+        if (h->empty.size == 0 && h->list.used == MAX_RECORDS) {
+            ++r->left_out;
+            continue;
+        }
+        const uint32_t slot = h->empty.size > 0 ? h->empty[--h->empty.size] : h->list.used++;
+        put_record(h->list.slots + slot, record_for(r, ts));
+        order_add(&h->live, slot);
+        ++r->added;
+    }
+    order_sort(&h->live);
+}
 
 }  // namespace
 
-bool repair_order(repair* r) {
-    kyt_handle* const h = r->h;
-    const auto ts_of = [h](uint32_t slot) { return h->list.slots[slot].ts; };
+void repair_order(repair* r) {
+    order& live = r->h->live;
     // Of two records of one clip, the one with the mark stays as it is and where it is. Moving the mark would be a
     // change of two sectors, between which a power cut loses it.
-    array<uint32_t> doubles;
-    order_sort(&h->live);
-    if (!order_drop_doubles(&h->live, &doubles)) {
-        return false;
+    order_sort(&live);
+    order_drop_doubles(&live, &r->doubles);
+    for (const uint32_t slot : r->doubles) {
+        free_slot(r, slot);
     }
-    r->doubles = doubles.size;
-    h->empty.swap(r->file.empty);
     array<uint32_t>& deleted = r->file.deleted;
-    std::sort(deleted.begin(), deleted.end(), [&](uint32_t a, uint32_t b) { return ts_of(a) < ts_of(b); });
+    std::sort(deleted.begin(), deleted.end(), [r](uint32_t a, uint32_t b) { return ts_of(*r, a) < ts_of(*r, b); });
     uint32_t kept = 0;
     for (const uint32_t slot : deleted) {
-        const uint32_t place = order_place(h->live, ts_of(slot));
-        const bool is_live_too = place < h->live.end && h->live.ts_at(place) == ts_of(slot);
-        if (!is_live_too && (kept == 0 || ts_of(deleted[kept - 1]) != ts_of(slot))) {
+        const uint32_t ts = ts_of(*r, slot);
+        if (!order_find(&live, ts) && (kept == 0 || ts_of(*r, deleted[kept - 1]) != ts)) {
             deleted[kept++] = slot;
-        } else if (!doubles.push(slot)) {
-            return false;
+        } else {
+            free_slot(r, slot);
         }
     }
     deleted.size = kept;
-    for (const uint32_t slot : doubles) {
-        if (!free_slot(r, slot)) {
-            return false;
-        }
-    }
-    return true;
 }
 
-bool repair_from_folder(repair* r, bool everything) {
-    kyt_handle* const h = r->h;
-    array<uint32_t>& deleted = r->file.deleted;
-    if (!everything && deleted.size == 0) {
-        return true;
-    }
-    for (const uint32_t slot : deleted) {
-        const uint32_t period = period_of(h->list.slots[slot].ts);
-        array<uint32_t>& periods = r->card.periods;
-        if ((periods.size == 0 || periods[periods.size - 1] != period) && !periods.push(period)) {
-            return false;
+void repair_from_folder(repair* r, bool everything) {
+    array<uint32_t>& periods = r->card.periods;
+    for (const uint32_t slot : r->file.deleted) {
+        const uint32_t period = period_of(ts_of(*r, slot));
+        if (periods.size == 0 || periods[periods.size - 1] != period) {
+            periods.push(period);
         }
     }
-    if (!folder_read(r->folder, everything, &r->card)) {
-        return false;
+    folder_read(r->folder, everything, &r->card);
+    // What looks like a record in a damaged file may be noise. A clip that is gone needs no record anyway.
+    if (r->damaged || r->other_card) {
+        drop_without_clip(r);
     }
-    order& live = h->live;
-    merger m = {r,
-                live.entries + live.first,
-                live.entries + live.end,
-                deleted.begin(),
-                deleted.end(),
-                r->card.clips.begin(),
-                r->card.clips.end(),
-                {}};
-    if (!m.merged.reserve(live.size()) || !m.run(everything)) {
-        return false;
+    settle_deleted(r);
+    if (everything) {
+        add_clips(r);
     }
-    live.end = live.first;
-    for (const uint32_t slot : m.merged) {
-        order_add(&live, slot);
-    }
-    return true;
 }
 
 }  // namespace kyt

@@ -3,27 +3,27 @@
 #pragma once
 
 #include "folder.h"
-#include "handle.h"
+#include "load.h"
 #include "phrases.h"
 
 namespace kyt {
+
+constexpr int ASIDE_NAMES = 4;
 
 struct repair {
     int folder = -1;
     kyt_handle* h = nullptr;
 
-    // What was found in the file.
+    // What was found.
     loaded file;
     int failure = 0;          // errno of an open or a read that shows that there is no list; ENOENT: no file
     bool exists = false;      // there is a file, and it stays the list's
     bool damaged = false;     // something in it was destroyed or is missing, or there was a file but no list
     bool other_card = false;  // it was made on another card: believed only where a clip is on this one
-    uint32_t doubles = 0;
-    uint32_t missing = 0;  // of the live records that its header promises
-
-    // What was found elsewhere.
+    uint32_t missing = 0;     // of the live records that its header promises
+    array<uint32_t> doubles;  // slots of live records of a clip that has another one
     contents card;
-    array<kyt_record> known;  // records of files that were set aside, ascending by ts: for a list that is made again
+    kyt_handle* aside[ASIDE_NAMES] = {};  // files that were set aside, when a list is made again
 
     // What was done.
     uint32_t added = 0;
@@ -31,18 +31,26 @@ struct repair {
     uint32_t first_returned = 0;
     uint32_t dropped = 0;   // records of a damaged file without a clip
     uint32_t left_out = 0;  // clips for which there is no room
-    phrases found;
     phrases done;
 };
 
-// Sorts the slots that were read, and frees those whose clip has another one. False: out of memory.
-bool repair_order(repair* r);
+// Sorts the slots that were read, and frees those whose clip has another one.
+void repair_order(repair* r);
 
 // Brings the list and the folder together: all of it with `everything`, otherwise only the periods of deleted records.
-// False: out of memory.
-bool repair_from_folder(repair* r, bool everything);
+void repair_from_folder(repair* r, bool everything);
 
 // One line of the log, if there is anything to say. failure: why no list is in use, or 0.
-void repair_report(repair* r, int failure);
+void repair_report(const repair& r, int failure);
+
+// A list file that cannot be used keeps what it holds under another name, KYT_BAD0.LST to KYT_BAD3.LST, the oldest
+// first. The fourth and later ones share a name, so that a card that goes bad again and again does not fill up with
+// them. Bad sectors stay where no clip will be written.
+void aside_move(int folder, phrases* done);
+// Removes the oldest of them. False: there is none.
+bool aside_remove_oldest(int folder, phrases* done);
+// Opens copies of them, an empty one for each name that is not used; the handles are the caller's. False: out of
+// memory.
+bool aside_open(int folder, kyt_handle* (&lists)[ASIDE_NAMES]);
 
 }  // namespace kyt

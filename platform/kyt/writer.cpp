@@ -1,9 +1,9 @@
-#include "writer.h"
 
 #include <cerrno>
 #include <unistd.h>
 
-#include "errors.h"
+#include "keeper.h"
+#include "phrases.h"
 #include "record.h"
 #include "vesk_util.h"
 
@@ -11,7 +11,6 @@ namespace kyt {
 namespace {
 
 constexpr uint32_t RUN_SECTORS = 16;  // written at one go; 8 KiB of the thread's stack
-constexpr uint64_t SYNCED = 1;
 
 // FAT fills what a file grows by with zeros. Not synchronised here: a synchronisation that fails takes the error of all
 // earlier writes with it, so there is one for all of them. False, with errno: the slots have no room in the file.
