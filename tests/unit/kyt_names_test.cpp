@@ -1,18 +1,17 @@
-// Times and names, and the text of an announcement.
+// Times and names: periods, clips, paths.
 #include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <gtest/gtest.h>
-#include <random>
 #include <string>
-#include <string_view>
-#include <vector>
 
 #include "kyt_rdonly.h"
 #include "names.h"
-#include "record.h"
+#include "support/promise.h"
 
 namespace {
+
+PROMISES("kyt", "Names and announcements");
 
 std::string path_of(uint32_t ts) {
     char buffer[128] = "untouched";
@@ -41,6 +40,8 @@ void check_round(uint32_t ts) {
 }
 
 TEST(KytNames, InverseOverTheWholeCalendar) {
+    PROMISE("a time is made a path and a path a time",
+            "they are exact inverses over the whole calendar, by UTC and nothing else");
     for (uint64_t ts = 1; ts <= UINT32_MAX; ts += 3600 * 37 + 11) {
         check_round(static_cast<uint32_t>(ts));
     }
@@ -51,12 +52,16 @@ TEST(KytNames, InverseOverTheWholeCalendar) {
 }
 
 TEST(KytNames, KnownPaths) {
+    PROMISE("a clip's path is asked for",
+            "its folder is the hour, YYYYMMDDHH, and its name YYYYMMDD_HHMMSS, from 1970 to 2106");
     EXPECT_EQ(path_of(1'795'224'125), "/mnt/sdcard/ZOLTA_RECORD_VIDEO/2026112101/20261121_012205");
     EXPECT_EQ(path_of(UINT32_MAX), "/mnt/sdcard/ZOLTA_RECORD_VIDEO/2106020706/21060207_062815");
     EXPECT_EQ(path_of(1), "/mnt/sdcard/ZOLTA_RECORD_VIDEO/1970010100/19700101_000001");
 }
 
 TEST(KytNames, PathThatCannotBeWritten) {
+    PROMISE("the buffer is too small, the time is 0 or the flag is not",
+            "-1 with errno, the buffer untouched; a buffer that just fits is enough");
     char buffer[128] = "untouched";
     const int length = static_cast<int>(path_of(1'795'224'125).size());
     EXPECT_EQ(kyt_ts2path(1'795'224'125, buffer, static_cast<size_t>(length), 0), -1);
@@ -70,6 +75,8 @@ TEST(KytNames, PathThatCannotBeWritten) {
 }
 
 TEST(KytNames, BadPeriodNames) {
+    PROMISE("a directory's name is not exactly a period's, dates that do not exist and the first hour of 1970 included",
+            "0");
     EXPECT_EQ(kyt_path2ts("2026112101", 0), 1'795'222'800U);
     EXPECT_EQ(kyt_path2ts("2026112101", 1), 0U);
     EXPECT_EQ(kyt_path2ts(nullptr, 0), 0U);
@@ -88,110 +95,12 @@ TEST(KytNames, BadPeriodNames) {
 }
 
 TEST(KytNames, BadClipNames) {
+    PROMISE("a file's name is not exactly a clip's", "it is none");
     EXPECT_EQ(kyt::clip_from_name("20261121_012205"), 1'795'224'125U);
     for (const char* name : {"", "20261121-032205", "20261121_032260", "20261121_036005", "20261121_242205",
                              "20261131_032205", "20261121_03220", "20261121_0122055", "19700101_000000"}) {
         EXPECT_EQ(kyt::clip_from_name(name), 0U) << name;
     }
-}
-
-struct parse_row {
-    const char* text;
-    uint32_t ts;  // 0: refused
-    uint32_t seconds;
-    uint32_t flags;
-};
-
-TEST(KytRecord, Announcements) {
-    for (const parse_row& row : {
-             parse_row{"1795224125", 1'795'224'125, 0, 0},
-             {"1795224125,60", 1'795'224'125, 60, 0},
-             {"1795224125,60,1", 1'795'224'125, 60, 1},
-             {"4294967295,255,255", UINT32_MAX, 255, 255},
-             {"1", 1, 0, 0},
-             {"0001,007,00", 1, 7, 0},
-             {"", 0, 0, 0},
-             {"0", 0, 0, 0},
-             {"0,60", 0, 0, 0},
-             {"4294967296", 0, 0, 0},
-             {"1795224125,256", 0, 0, 0},
-             {"1795224125,60,256", 0, 0, 0},
-             {"1795224125,", 0, 0, 0},
-             {"1795224125,60,", 0, 0, 0},
-             {"1795224125,60,1,", 0, 0, 0},
-             {"1795224125,60,1,2", 0, 0, 0},
-             {"1795224125,,1", 0, 0, 0},
-             {",60,1", 0, 0, 0},
-             {" 1795224125", 0, 0, 0},
-             {"1795224125 ", 0, 0, 0},
-             {"1795224125\n", 0, 0, 0},
-             {"1795224125, 60", 0, 0, 0},
-             {"+1795224125", 0, 0, 0},
-             {"-1", 0, 0, 0},
-             {"1795224125,-1", 0, 0, 0},
-             {"0x10", 0, 0, 0},
-             {"1e9", 0, 0, 0},
-             {"99999999999999999999", 0, 0, 0},
-             {"{\"ts\":1}", 0, 0, 0},
-         }) {
-        kyt_record record;
-        std::memset(&record, 0xAA, sizeof record);
-        const kyt_record before = record;
-        // Exactly the text, so that a look behind it is seen.
-        const std::string_view text = row.text;
-        const std::vector<char> exact(text.begin(), text.end());
-        errno = 0;
-        const int result = kyt_record_parse(&record, exact.data(), exact.size());
-        if (row.ts == 0) {
-            EXPECT_EQ(result, -1) << row.text;
-            EXPECT_EQ(errno, EINVAL);
-            EXPECT_EQ(std::memcmp(&record, &before, sizeof record), 0) << row.text;
-        } else {
-            EXPECT_EQ(result, 0) << row.text;
-            EXPECT_EQ(record.ts, row.ts);
-            EXPECT_EQ(kyt_record_seconds(&record), row.seconds);
-            EXPECT_EQ(record.flags, row.flags);
-            EXPECT_EQ(kyt::slot_kind(record), kyt::slot::LIVE);
-        }
-    }
-    kyt_record record;
-    EXPECT_EQ(kyt_record_parse(&record, "12\0003", 4), -1);
-}
-
-TEST(KytRecord, TellsWhatItIs) {
-    using kyt::slot;
-    EXPECT_EQ(kyt::slot_kind({0, {0, 0}, 0, 0}), slot::UNUSED);
-    EXPECT_EQ(kyt::slot_kind({0, {0, 0}, 1, 0}), slot::BAD);
-    EXPECT_EQ(kyt::slot_kind({UINT32_MAX, {255, 255}, 255, 255}), slot::BAD);
-    EXPECT_EQ(kyt::slot_kind({1, {0, 0}, 0, 0}), slot::BAD);
-    kyt_record live = kyt::live_record(1'795'224'125, 60, 1);
-    EXPECT_EQ(kyt::slot_kind(live), slot::LIVE);
-    live.flags = 0x5A;  // changed in place
-    EXPECT_EQ(kyt::slot_kind(live), slot::LIVE);
-    EXPECT_EQ(kyt::slot_kind(kyt::swapped(live)), slot::BAD);
-    const kyt_record deleted = kyt::deleted_record(live);
-    EXPECT_EQ(kyt::slot_kind(deleted), slot::DELETED);
-    // Every single wrong bit outside the flags is seen.
-    for (int bit = 0; bit < 64; ++bit) {
-        if (bit / 8 == 6) {
-            continue;
-        }
-        kyt_record wrong = live;
-        reinterpret_cast<uint8_t*>(&wrong)[bit / 8] ^= static_cast<uint8_t>(1U << (bit % 8));
-        EXPECT_EQ(kyt::slot_kind(wrong), slot::BAD) << bit;
-    }
-    // Noise passes about twice in 65,536 times, once for each kind.
-    std::mt19937 random(7);
-    int passed = 0;
-    for (int i = 0; i < 655'360; ++i) {
-        const uint32_t word = static_cast<uint32_t>(random());
-        kyt_record noise;
-        noise.ts = static_cast<uint32_t>(random());
-        std::memcpy(noise.reserved, &word, 4);
-        passed += kyt::slot_kind(noise) != slot::BAD ? 1 : 0;
-    }
-    EXPECT_LT(passed, 60);
-    EXPECT_GT(passed, 2);
 }
 
 }  // namespace

@@ -82,6 +82,11 @@ int count_beginning(std::string_view prefix) {
     return static_cast<int>(
         std::count_if(kept.begin(), kept.end(), [&](const std::string& line) { return line.starts_with(prefix); }));
 }
+bool has_part(std::string_view part) {
+    std::lock_guard guard(lock);
+    return std::any_of(kept.begin(), kept.end(),
+                       [&](const std::string& line) { return line.find(part) != std::string::npos; });
+}
 void disturb_errno(int value) {
     std::lock_guard guard(lock);
     disturbance = value;

@@ -52,16 +52,22 @@ class recordings {
     }
 
     bool has(const std::string& name) const { return std::filesystem::exists(file(name)); }
+    // Whatever is in the folder beside the periods.
     std::set<std::string> files() const {
         std::set<std::string> names;
         for (const auto& entry : std::filesystem::directory_iterator(path_)) {
-            if (!entry.is_directory()) {
-                names.insert(entry.path().filename());
+            const std::string name = entry.path().filename();
+            if (name.find_first_not_of("0123456789") != std::string::npos) {
+                names.insert(name);
             }
         }
         return names;
     }
-    std::string list_name() const { return has("KYT.LST") ? "KYT.LST" : "KYT_B.LST"; }
+    void remove_files() const {
+        for (const std::string& name : files()) {
+            std::filesystem::remove_all(file(name));
+        }
+    }
     std::string bytes(const std::string& name) const {
         std::ifstream in(file(name), std::ios::binary);
         return {std::istreambuf_iterator<char>(in), {}};
