@@ -23,10 +23,13 @@ constexpr const char* LIST = kyt::LIST_NAME;
 
 template <typename Condition>
 bool await(Condition condition, int deadline_ms = 10'000) {
-    for (int waited = 0; waited < deadline_ms && !condition(); waited += 2) {
+    for (int waited = 0; !condition(); waited += 2) {
+        if (waited >= deadline_ms) {
+            return false;
+        }
         poll(nullptr, 0, 2);
     }
-    return condition();
+    return true;
 }
 
 inline size_t entries_of(const char* folder) {
@@ -107,6 +110,7 @@ struct rig : testing::Test {
 
     kyt_handle* opened() const { return kyt::open_folder(card.path().c_str()); }
     void open() {
+        ASSERT_EQ(list, nullptr);
         list = opened();
         ASSERT_NE(list, nullptr) << std::strerror(errno);
     }
