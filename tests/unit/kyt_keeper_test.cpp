@@ -7,6 +7,7 @@
 #include <mutex>
 #include <sstream>
 #include <thread>
+#include <unistd.h>
 
 #include "support/kyt_rig.h"
 
@@ -125,7 +126,7 @@ TEST_F(KytKeeper, ASlowSynchronisationIsNotFollowedByAPause) {
     open();
     libc_calls::before("fdatasync", [&](const called&) {
         ++entered;
-        poll(nullptr, 0, 1'200);
+        usleep(1'200'000);
         polled = 0;
         return 0;
     });
