@@ -112,7 +112,7 @@ TEST_F(KytLook, AtAListInUse) {
     kyt_close_dirty(look);
     EXPECT_TRUE(card.bytes(LIST) == before);
     EXPECT_EQ(looked(),
-              "KYT.LST open records 2005 deleted clips 5 clips_not_listed records_without_clip 2001 undeleted");
+              "KYT.LST open records 2005 deleted clips 5 records_without_clip 2001 undeleted");
 }
 
 TEST_F(KytLook, WhereThereIsNoList) {
