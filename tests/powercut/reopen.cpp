@@ -11,12 +11,13 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "handle.h"
 #include "kyt_rdonly.h"
-#include "support/card_calls.h"
+#include "support/libc_calls.h"
 
 namespace {
 
@@ -31,13 +32,22 @@ void tell(const char* format, va_list args) {
     }
 }
 
+// The thread of a list that was left ends by itself; until then it holds the list's lock.
+void await_keeper() {
+    struct stat tasks = {};
+    while (stat("/proc/self/task", &tasks) == 0 && tasks.st_nlink > 2 + 1) {  // two links of the folder's own
+        usleep(20);
+    }
+}
+
 int reopen(const char* folder, uint32_t volume, int call) {
     alarm(PATIENCE_S);
-    card_calls::set_volume(volume);
+    libc_calls::set_volume(volume);
     if (call > 0) {
-        card_calls::fail("", call, EIO, 1'000'000);
+        libc_calls::fail(libc_calls::CARD, call, EIO, libc_calls::FOREVER);
         kyt_close_dirty(kyt::open_folder(folder));
-        card_calls::fail("", 0, 0, 0);
+        await_keeper();
+        libc_calls::stop_failing();
     }
     telling = true;
     if (kyt_repair(folder) != 0) {
