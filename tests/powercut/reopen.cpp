@@ -1,8 +1,10 @@
 // Opens recordings folders as the camera does after a power cut, each in a process of its own, and tells what is left.
 //
-// A request is a line: FOLDER VOLUME CALL. VOLUME is the serial number of the folder's FAT volume. CALL above 0: first
-// a repair that is cut in its turn, from the so manieth call on which nothing reaches the card any more. The answer:
+// A request is a line: FOLDER VOLUME CUT. VOLUME is the serial number of the folder's FAT volume. CUT above 0: first a
+// repair that is cut in its turn, at a random call and with any part of what had not been synchronised (torn_card.h);
+// CUT is the seed. The answer:
 //   log TEXT           what the library logs during the last repair, which nothing disturbs
+//   nameless           a rename was cut such that a file is lost
 //   clip TS SECONDS FLAGS
 //   health NUMBER      what kyt_check finds wrong with the list afterwards: 0
 //   end 0              or the errno of what failed, or minus the signal that ended the process
@@ -11,6 +13,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <random>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,6 +21,7 @@
 #include "handle.h"
 #include "kyt_rdonly.h"
 #include "support/libc_calls.h"
+#include "torn_card.h"
 
 namespace {
 
@@ -40,15 +44,33 @@ void await_keeper() {
     }
 }
 
-int reopen(const char* folder, uint32_t volume, int call) {
+// Opens the folder's list, and leaves what a cut in the middle of that leaves. False: it does not open.
+bool cut_repair(const char* folder, unsigned seed) {
+    std::mt19937 random(seed);
+    torn::watch();
+    torn::card card(folder);
+    card.take_over();
+    card.begin_log();
+    kyt_handle* const list = kyt::open_folder(folder);
+    const bool is_open = list != nullptr && kyt::settle(list);
+    kyt_close_dirty(list);
+    await_keeper();
+    const torn::remains left = card.cut_at(random() % (card.log_size() + 1), &random);
+    card.lay(left);
+    if (left.nameless) {
+        std::puts("nameless");
+    }
+    libc_calls::reset();
+    return is_open;
+}
+
+int reopen(const char* folder, uint32_t volume, int cut) {
     alarm(PATIENCE_S);
     libc_calls::set_volume(volume);
-    if (call > 0) {
-        libc_calls::fail(libc_calls::CARD, call, EIO, libc_calls::FOREVER);
-        kyt_close_dirty(kyt::open_folder(folder));
-        await_keeper();
-        libc_calls::stop_failing();
+    if (cut > 0 && !cut_repair(folder, static_cast<unsigned>(cut))) {
+        return errno;
     }
+    libc_calls::set_volume(volume);
     telling = true;
     if (kyt_repair(folder) != 0) {
         return errno;
@@ -88,14 +110,14 @@ int main() {
     char line[4096];
     char folder[4096];
     unsigned volume = 0;
-    int call = 0;
+    int cut = 0;
     while (std::fgets(line, sizeof line, stdin) != nullptr) {
-        if (std::sscanf(line, "%4095s %u %d", folder, &volume, &call) != 3) {
+        if (std::sscanf(line, "%4095s %u %d", folder, &volume, &cut) != 3) {
             return 2;
         }
         const pid_t child = fork();
         if (child == 0) {
-            const int error = reopen(folder, volume, call);
+            const int error = reopen(folder, volume, cut);
             std::fflush(stdout);
             std::_Exit(error);
         }

@@ -271,6 +271,26 @@ void card::lay(const remains& content) {
     }
 }
 
+void card::take_over() {
+    const std::lock_guard lock(guard_);
+    state_ = {};
+    DIR* const stream = opendir(folder_.c_str());
+    while (const dirent* const entry = readdir(stream)) {
+        if (entry->d_type != DT_REG) {
+            continue;
+        }
+        const int fd = open((folder_ + "/" + entry->d_name).c_str(), O_RDONLY | O_CLOEXEC);
+        file content;
+        char block[PAGE];
+        for (ssize_t got = 0; (got = read(fd, block, sizeof block)) > 0;) {
+            content.bytes.append(block, static_cast<size_t>(got));
+        }
+        state_.add(inode_of(fd), entry->d_name, content);
+        close(fd);
+    }
+    closedir(stream);
+}
+
 remains card::cut(std::mt19937* random) {
     const std::lock_guard lock(guard_);
     return state_.cut(random);

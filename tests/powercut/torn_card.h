@@ -94,6 +94,8 @@ class card {
 
     // Puts these files, all of them certain, in the place of all that the folder holds. Nobody has one open.
     void lay(const remains& content);
+    // The files that the folder holds are certain.
+    void take_over();
     // A cut at this moment.
     remains cut(std::mt19937* random);
     // From here on every call is kept: cut_at(n) is a cut after the first n of them.
