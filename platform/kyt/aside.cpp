@@ -3,6 +3,7 @@
 #include <stdio.h>
 #include <unistd.h>
 
+#include "record.h"
 #include "repair.h"
 
 namespace kyt {
@@ -64,10 +65,17 @@ bool aside_open(int folder, kyt_handle* (&lists)[ASIDE_NAMES]) {
         if (!exists(folder, name)) {
             continue;
         }
-        lists[number] = handle_make();
-        if (!lists[number] || load_copy(folder, name.text, lists[number], &l, &doubles) == ENOMEM) {
+        kyt_handle* const h = lists[number] = handle_make();
+        if (!h || load_copy(folder, name.text, h, &l, &doubles) == ENOMEM) {
             return false;
         }
+        // A deleted clip that is still on the card comes back with its mark.
+        for (const uint32_t slot : l.deleted) {
+            h->list.slots[slot] = returned_record(h->list.slots[slot]);
+            order_add(&h->live, slot);
+        }
+        order_sort(&h->live);
+        order_drop_doubles(&h->live, &doubles);
     }
     return true;
 }

@@ -41,13 +41,16 @@ bool looks_swapped(const store& s, uint32_t count) {
     return false;
 }
 
-// Gives the record this machine's byte order. After a power cut it may have that already.
-slot turn(kyt_record* record) {
-    const kyt_record other = swapped(*record);
-    if (slot_kind(other) != slot::BAD || slot_kind(*record) == slot::BAD) {
-        *record = other;
+// Gives a sector's records this machine's byte order. After a power cut in between they may have it already: a sector
+// is written as a whole, so it has the order in which more of them make sense.
+void turn_sector(kyt_record* sector) {
+    int foreign = 0;
+    for (uint32_t i = 0; i < SECTOR_RECORDS; ++i) {
+        foreign += slot_kind(swapped(sector[i])) != slot::BAD ? 1 : 0;
+        foreign -= slot_kind(sector[i]) != slot::BAD ? 1 : 0;
     }
-    return slot_kind(*record);
+    std::transform(sector, sector + SECTOR_RECORDS, sector,
+                   [=](const kyt_record& record) { return foreign >= 0 ? swapped(record) : record; });
 }
 
 void judge(kyt_handle* h, loaded* l, uint32_t count) {
@@ -55,7 +58,10 @@ void judge(kyt_handle* h, loaded* l, uint32_t count) {
     const bool open = is_list(*l) && !is_closed(*l);
     for (uint32_t at = 0; at < count; ++at) {
         kyt_record* const record = h->list.slots + at;
-        const slot kind = l->other_order ? turn(record) : slot_kind(*record);
+        if (l->other_order && at % SECTOR_RECORDS == 0) {
+            turn_sector(record);
+        }
+        const slot kind = slot_kind(*record);
         if (kind == slot::UNUSED) {
             continue;
         }

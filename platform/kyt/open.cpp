@@ -117,8 +117,9 @@ int replace_file(repair* r, bool has_records) {
     std::fill_n(list.sums, MAX_SECTORS, uint64_t{0});
     // A full card must not leave the camera without a list: it could not even make room any more.
     while (make_file(r->folder, &list, has_records ? file_state::WRITING : file_state::OPEN) < 0) {
-        if (errno != ENOSPC || !aside_remove_oldest(r->folder, &r->done)) {
-            return -1;
+        const int failure = errno;
+        if (failure != ENOSPC || !aside_remove_oldest(r->folder, &r->done)) {
+            return fail_with(failure);
         }
     }
     return 0;
@@ -155,9 +156,10 @@ int prepare_file(repair* r) {
     const loaded& l = r->file;
     const uint32_t tail = tail_of(*r);
     uint32_t sealed = std::min(l.used, tail);
-    // Whether everything is to be on the card before the header says that this is the list, and whether it says so yet.
-    bool write_first = l.other_order || has_state(l, file_state::WRITING);
-    bool seal = write_first || r->other_card || !has_state(l, file_state::OPEN) || l.head.records > sealed;
+    // Everything is to be on the card before the header says that this is the list: until then it shows how the records
+    // are to be read, or that marks may only be in a file that was set aside.
+    bool write_first = l.other_order || !is_list(l) || has_state(l, file_state::WRITING);
+    bool seal = write_first || r->other_card || is_closed(l) || l.head.records > sealed;
     if (!r->exists) {
         // A list without records can lose nothing: it need not wait for the card, and a fresh card is ready sooner.
         write_first = seal = h->live.size() > 0;

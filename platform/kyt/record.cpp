@@ -84,6 +84,10 @@ kyt_record deleted_record(const kyt_record& live) {
     return make(live.ts, live.reserved[0], live.flags, DELETED_MASK);
 }
 
+kyt_record returned_record(const kyt_record& deleted) {
+    return make(deleted.ts, deleted.reserved[0], deleted.flags, LIVE_MASK);
+}
+
 kyt_record swapped(const kyt_record& record) {
     kyt_record other = record;
     other.ts = __builtin_bswap32(record.ts);

@@ -23,6 +23,7 @@ slot slot_kind(const kyt_record& record);
 
 kyt_record live_record(uint32_t ts, uint8_t seconds, uint8_t flags);
 kyt_record deleted_record(const kyt_record& live);  // keeps duration and flags: the clip may come back
+kyt_record returned_record(const kyt_record& deleted);
 
 inline bool is_live(const kyt_record& record) {
     return slot_kind(record) == slot::LIVE;

@@ -35,7 +35,7 @@ void settle_deleted(repair* r) {
         kyt_record* const record = r->h->list.slots + slot;
         if (contains(r->card.clips, record->ts)) {
             r->first_returned = r->returned++ == 0 ? record->ts : r->first_returned;
-            put_record(record, live_record(record->ts, record->reserved[0], record->flags));
+            put_record(record, returned_record(*record));
             order_add(&r->h->live, slot);
         } else if (is_known(r->card, record->ts)) {
             free_slot(r, slot);
