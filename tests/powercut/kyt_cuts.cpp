@@ -78,6 +78,7 @@ struct image {
     torn::remains files;
     std::set<uint32_t> hit = {};                              // clips whose records were in what was damaged
     std::map<uint32_t, std::vector<kyt_record>> strays = {};  // whole records in places that are not theirs
+    std::set<uint32_t> mistaken = {};                         // of no clip, and may be listed
     bool is_damaged = false;
     bool is_silent = false;    // in a way that nobody can see
     bool is_nameless = false;  // a file had no name for a while
@@ -190,6 +191,21 @@ void turn(std::string* bytes) {
     }
 }
 
+// A record that is whole in either byte order may be taken for another clip's while a list is turned: one in 32,768.
+void add_ambiguous(const std::string& bytes, image* made) {
+    for (size_t at = PAGE; at + sizeof(kyt_record) <= bytes.size(); at += sizeof(kyt_record)) {
+        kyt_record record;
+        std::memcpy(&record, bytes.data() + at, sizeof record);
+        const auto is_record = [](kyt::slot kind) { return kind == kyt::slot::LIVE || kind == kyt::slot::DELETED; };
+        const kyt_record other = kyt::swapped(record);
+        if (is_record(kyt::slot_kind(record)) && is_record(kyt::slot_kind(other))) {
+            made->hit.insert(record.ts);
+            made->mistaken.insert(other.ts);
+            made->is_silent = true;
+        }
+    }
+}
+
 // One sector of a list is not what was written.
 void hurt_sector(rig* r, const std::string& name, image* made) {
     torn::file& f = made->files.files.at(name);
@@ -263,6 +279,7 @@ void damage(rig* r, image* made) {
         ++counts.bad_pages;
         made->text += ", page " + std::to_string(page) + " of " + name + " is bad";
     } else if (way < 11 && name == kyt::LIST_NAME && header_of(f.bytes).byte_order == 0x01020304) {
+        add_ambiguous(f.bytes, made);
         turn(&f.bytes);
         ++counts.turned;
         made->text += ", of the other byte order";
@@ -364,6 +381,9 @@ void judge(rig* r, kyt_handle* list, const image& made) {
             continue;
         }
         const auto at = r->gone.find(last);
+        if (made.mistaken.contains(last)) {
+            continue;
+        }
         if (at == r->gone.end()) {
             fail("%u is listed and never was", last);
         }
