@@ -424,9 +424,9 @@ void prepare(bench* b) {
     kyt_mark_deleted(list, kyt_get(list, ts_of(CLIPS)));
     kyt_close(list);
     list = kyt::open_folder(b->card.path().c_str());  // which leaves no tombstone
-    b->versions[1] = b->card.bytes(b->card.list_name());
+    b->versions[1] = b->card.bytes(kyt::LIST_NAME);
     kyt_close(list);
-    b->versions[0] = b->card.bytes(b->card.list_name());
+    b->versions[0] = b->card.bytes(kyt::LIST_NAME);
     b->card.set_bytes("HOLIDAY.TXT", "not the camera's");
     b->names = names_below(b->card.path());
     if (b->versions[0] == b->versions[1]) {
