@@ -90,6 +90,9 @@ void card_state::apply(const event& e, std::mt19937* random) {
             inodes_[e.inode].since.push_back({number_, true, e.offset, {}});
             break;
         case event::what::RENAME: {
+            if (e.name == e.new_name) {
+                break;
+            }
             const names now = newest_names();
             names_since_.push_back({number_, e.new_name, now.at(e.name)});
             names_since_.push_back({number_, e.name, 0});
