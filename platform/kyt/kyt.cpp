@@ -220,9 +220,11 @@ KYT_API int kyt_mark_deleted(kyt_handle* h, kyt_record* record) {
     if (!is_good || !h->keeper) {
         return fail_with(is_good ? EROFS : EINVAL);
     }
+    if (!h->tombstones.reserve(h->tombstones.size + 1)) {
+        return fail_with(ENOMEM);
+    }
     order_remove(&h->live, record);
     const tombstone t = {record->ts, static_cast<uint32_t>(record - h->list.slots), h->round};
-    // Without memory for it, the clip is found again should its files stay.
     h->tombstones.insert(find_tombstone(h, t.ts), t);
     put_record(record, deleted_record(*record));
     keeper_wake(h->keeper);
