@@ -111,8 +111,7 @@ TEST_F(KytLook, AtAListInUse) {
     look = kyt_open_rdonly(card.path().c_str());
     kyt_close_dirty(look);
     EXPECT_TRUE(card.bytes(LIST) == before);
-    EXPECT_EQ(looked(),
-              "KYT.LST open records 2005 deleted clips 5 records_without_clip 2001 undeleted");
+    EXPECT_EQ(looked(), "KYT.LST open records 2005 deleted clips 5 records_without_clip 2001 undeleted");
 }
 
 TEST_F(KytLook, WhereThereIsNoList) {
@@ -332,7 +331,7 @@ TEST_F(KytLook, AListThatChangesDuringALook) {
     int reads = 0;
     const pthread_t self = pthread_self();
     libc_calls::before("pread", [&](const called&) {
-        if (pthread_equal(self, pthread_self()) != 0 && ++reads % 8 == 0) {
+        if (pthread_equal(self, pthread_self()) != 0 && ++reads % 2 == 0) {
             EXPECT_EQ(add(newest++), 0);
             EXPECT_EQ(kyt_mark_deleted(list, kyt_get(list, BASE + 10'000 + static_cast<uint32_t>(reads))), 0);
             EXPECT_TRUE(kyt::settle(list));
@@ -350,7 +349,7 @@ TEST_F(KytLook, AListThatChangesDuringALook) {
         found += r->ts >= BASE + 20'000 && r->ts < BASE + 40'000 ? 1 : 0;
     }
     EXPECT_EQ(found, 20'000U);
-    EXPECT_GT(reads, 8);
+    EXPECT_GE(reads, 4);
     kyt_close(look);
 }
 
