@@ -79,10 +79,10 @@ TEST_F(KytMemory, ACallFailsWholeOrSucceeds) {
                 expected.erase(ts);
             }
         };
-        for (uint32_t i = 0; i < 600; ++i) {
+        for (uint32_t i = 0; i < 60; ++i) {
             note(kyt_mark_deleted(list, kyt_get(list, ts_of(i))), false, ts_of(i));
             note(add(ts_of(CLIPS + i)), true, ts_of(CLIPS + i));
-            if (i % 200 == 0) {
+            if (i % 20 == 0) {
                 EXPECT_TRUE(kyt_optimise(list) == 0 || errno == ENOMEM);
                 await_comparison();
             }
