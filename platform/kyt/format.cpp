@@ -51,14 +51,9 @@ uint32_t card_of(int fd) {
 }
 
 int header_write(int fd, file_state state, uint32_t records, uint32_t live) {
-    list_header header = {};
+    list_header header = {{},      BYTE_ORDER_MARK, VERSION, 0,  static_cast<uint32_t>(state),
+                          records, card_of(fd),     live,    {}, 0};
     std::memcpy(header.magic, MAGIC, sizeof MAGIC);
-    header.byte_order = BYTE_ORDER_MARK;
-    header.version = VERSION;
-    header.state = static_cast<uint32_t>(state);
-    header.records = records;
-    header.card = card_of(fd);
-    header.live = live;
     header.check = crc32(&header, offsetof(list_header, check));
     return write_at(fd, &header, sizeof header, 0);
 }

@@ -35,7 +35,6 @@ struct kyt_handle {
     kyt::array<kyt::tombstone> tombstones;  // ascending by ts
     kyt::keeper* keeper = nullptr;          // null: a read-only handle
     uint32_t round = 0;                     // counts comparisons
-    bool taken = true;                      // what the last comparison has found is in the list
     bool said_full = false;                 // the log says that there is no room
 };
 

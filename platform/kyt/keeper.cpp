@@ -9,6 +9,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include "folder.h"
 #include "phrases.h"
 #include "vesk_util.h"
 
@@ -26,14 +27,14 @@ uint64_t now_ms() {
 }
 
 void flush(keeper* k, bool sync) {
-    const uint32_t asked = k->asked.load();
-    sync = sync || asked != k->brought.load();
+    const uint32_t asked = k->asked;
+    sync = sync || asked != k->brought;
     if (sync) {
         k->last_sync_ms = now_ms();
     }
-    if (!write_changes(&k->file, k->used.load(), sync)) {
+    if (!write_changes(&k->file, k->used, sync)) {
         const int failure = errno;
-        if (!k->failing && !k->file.abandoned.load()) {
+        if (!k->failing && !k->file.abandoned) {
             k->failing = true;
             log_err("kyt: the card does not take the list: %s", error_text(failure).text);
         }
@@ -42,20 +43,12 @@ void flush(keeper* k, bool sync) {
             k->failing = false;
             log_info("kyt: the card takes the list again");
         }
-        k->brought.store(asked);
-    }
-}
-
-void finish(keeper* k) {
-    const uint32_t used = k->used.load();
-    if (!write_changes(&k->file, used, true) ||
-        header_seal(k->file.list.fd, file_state::CLOSED, used, k->live_at_end) < 0) {
-        log_err("kyt: the list is not closed in order: %s", error_text(errno).text);
+        k->brought = asked;
     }
 }
 
 void release(keeper* k) {
-    if (k->owners.fetch_sub(1) == 1) {
+    if (--k->owners == 0) {
         close(k->wake);
         store_free(k->file.list);
         k->~keeper();
@@ -70,40 +63,91 @@ int pause_ms(const keeper& k) {
     return passed < TICK_MS ? static_cast<int>(TICK_MS - passed) : 0;
 }
 
-// Whether the loop has woken the thread before the pause was over.
-bool wait_for_wake(keeper* k) {
+// Synchronises when it is time.
+void tick(keeper* k) {
+    if (!k->ending && pause_ms(*k) == 0) {
+        flush(k, true);
+    }
+}
+
+// All periods that there are, and those of deleted clips: one that does not exist any more has none of them, also when
+// the folder cannot be read to its end.
+void list_periods(const keeper& k, array<uint32_t>* periods) {
+    (void)folder_periods(k.folder, periods);
+    for (const uint32_t ts : k.work.deleted) {
+        if (periods->size == 0 || (*periods)[periods->size - 1] != period_of(ts)) {
+            periods->push(period_of(ts));
+        }
+    }
+    sort_unique(periods);
+}
+
+// Compares the folder with the list, on copies that the loop has made.
+void compare(keeper* k) {
+    comparison& work = k->work;
+    array<uint32_t> periods;
+    work.missing.size = 0;
+    uint32_t gone = 0;
+    const uint32_t* deleted = work.deleted.begin();
+    list_periods(*k, &periods);
+    for (const uint32_t period : periods) {
+        tick(k);
+        if (k->ending || periods.failed) {
+            break;
+        }
+        array<uint32_t> clips;
+        const bool is_read = folder_clips(k->folder, period, &clips) == 0;
+        std::sort(clips.begin(), clips.end());
+        const uint32_t* const first = deleted;
+        while (deleted != work.deleted.end() && period_of(*deleted) == period) {
+            ++deleted;
+        }
+        for (const uint32_t ts : clips) {
+            if (period < work.horizon && !contains(work.listed, ts) && !std::binary_search(first, deleted, ts) &&
+                work.missing.size < comparison::MAX_MISSING) {
+                work.missing.push(ts);
+            }
+        }
+        for (const uint32_t* ts = first; ts != deleted; ++ts) {
+            if (is_read && !contains(clips, *ts)) {
+                work.deleted[gone++] = *ts;
+            }
+        }
+    }
+    work.deleted.size = gone;
+    work.listed.clear();
+}
+
+// Waits for the next second or for the loop, and writes what the loop has woken the thread for.
+void wait(keeper* k) {
     pollfd wake = {k->wake, POLLIN, 0};
-    if (poll(&wake, 1, pause_ms(*k)) <= 0) {
-        return false;
+    if (poll(&wake, 1, pause_ms(*k)) > 0) {
+        if (!k->ending && k->asked == k->brought) {
+            poll(nullptr, 0, BURST_MS);
+        }
+        uint64_t count = 0;
+        (void)!read(k->wake, &count, sizeof count);
+        k->woken = false;
+        if (!k->ending) {
+            flush(k, false);
+        }
     }
-    if (!k->ending.load() && k->asked.load() == k->brought.load()) {
-        poll(nullptr, 0, BURST_MS);
-    }
-    uint64_t count = 0;
-    (void)!read(k->wake, &count, sizeof count);
-    k->woken.store(false);
-    return true;
 }
 
 void* keeper_main(void* context) {
     auto* const k = static_cast<keeper*>(context);
     k->last_sync_ms = now_ms();
-    for (;;) {
-        const bool woken = wait_for_wake(k);
-        if (k->ending.load()) {
-            break;
-        }
-        if (woken) {
-            flush(k, false);
-        }
-        keeper_tick(k);
-        if (k->at.load() == phase::WORK) {
+    for (; !k->ending; wait(k)) {
+        tick(k);
+        if (k->at == phase::WORK) {
             compare(k);
-            k->at.store(phase::DONE);
+            k->at = phase::DONE;
         }
     }
-    if (!k->file.abandoned.load()) {
-        finish(k);
+    const uint32_t used = k->used;
+    if (!k->file.abandoned && (!write_changes(&k->file, used, true) ||
+                               header_seal(k->file.list.fd, file_state::CLOSED, used, k->live_at_end) < 0)) {
+        log_err("kyt: the list is not closed in order: %s", error_text(errno).text);
     }
     // Nothing may hold the card any more: it is to be unmounted.
     close(k->file.list.fd);
@@ -115,10 +159,7 @@ void* keeper_main(void* context) {
 // 0, or the errno.
 int start_thread(keeper* k) {
     pthread_attr_t attributes;
-    const int failure = pthread_attr_init(&attributes);
-    if (failure != 0) {
-        return failure;
-    }
+    pthread_attr_init(&attributes);
     const long least = sysconf(_SC_THREAD_STACK_MIN);
     (void)pthread_attr_setstacksize(&attributes, std::max(STACK_BYTES, least > 0 ? static_cast<size_t>(least) : 0));
     // Signals are the loop's. Those of a fault are the faulting thread's: blocked, they would end the process without
@@ -137,32 +178,30 @@ int start_thread(keeper* k) {
 }
 
 void end_thread(keeper* k) {
-    k->ending.store(true);
-    k->woken.store(false);
+    k->ending = true;
+    k->woken = false;
     keeper_wake(k);
 }
 
 }  // namespace
 
 keeper* keeper_start(int folder, const store& list) {
-    void* const memory = std::malloc(sizeof(keeper));
-    if (!memory) {
-        return nullptr;
+    const int wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    void* const memory = wake < 0 ? nullptr : std::malloc(sizeof(keeper));
+    keeper* const k = memory ? new (memory) keeper : nullptr;
+    int failure = errno;
+    if (k) {
+        k->folder = folder;
+        k->file.list = list;
+        k->used = list.used;
+        k->wake = wake;
+        failure = start_thread(k);
+        if (failure == 0) {
+            return k;
+        }
     }
-    auto* const k = new (memory) keeper;
-    k->folder = folder;
-    k->file.list = list;
-    k->used = list.used;
-    k->wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    const int failure = k->wake < 0 ? errno : start_thread(k);
-    if (failure == 0) {
-        return k;
-    }
-    if (k->wake >= 0) {
-        close(k->wake);
-    }
-    k->~keeper();
-    std::free(k);
+    std::free(memory);
+    close(wake);
     errno = failure;
     return nullptr;
 }
@@ -182,16 +221,10 @@ void keeper_close(keeper* k, uint32_t live) {
 }
 
 void keeper_abandon(keeper* k) {
-    k->file.abandoned.store(true);
+    k->file.abandoned = true;
     end_thread(k);
     pthread_detach(k->thread);
     release(k);
-}
-
-void keeper_tick(keeper* k) {
-    if (!k->ending.load() && pause_ms(*k) == 0) {
-        flush(k, true);
-    }
 }
 
 }  // namespace kyt

@@ -73,8 +73,4 @@ void keeper_close(keeper* k, uint32_t live);
 // Lets go of the thread, which writes nothing any more and ends by itself. Waits for nothing and takes no lock.
 void keeper_abandon(keeper* k);
 
-// For the thread: synchronises when it is time.
-void keeper_tick(keeper* k);
-void compare(keeper* k);
-
 }  // namespace kyt

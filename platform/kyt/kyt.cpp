@@ -4,7 +4,11 @@
 
 #include <cerrno>
 #include <ctime>
+#include <fcntl.h>
+#include <new>
 #include <poll.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include "export.h"
 #include "folder.h"
@@ -20,6 +24,9 @@ namespace {
 
 constexpr uint32_t PERIOD_END_S = 300;  // a clip is announced at its end: an hour's last one gets that long
 constexpr uint32_t NO_SLOT = UINT32_MAX;
+constexpr size_t SLOTS_BYTES = MAX_BYTES;  // somewhat more than the slots take
+constexpr size_t STORE_BYTES = SLOTS_BYTES + MAX_SECTORS * sizeof(uint64_t);
+constexpr size_t ORDER_BYTES = order::ROOM * sizeof(uint32_t);
 
 // The first tombstone whose ts is not below `ts`.
 tombstone* find_tombstone(const kyt_handle* h, uint32_t ts) {
@@ -58,21 +65,20 @@ int add(kyt_handle* h, const kyt_record& record) {
     h->said_full = false;
     put_record(h->list.slots + slot, record);
     order_insert(&h->live, slot);
-    h->keeper->used.store(h->list.used);
+    h->keeper->used = h->list.used;
     keeper_wake(h->keeper);
     return 0;
 }
 
 bool has_results(const kyt_handle* h) {
-    return h->keeper->at.load() == phase::DONE;
+    return h->keeper->at == phase::DONE;
 }
 
 // Adds the clips that the last comparison has found. It only adds, so pointers stay valid.
 void take_missing(kyt_handle* h) {
-    if (h->taken || !has_results(h)) {
+    if (!has_results(h)) {
         return;
     }
-    h->taken = true;
     uint32_t added = 0;
     uint32_t first = 0;
     for (const uint32_t ts : h->keeper->work.missing) {
@@ -81,6 +87,7 @@ void take_missing(kyt_handle* h) {
             first = added++ == 0 ? ts : first;
         }
     }
+    h->keeper->work.missing.size = 0;
     if (added > 0) {
         log_info("kyt: %u clips were on the card but not in the list, the first is %u: added", added, first);
     }
@@ -131,8 +138,7 @@ void start_comparison(kyt_handle* h) {
         work.deleted.push(t.ts);
     }
     ++h->round;
-    h->taken = false;
-    h->keeper->at.store(phase::WORK);
+    h->keeper->at = phase::WORK;
     keeper_wake(h->keeper);
 }
 
@@ -140,14 +146,75 @@ bool is_slot(const kyt_handle* h, const kyt_record* record) {
     return record >= h->list.slots && record < h->list.slots + h->list.used;
 }
 
+// Null: out of memory.
+void* reserve(size_t bytes) {
+    void* const made = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    return made == MAP_FAILED ? nullptr : made;
+}
+
 }  // namespace
+
+void kyt::store_free(const store& s) {
+    if (s.slots) {
+        munmap(s.slots, STORE_BYTES);
+    }
+}
+
+kyt_handle* kyt::handle_make() {
+    void* const memory = std::malloc(sizeof(kyt_handle));
+    kyt_handle* const h = memory ? new (memory) kyt_handle : nullptr;
+    if (h) {
+        h->list.slots = h->live.slots = static_cast<kyt_record*>(reserve(STORE_BYTES));
+        h->list.sums = reinterpret_cast<uint64_t*>(h->list.slots + SLOTS_BYTES / sizeof(kyt_record));
+        h->live.entries = static_cast<uint32_t*>(reserve(ORDER_BYTES));
+        if (h->list.slots && h->live.entries) {
+            return h;
+        }
+        handle_free(h);
+    }
+    errno = ENOMEM;
+    return nullptr;
+}
+
+void kyt::handle_free(kyt_handle* h) {
+    if (h) {
+        if (h->live.entries) {
+            munmap(h->live.entries, ORDER_BYTES);
+        }
+        if (!h->keeper) {
+            store_free(h->list);
+        }
+        h->~kyt_handle();
+        std::free(h);
+    }
+}
+
+kyt_handle* kyt::open_folder(const char* path) {
+    const int folder = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folder < 0) {
+        return nullptr;
+    }
+    kyt_handle* const h = handle_make();
+    if (h && open_list(folder, h) == 0) {
+        h->keeper = keeper_start(folder, h->list);
+    }
+    if (h && h->keeper) {
+        return h;
+    }
+    const int failure = errno;
+    close(h ? h->list.fd : -1);
+    handle_free(h);
+    close(folder);
+    errno = failure;
+    return nullptr;
+}
 
 bool kyt::settle(kyt_handle* h) {
     keeper* const k = h->keeper;
-    const uint32_t asked = k->asked.load() + 1;
-    k->asked.store(asked);
+    const uint32_t asked = k->asked + 1;
+    k->asked = asked;
     keeper_wake(k);
-    for (int wait = 0; k->brought.load() != asked; ++wait) {
+    for (int wait = 0; k->brought != asked; ++wait) {
         if (wait == 100'000) {
             return false;
         }
@@ -157,7 +224,7 @@ bool kyt::settle(kyt_handle* h) {
 }
 
 bool kyt::is_comparing(const kyt_handle* h) {
-    return h->keeper->at.load() == phase::WORK;
+    return h->keeper->at == phase::WORK;
 }
 
 KYT_API kyt_handle* kyt_open_rdwr(void) {
@@ -186,9 +253,9 @@ KYT_API int kyt_optimise(kyt_handle* h) {
     order_tidy(&h->live);
     if (has_results(h)) {
         free_slots(h);
-        h->keeper->at.store(phase::IDLE);
+        h->keeper->at = phase::IDLE;
     }
-    if (h->keeper->at.load() == phase::IDLE) {
+    if (h->keeper->at == phase::IDLE) {
         start_comparison(h);
     }
     return 0;

@@ -29,37 +29,27 @@ uint32_t read_slots(store* s, loaded* l) {
     return count;
 }
 
-// Without a header, the first record that is whole in one byte order only shows which one the file has.
-bool looks_swapped(const store& s, uint32_t count) {
-    for (uint32_t at = 0; at < count; ++at) {
-        const bool native = s.slots[at].ts != 0 && slot_kind(s.slots[at]) != slot::BAD;
-        const bool other = s.slots[at].ts != 0 && slot_kind(swapped(s.slots[at])) != slot::BAD;
-        if (native != other) {
-            return other;
-        }
-    }
-    return false;
-}
-
-// Gives a sector's records this machine's byte order. After a power cut in between they may have it already: a sector
-// is written as a whole, so it has the order in which more of them make sense.
-void turn_sector(kyt_record* sector) {
-    int foreign = 0;
+// Gives a sector's records this machine's byte order. Each sector is judged by itself, since a power cut may come
+// between two of them; a sector is written as a whole, so it has the order in which more of it makes sense.
+bool turn_sector(kyt_record* sector, bool when_equal) {
+    int foreign = when_equal ? 1 : 0;
     for (uint32_t i = 0; i < SECTOR_RECORDS; ++i) {
         foreign += slot_kind(swapped(sector[i])) != slot::BAD ? 1 : 0;
         foreign -= slot_kind(sector[i]) != slot::BAD ? 1 : 0;
     }
-    std::transform(sector, sector + SECTOR_RECORDS, sector,
-                   [=](const kyt_record& record) { return foreign >= 0 ? swapped(record) : record; });
+    if (foreign > 0) {
+        std::transform(sector, sector + SECTOR_RECORDS, sector, swapped);
+    }
+    return foreign > 0;
 }
 
 void judge(kyt_handle* h, loaded* l, uint32_t count) {
     uint32_t& used = h->list.used;
-    const bool open = is_list(*l) && !is_closed(*l);
+    const bool open = l->is_list() && !l->is_closed();
     for (uint32_t at = 0; at < count; ++at) {
         kyt_record* const record = h->list.slots + at;
-        if (l->other_order && at % SECTOR_RECORDS == 0) {
-            turn_sector(record);
+        if (at % SECTOR_RECORDS == 0 && (l->other_order || l->header == header_kind::DAMAGED)) {
+            l->other_order = turn_sector(record, l->other_order) || l->other_order;
         }
         const slot kind = slot_kind(*record);
         if (kind == slot::UNUSED) {
@@ -102,11 +92,7 @@ int load(kyt_handle* h, loaded* l) {
     if (l->header == header_kind::OTHER_VERSION) {
         return 0;
     }
-    const uint32_t count = read_slots(s, l);
-    if (l->header == header_kind::DAMAGED) {
-        l->other_order = looks_swapped(*s, count);
-    }
-    judge(h, l, count);
+    judge(h, l, read_slots(s, l));
     return h->empty.failed || l->deleted.failed ? fail_with(ENOMEM) : 0;
 }
 

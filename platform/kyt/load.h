@@ -14,6 +14,15 @@ struct loaded {
     uint32_t destroyed = 0;    // used slots that are not whole; they are empty now
     uint32_t unreadable = 0;   // pages that the card did not give
     array<uint32_t> deleted;   // slots of deleted records
+
+    bool is_list() const { return header == header_kind::INTACT; }
+    bool is(file_state state) const { return is_list() && head.state == static_cast<uint32_t>(state); }
+    bool is_closed() const { return is(file_state::CLOSED); }
+    bool has_odd_size() const { return size % STEP_BYTES != 0 || size > MAX_BYTES; }
+    // Not as long as it was when its header was written. An open list may have become longer, whatever its size.
+    bool has_wrong_size() const {
+        return is_list() && (used < head.records || (is_closed() && (has_odd_size() || used > head.records)));
+    }
 };
 
 // Reads h->list.fd into a fresh handle and judges each record once. The live ones are added to h->live, unsorted.
@@ -28,21 +37,5 @@ void unload(kyt_handle* h, loaded* l);
 // Reads a file of a folder that way, changing nothing, and sorts the live records, each ts once.
 // 0, or the errno: ENOENT, there is none; ENOMEM; EBADMSG, it cannot be read.
 int load_copy(int folder, const char* name, kyt_handle* h, loaded* l, array<uint32_t>* doubles);
-
-inline bool is_list(const loaded& l) {
-    return l.header == header_kind::INTACT;
-}
-inline bool has_state(const loaded& l, file_state state) {
-    return is_list(l) && l.head.state == static_cast<uint32_t>(state);
-}
-inline bool is_closed(const loaded& l) {
-    return has_state(l, file_state::CLOSED);
-}
-// Whether the file is not as long as it was when its header was written. An open list may have become longer, whatever
-// its size; a closed one has a size that the library leaves behind.
-inline bool has_wrong_size(const loaded& l) {
-    const bool odd = l.size % STEP_BYTES != 0 || l.size > MAX_BYTES;
-    return is_list(l) && (l.used < l.head.records || (is_closed(l) && (odd || l.used > l.head.records)));
-}
 
 }  // namespace kyt

@@ -1,12 +1,17 @@
 // Opening a list: what is done with the file. All of it may wait for the card.
 #include <cerrno>
 #include <fcntl.h>
+#include <stdio.h>
 #include <sys/file.h>
 #include <unistd.h>
 
 #include "keeper.h"
 #include "record.h"
 #include "repair.h"
+
+#ifndef F_OFD_SETLK
+#define F_OFD_SETLK 37
+#endif
 
 namespace kyt {
 namespace {
@@ -16,21 +21,16 @@ namespace {
 // it: without the lock a mark made since then could be overwritten for good. A write lock needs a descriptor open for
 // writing, so a program that may only read cannot keep the list closed. False: errno says why.
 bool lock(int fd) {
-#ifdef F_OFD_SETLK
     struct flock whole = {};
     whole.l_type = F_WRLCK;
     whole.l_whence = SEEK_SET;
     if (fcntl(fd, F_OFD_SETLK, &whole) == 0) {
         return true;
     }
-    if (errno == EAGAIN || errno == EACCES) {
-        errno = EBUSY;
-        return false;
-    }
-    // Linux before 3.15 knows no such locks.
-#endif
-    if (flock(fd, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK) {
-        return true;  // or a filesystem without locks
+    // Linux before 3.15 has no such locks, and some filesystems have none at all.
+    const bool is_taken = errno == EAGAIN || errno == EACCES;
+    if (!is_taken && (flock(fd, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK)) {
+        return true;
     }
     errno = EBUSY;
     return false;
@@ -50,11 +50,8 @@ int read_file(repair* r) {
         r->failure = errno;
         return errno == ENOENT || is_no_file(errno) ? 0 : -1;
     }
-    if (!lock(list.fd)) {
-        return -1;
-    }
     loaded& l = r->file;
-    if (load(r->h, &l) < 0) {
+    if (!lock(list.fd) || load(r->h, &l) < 0) {
         r->failure = errno;
         return is_no_file(errno) ? 0 : -1;
     }
@@ -68,17 +65,85 @@ int read_file(repair* r) {
     return 0;
 }
 
+// A list file that cannot be used keeps what it holds under another name, KYT_BAD0.LST to KYT_BAD3.LST, the oldest
+// first. The fourth and later ones share a name, so that a card that goes bad again and again does not fill up with
+// them. Bad sectors stay where no clip will be written.
+struct aside_name {
+    char text[13] = "KYT_BAD0.LST";
+    explicit aside_name(int number) { text[7] = static_cast<char>('0' + number); }
+};
+
+// Unlike a stat, this needs no date that fits in a time_t.
+bool exists(int folder, const aside_name& name) {
+    return faccessat(folder, name.text, F_OK, 0) == 0;
+}
+
+void aside_move(int folder, phrases* done) {
+    // Gaps are closed, so that the numbers are in order of age.
+    int count = 0;
+    for (int number = 0; number < ASIDE_NAMES; ++number) {
+        if (exists(folder, aside_name(number))) {
+            (void)renameat(folder, aside_name(number).text, folder, aside_name(count++).text);
+        }
+    }
+    const aside_name name(std::min(count, ASIDE_NAMES - 1));
+    if (count == ASIDE_NAMES) {
+        (void)unlinkat(folder, name.text, 0);  // the rename alone would not put a directory there
+    }
+    if (renameat(folder, LIST_NAME, folder, name.text) < 0) {
+        done->add("%s cannot be set aside: %s", LIST_NAME, error_text(errno).text);
+    } else {
+        done->add("%s is set aside as %s", LIST_NAME, name.text);
+    }
+    (void)fsync(folder);  // not every filesystem can
+}
+
+// Removes the oldest of them. False: there is none.
+bool aside_remove_oldest(int folder, phrases* done) {
+    for (int number = 0; number < ASIDE_NAMES; ++number) {
+        if (unlinkat(folder, aside_name(number).text, 0) == 0) {
+            done->add("%s is removed to make room", aside_name(number).text);
+            return true;
+        }
+    }
+    return false;
+}
+
+// Opens copies of those that there are. False: out of memory.
+bool aside_open(int folder, kyt_handle* (&lists)[ASIDE_NAMES]) {
+    for (int number = 0; number < ASIDE_NAMES; ++number) {
+        const aside_name name(number);
+        loaded l;
+        array<uint32_t> doubles;
+        if (!exists(folder, name)) {
+            continue;
+        }
+        kyt_handle* const h = lists[number] = handle_make();
+        if (!h || load_copy(folder, name.text, h, &l, &doubles) == ENOMEM) {
+            return false;
+        }
+        // A deleted clip that is still on the card comes back with its mark.
+        for (const uint32_t slot : l.deleted) {
+            h->list.slots[slot] = returned_record(h->list.slots[slot]);
+            order_add(&h->live, slot);
+        }
+        order_sort(&h->live);
+        order_drop_doubles(&h->live, &doubles);
+    }
+    return true;
+}
+
 // Whether all names of the folder are to be read.
 bool judge_file(repair* r) {
     const loaded& l = r->file;
     const uint32_t live = r->h->live.size() + r->doubles.size;
     const uint32_t card = card_of(r->folder);
-    r->other_card = is_list(l) && l.head.card != 0 && card != 0 && l.head.card != card;
-    r->missing = r->exists && is_closed(l) && live < l.head.live ? l.head.live - live : 0;
-    r->damaged = r->exists ? !is_list(l) || l.destroyed > 0 || r->doubles.size > 0 || has_wrong_size(l) ||
-                                 (is_closed(l) && live != l.head.live)
+    r->other_card = l.is_list() && l.head.card != 0 && card != 0 && l.head.card != card;
+    r->missing = r->exists && l.is_closed() && live < l.head.live ? l.head.live - live : 0;
+    r->damaged = r->exists ? !l.is_list() || l.destroyed > 0 || r->doubles.size > 0 || l.has_wrong_size() ||
+                                 (l.is_closed() && live != l.head.live)
                            : r->failure != ENOENT;
-    return !is_closed(l) || r->damaged || r->other_card || l.other_order;
+    return !l.is_closed() || r->damaged || r->other_card || l.other_order;
 }
 
 // The slots that follow the newest record's are taken first: they are in its sector, or in the next one.
@@ -108,9 +173,7 @@ int make_file(int folder, store* list, file_state state) {
 
 int replace_file(repair* r, bool has_records) {
     store& list = r->h->list;
-    if (list.fd >= 0) {
-        close(std::exchange(list.fd, -1));
-    }
+    close(std::exchange(list.fd, -1));
     if (r->failure != ENOENT) {
         aside_move(r->folder, &r->done);
     }
@@ -158,8 +221,8 @@ int prepare_file(repair* r) {
     uint32_t sealed = std::min(l.used, tail);
     // Everything is to be on the card before the header says that this is the list: until then it shows how the records
     // are to be read, or that marks may only be in a file that was set aside.
-    bool write_first = l.other_order || !is_list(l) || has_state(l, file_state::WRITING);
-    bool seal = write_first || r->other_card || is_closed(l) || l.head.records > sealed;
+    bool write_first = l.other_order || !l.is_list() || l.is(file_state::WRITING);
+    bool seal = write_first || r->other_card || l.is_closed() || l.head.records > sealed;
     if (!r->exists) {
         // A list without records can lose nothing: it need not wait for the card, and a fresh card is ready sooner.
         write_first = seal = h->live.size() > 0;
@@ -186,42 +249,31 @@ int prepare_file(repair* r) {
     return 0;
 }
 
-// 0, or -1 with errno.
-int open_with(repair* r) {
-    if (read_file(r) < 0) {
-        return -1;
-    }
-    repair_order(r);
-    const bool everything = judge_file(r);
-    // What was set aside has the marks that a list made from the folder lacks.
-    const bool is_made_again = !is_list(r->file) || has_state(r->file, file_state::WRITING);
-    if (is_made_again && !aside_open(r->folder, r->aside)) {
-        return fail_with(ENOMEM);
-    }
-    if (everything || r->file.deleted.size > 0) {
-        repair_from_folder(r, everything);
-    }
-    if (r->h->empty.failed || r->h->tombstones.failed || r->doubles.failed || is_out_of_memory(r->card)) {
-        return fail_with(ENOMEM);
-    }
-    const int failure = prepare_file(r) == 0 ? 0 : errno;
-    repair_report(*r, failure);
-    return failure == 0 ? 0 : fail_with(failure);
-}
-
 }  // namespace
 
 int open_list(int folder, kyt_handle* h) {
     repair r;
     r.folder = folder;
     r.h = h;
-    const int result = open_with(&r);
-    const int failure = errno;
-    for (kyt_handle* const list : r.aside) {
-        handle_free(list);
+    if (read_file(&r) < 0) {
+        return -1;
     }
-    errno = failure;
-    return result;
+    repair_order(&r);
+    const bool everything = judge_file(&r);
+    // What was set aside has the marks that a list made from the folder lacks.
+    const bool is_made_again = !r.file.is_list() || r.file.is(file_state::WRITING);
+    if (is_made_again && !aside_open(folder, r.aside)) {
+        return fail_with(ENOMEM);
+    }
+    if (everything || r.file.deleted.size > 0) {
+        repair_from_folder(&r, everything);
+    }
+    if (h->empty.failed || h->tombstones.failed || r.doubles.failed || r.card.is_out_of_memory()) {
+        return fail_with(ENOMEM);
+    }
+    const int failure = prepare_file(&r) == 0 ? 0 : errno;
+    repair_report(r, failure);
+    return failure == 0 ? 0 : fail_with(failure);
 }
 
 }  // namespace kyt

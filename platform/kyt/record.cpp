@@ -46,9 +46,6 @@ struct words {
     uint32_t ts;
     uint32_t detail;
 };
-words words_of(const kyt_record& record) {
-    return std::bit_cast<words>(record);
-}
 
 // An address at which another thread may be reading or writing.
 word* shared(const kyt_record* record) {
@@ -58,7 +55,7 @@ word* shared(const kyt_record* record) {
 }  // namespace
 
 slot slot_kind(const kyt_record& record) {
-    const uint32_t detail = words_of(record).detail;
+    const uint32_t detail = std::bit_cast<words>(record).detail;
     if (detail == EMPTY) {
         return slot::EMPTY;
     }
@@ -95,7 +92,7 @@ kyt_record swapped(const kyt_record& record) {
 }
 
 void put_record(kyt_record* slot, const kyt_record& record) {
-    const words to = words_of(record);
+    const auto to = std::bit_cast<words>(record);
     if (slot->ts != to.ts) {
         put_empty(slot);
         __atomic_store_n(shared(slot), to.ts, __ATOMIC_RELEASE);

@@ -1,6 +1,9 @@
 #include "repair.h"
 
+#include <cerrno>
+
 #include "record.h"
+#include "vesk_util.h"
 
 namespace kyt {
 namespace {
@@ -19,7 +22,7 @@ void drop_without_clip(repair* r) {
     uint32_t kept = live.first;
     for (uint32_t place = live.first; place < live.end; ++place) {
         const uint32_t ts = live.ts_at(place);
-        if (contains(r->card.clips, ts) || !is_known(r->card, ts)) {
+        if (contains(r->card.clips, ts) || !r->card.knows(ts)) {
             live.entries[kept++] = live.entries[place];
         } else {
             ++r->dropped;
@@ -37,7 +40,7 @@ void settle_deleted(repair* r) {
             r->first_returned = r->returned++ == 0 ? record->ts : r->first_returned;
             put_record(record, returned_record(*record));
             order_add(&r->h->live, slot);
-        } else if (is_known(r->card, record->ts)) {
+        } else if (r->card.knows(record->ts)) {
             free_slot(r, slot);
         } else {
             r->h->tombstones.push({record->ts, slot, 0});
@@ -73,6 +76,52 @@ void add_clips(repair* r) {
         ++r->added;
     }
     order_sort(&h->live);
+}
+
+void add_if(bool holds, phrases* p, const char* phrase) {
+    if (holds) {
+        p->add("%s", phrase);
+    }
+}
+
+void add_count(phrases* p, uint32_t count, const char* phrase) {
+    if (count > 0) {
+        p->add("%u %s", count, phrase);
+    }
+}
+
+// What was wrong with the file.
+void describe_file(const repair& r, phrases* p) {
+    const loaded& l = r.file;
+    if (r.failure != 0) {
+        p->add("%s cannot be read: %s", LIST_NAME, error_text(r.failure).text);
+    } else if (!l.is_list()) {
+        p->add("%s %s", LIST_NAME,
+               l.header == header_kind::OTHER_VERSION ? "was written by another version"
+               : l.size == 0                          ? "was empty"
+                                                      : "was no list");
+    }
+    add_if(l.is_list() && !l.is_closed(), p, "the list was not closed");
+    add_if(l.unreadable > 0, p, "KYT.LST has parts that cannot be read");
+    add_if(l.other_order, p, "the list comes from a machine of the other byte order");
+    add_if(r.other_card, p, "the list belongs to another card");
+    add_if(r.exists && l.has_wrong_size(), p, "the list was cut short or made longer");
+    add_count(p, l.is_list() ? l.destroyed : 0, "of its records were destroyed");
+    add_count(p, r.missing > l.destroyed ? r.missing - l.destroyed : 0, "of its records were missing");
+    add_count(p, r.doubles.size, "of its records stood there twice");
+}
+
+void describe_folder(const repair& r, phrases* p) {
+    const contents& c = r.card;
+    if (c.failure != 0) {
+        p->add("the recordings folder cannot be read: %s", error_text(c.failure).text);
+    }
+    if (c.unread_failure != 0) {
+        p->add("%u hours of the folder cannot be read: %s", c.unread.size, error_text(c.unread_failure).text);
+    }
+    if (r.left_out > 0 || c.too_many) {
+        p->add("more clips than a list can hold: %u%s stay out of it", r.left_out, c.too_many ? " or more" : "");
+    }
 }
 
 }  // namespace
@@ -116,6 +165,39 @@ void repair_from_folder(repair* r, bool everything) {
     settle_deleted(r);
     if (everything) {
         add_clips(r);
+    }
+}
+
+void repair_report(const repair& r, int failure) {
+    const uint32_t records = r.h->live.size();
+    const bool is_new = r.failure == ENOENT;
+    phrases found;
+    if (!is_new) {
+        describe_file(r, &found);
+    }
+    describe_folder(r, &found);
+    if (is_new && failure == 0 && found.empty() && r.done.empty()) {
+        log_info("kyt: a new list, with %u clips that are on the card", records);
+        return;
+    }
+    add_if(is_new && found.empty(), &found, "there was no list");
+    phrases done = r.done;
+    if (failure == 0 && !found.empty()) {
+        done.add("%u records now, of them %u from the folder", records, r.added);
+    }
+    add_count(&done, r.dropped, "dropped for want of a clip");
+    if (r.returned > 0) {
+        done.add("%u deleted clips are still on the card and back in the list, the first is %u", r.returned,
+                 r.first_returned);
+    }
+    add_if(r.damaged, &done, "marks may be lost");
+    if (failure != 0) {
+        done.add("no list is in use: %s", error_text(failure).text);
+    }
+    const bool is_warning = failure != 0 || r.damaged || r.returned > 0 || r.other_card || r.file.other_order;
+    const char* const colon = found.empty() || done.empty() ? "" : ": ";
+    if (!found.empty() || !done.empty()) {
+        (is_warning ? log_warning : log_info)("kyt: %s%s%s", found.text, colon, done.text);
     }
 }
 

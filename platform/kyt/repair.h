@@ -11,6 +11,11 @@ namespace kyt {
 constexpr int ASIDE_NAMES = 4;
 
 struct repair {
+    repair() = default;
+    repair(const repair&) = delete;
+    repair& operator=(const repair&) = delete;
+    ~repair() { std::for_each(std::begin(aside), std::end(aside), handle_free); }
+
     int folder = -1;
     kyt_handle* h = nullptr;
 
@@ -42,15 +47,5 @@ void repair_from_folder(repair* r, bool everything);
 
 // One line of the log, if there is anything to say. failure: why no list is in use, or 0.
 void repair_report(const repair& r, int failure);
-
-// A list file that cannot be used keeps what it holds under another name, KYT_BAD0.LST to KYT_BAD3.LST, the oldest
-// first. The fourth and later ones share a name, so that a card that goes bad again and again does not fill up with
-// them. Bad sectors stay where no clip will be written.
-void aside_move(int folder, phrases* done);
-// Removes the oldest of them. False: there is none.
-bool aside_remove_oldest(int folder, phrases* done);
-// Opens copies of them, an empty one for each name that is not used; the handles are the caller's. False: out of
-// memory.
-bool aside_open(int folder, kyt_handle* (&lists)[ASIDE_NAMES]);
 
 }  // namespace kyt

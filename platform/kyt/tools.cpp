@@ -15,9 +15,9 @@ namespace {
 
 void describe(const loaded& l, kyt_health* health) {
     std::strncpy(health->list, LIST_NAME, sizeof health->list - 1);
-    health->open = !is_closed(l);
+    health->open = !l.is_closed();
     health->other_byte_order = l.other_order;
-    health->wrong_size = has_wrong_size(l);
+    health->wrong_size = l.has_wrong_size();
     health->card = l.head.card;
     health->destroyed = l.destroyed;
     health->unreadable = l.unreadable;
@@ -31,7 +31,7 @@ int look(int folder, kyt_handle* h, kyt_health* health) {
     array<uint32_t> deleted;
     contents card;
     const int failure = load_copy(folder, LIST_NAME, h, &l, &doubles);
-    if (is_list(l)) {
+    if (l.is_list()) {
         describe(l, health);
     } else {
         unload(h, &l);
@@ -41,7 +41,7 @@ int look(int folder, kyt_handle* h, kyt_health* health) {
         deleted.push(h->list.slots[slot].ts);
     }
     sort_unique(&deleted);
-    if (failure == ENOMEM || deleted.failed || is_out_of_memory(card)) {
+    if (failure == ENOMEM || deleted.failed || card.is_out_of_memory()) {
         return ENOMEM;
     }
     health->other_version = l.header == header_kind::OTHER_VERSION;
@@ -88,7 +88,7 @@ KYT_API kyt_handle* kyt_open_rdonly(const char* folder_path) {
         loaded l;
         array<uint32_t> doubles;
         const int failure = load_copy(folder, LIST_NAME, h, &l, &doubles);
-        return failure == 0 && !is_list(l) ? EBADMSG : failure;
+        return failure == 0 && !l.is_list() ? EBADMSG : failure;
     });
 }
 

@@ -20,7 +20,7 @@ bool grow(writer* w, uint32_t used) {
         const uint32_t next = list.bytes / STEP_BYTES * STEP_BYTES + STEP_BYTES;
         if (ftruncate(list.fd, next) < 0) {
             const int failure = errno;
-            if (!w->said_no_room && !w->abandoned.load()) {
+            if (!w->said_no_room && !w->abandoned) {
                 w->said_no_room = true;
                 log_warning("kyt: the list cannot grow: %s", error_text(failure).text);
             }
@@ -51,7 +51,7 @@ int write_sectors(writer* w, uint32_t sectors) {
             list.sums[sector + count] = sum_of(to, SECTOR_RECORDS);
         }
         if (count > 0) {
-            if (w->abandoned.load()) {
+            if (w->abandoned) {
                 return ECANCELED;
             }
             w->unsynced = true;
@@ -82,7 +82,7 @@ bool write_changes(writer* w, uint32_t used, bool sync) {
     const uint32_t in_file = w->list.bytes < RECORDS_AT ? 0 : (w->list.bytes - RECORDS_AT) / SECTOR_BYTES;
     const uint32_t sectors = std::min((used + SECTOR_RECORDS - 1) / SECTOR_RECORDS, in_file);
     int failure = write_sectors(w, sectors);
-    if (sync && w->unsynced && !w->abandoned.load()) {
+    if (sync && w->unsynced && !w->abandoned) {
         const bool synced = fdatasync(w->list.fd) == 0;
         failure = synced ? failure : errno;
         settle_sums(&w->list, sectors, synced);
