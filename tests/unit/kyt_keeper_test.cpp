@@ -348,6 +348,8 @@ TEST_F(KytKeeper, SignalsAreTheLoops) {
     open();
     pthread_sigmask(SIG_SETMASK, nullptr, &own_after);
     EXPECT_EQ(sigismember(&own_before, SIGTERM), sigismember(&own_after, SIGTERM));
+    ASSERT_TRUE(
+        kyt::settle(list));  // the thread is at work: until then the C library may have all of its signals blocked
     int threads = 0;
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
         if (before.contains(task.path())) {
