@@ -23,101 +23,27 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// With 64-bit file offsets some C libraries call these by another name.
-#ifdef __GLIBC__
-#define WIDE(name) name##64
-#else
-#define WIDE(name) name
-#endif
-#define JOIN2(a, b) a##b
-#define JOIN(a, b) JOIN2(a, b)
-#define REAL_WIDE(name) JOIN(__real_, WIDE(name))
-// The same stand-in by the plain name and by the wide one.
-#define BOTH(result, name, ...)        \
-    result __wrap_##name(__VA_ARGS__); \
-    result __wrap_##name##64(__VA_ARGS__) __attribute__((alias("__wrap_" #name)));
-
-extern "C" {
-int REAL_WIDE(open)(const char*, int, ...);
-int REAL_WIDE(openat)(int, const char*, int, ...);
-int __real_close(int);
-ssize_t REAL_WIDE(pread)(int, void*, size_t, off_t);
-ssize_t REAL_WIDE(pwrite)(int, const void*, size_t, off_t);
-int REAL_WIDE(ftruncate)(int, off_t);
-int __real_fdatasync(int);
-int __real_fsync(int);
-int REAL_WIDE(fstat)(int, struct stat*);
-off_t REAL_WIDE(lseek)(int, off_t, int);
-int REAL_WIDE(fstatat)(int, const char*, struct stat*, int);
-int __real_unlinkat(int, const char*, int);
-int __real_renameat(int, const char*, int, const char*);
-DIR* __real_fdopendir(int);
-struct dirent* REAL_WIDE(readdir)(DIR*);
-int REAL_WIDE(fcntl)(int, int, ...);
-int __real_flock(int, int);
-int __real_ioctl(int, unsigned long, ...);
-void* REAL_WIDE(mmap)(void*, size_t, int, int, int, off_t);
-int __real_munmap(void*, size_t);
-int __real_madvise(void*, size_t, int);
-int __real_eventfd(unsigned, int);
-int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-void* __real_malloc(size_t);
-void* __real_realloc(void*, size_t);
-void* __real_calloc(size_t, size_t);
-time_t __real_time(time_t*);
-int __real_clock_gettime(clockid_t, struct timespec*);
-int __real_poll(struct pollfd*, nfds_t, int);
-}
-
 namespace {
 
 using libc_calls::called;
 
-enum kind : uint8_t { OF_CARD, WRITES_CARD, OF_MEMORY, OTHER };
-struct known_call {
-    const char* name;
-    kind of;
-};
-constexpr known_call KNOWN[] = {
-    {"open", OF_CARD},
-    {"openat", OF_CARD},
-    {"close", OTHER},
-    {"pread", OF_CARD},
-    {"pwrite", WRITES_CARD},
-    {"ftruncate", WRITES_CARD},
-    {"fdatasync", WRITES_CARD},
-    {"fsync", WRITES_CARD},
-    {"fstat", OF_CARD},
-    {"lseek", OF_CARD},
-    {"fstatat", OF_CARD},
-    {"unlinkat", WRITES_CARD},
-    {"renameat", WRITES_CARD},
-    {"fdopendir", OF_CARD},
-    {"readdir", OF_CARD},
-    {"fcntl", OTHER},
-    {"flock", OTHER},
-    {"ioctl", OTHER},
-    {"mmap", OTHER},
-    {"munmap", OTHER},
-    {"madvise", OTHER},
-    {"eventfd", OTHER},
-    {"pthread_create", OTHER},
-    {"malloc", OF_MEMORY},
-    {"realloc", OF_MEMORY},
-    {"calloc", OF_MEMORY},
-    {"time", OTHER},
-    {"clock_gettime", OTHER},
-    {"poll", OTHER},
-};
+// By what they reach: fail and hold know them by these groups.
+constexpr std::string_view OF_CARD[] = {"open", "openat", "pread", "fstat", "lseek", "fstatat", "fdopendir", "readdir"};
+constexpr std::string_view WRITING[] = {"pwrite", "ftruncate", "fdatasync", "fsync", "unlinkat", "renameat"};
+constexpr std::string_view OF_MEMORY[] = {"malloc", "realloc", "calloc"};
+constexpr std::string_view KNOWN[] = {
+    "open",    "openat", "close",   "pread",         "pwrite",   "ftruncate", "fdatasync",      "fsync",
+    "fstat",   "lseek",  "fstatat", "unlinkat",      "renameat", "fdopendir", "readdir",        "fcntl",
+    "flock",   "ioctl",  "mmap",    "munmap",        "madvise",  "eventfd",   "pthread_create", "malloc",
+    "realloc", "calloc", "time",    "clock_gettime", "poll"};
 constexpr size_t CALLS = std::size(KNOWN);
 
+template <size_t N>
+constexpr bool has(const std::string_view (&names)[N], std::string_view name) {
+    return std::find(std::begin(names), std::end(names), name) != std::end(names);
+}
 constexpr size_t index_of(std::string_view name) {
-    for (size_t i = 0; i < CALLS; ++i) {
-        if (name == KNOWN[i].name) {
-            return i;
-        }
-    }
-    return CALLS;
+    return static_cast<size_t>(std::find(std::begin(KNOWN), std::end(KNOWN), name) - std::begin(KNOWN));
 }
 
 struct fault {
@@ -152,18 +78,17 @@ void check_name(std::string_view call) {
     }
 }
 
-bool is_meant(std::string_view wanted, size_t index, const called& c) {
-    const kind of = KNOWN[index].of;
-    const bool writes = of == WRITES_CARD || libc_calls::opens_for_writing(c);
-    return wanted == c.call || (wanted == libc_calls::CARD && (of == OF_CARD || of == WRITES_CARD)) ||
-           (wanted == libc_calls::WRITES && writes) || (wanted == libc_calls::MEMORY && of == OF_MEMORY);
+bool is_meant(std::string_view wanted, const called& c) {
+    const bool writes = has(WRITING, c.call) || libc_calls::opens_for_writing(c);
+    return wanted == c.call || (wanted == libc_calls::CARD && (writes || has(OF_CARD, c.call))) ||
+           (wanted == libc_calls::WRITES && writes) || (wanted == libc_calls::MEMORY && has(OF_MEMORY, c.call));
 }
 
 // 0, or the errno with which the call is to fail.
-int fault_of(size_t index, const called& c) {
+int fault_of(const called& c) {
     int failure = 0;
     for (fault& f : faults) {
-        if (f.times == 0 || !is_meant(f.call, index, c)) {
+        if (f.times == 0 || !is_meant(f.call, c)) {
             continue;
         }
         if (f.nth > 1) {
@@ -185,15 +110,14 @@ int enter(size_t index, const called& c) {
     }
     std::unique_lock lock(guard);
     const auto is_held = [&] {
-        return std::any_of(holds.begin(), holds.end(),
-                           [&](const std::string& wanted) { return is_meant(wanted, index, c); });
+        return std::any_of(holds.begin(), holds.end(), [&](const std::string& wanted) { return is_meant(wanted, c); });
     };
     if (is_held()) {
         ++held_now;
         changed.wait(lock, [&] { return !is_held(); });
         --held_now;
     }
-    const int failure = fault_of(index, c);
+    const int failure = fault_of(c);
     const libc_calls::hook hook = hooks[index];
     lock.unlock();
     return failure != 0 || !hook ? failure : hook(c);
@@ -227,10 +151,6 @@ auto make(const called& c, decltype(std::declval<Real>()()) failure, Real real) 
     const auto result = real();
     leave(index, c, result);
     return result;
-}
-
-mode_t mode_of(int flags, va_list arguments) {
-    return (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
 }
 
 }  // namespace
@@ -269,7 +189,7 @@ int count(const std::string& call) {
     check_name(call);
     int sum = 0;
     for (size_t i = 0; i < CALLS; ++i) {
-        sum += is_meant(call, i, {.call = KNOWN[i].name}) ? counts[i].load() : 0;
+        sum += is_meant(call, {.call = KNOWN[i].data()}) ? counts[i].load() : 0;
     }
     return sum;
 }
@@ -322,98 +242,95 @@ void after(const std::string& call, after_hook wanted) {
 
 }  // namespace libc_calls
 
+// A stand-in by the name that the call has here: with 64-bit file offsets some C libraries add 64 to it, and then both
+// names lead to it. The last arguments say what the call is about.
+#ifdef __GLIBC__
+#define REAL_NAME(name) __real_##name##64
+#else
+#define REAL_NAME(name) __real_##name
+#endif
+#define PLAIN(result, name, failure, parameters, arguments, ...)                                             \
+    result __real_##name parameters;                                                                         \
+    result __wrap_##name parameters {                                                                        \
+        return make({.call = #name, __VA_ARGS__}, result(failure), [=] { return __real_##name arguments; }); \
+    }
+#define WIDE(result, name, failure, parameters, arguments, ...)                                                \
+    result REAL_NAME(name) parameters;                                                                         \
+    result __wrap_##name parameters {                                                                          \
+        return make({.call = #name, __VA_ARGS__}, result(failure), [=] { return REAL_NAME(name) arguments; }); \
+    }                                                                                                          \
+    result __wrap_##name##64 parameters __attribute__((alias("__wrap_" #name)));
+// With an argument that not every call has: the ABI of each of our machines passes it in the same place.
+#define PASSED_ON(type, last)                 \
+    va_list rest;                             \
+    va_start(rest, last);                     \
+    const auto argument = va_arg(rest, type); \
+    va_end(rest)
+
+using stream = DIR*;
+using entry = struct dirent*;
+using address = void*;
+
 extern "C" {
 
-BOTH(int, open, const char* name, int flags, ...)
-BOTH(int, openat, int folder, const char* name, int flags, ...)
-BOTH(ssize_t, pread, int fd, void* data, size_t size, off_t offset)
-BOTH(ssize_t, pwrite, int fd, const void* data, size_t size, off_t offset)
-BOTH(int, ftruncate, int fd, off_t size)
-BOTH(int, fstat, int fd, struct stat* status)
-BOTH(off_t, lseek, int fd, off_t offset, int whence)
-BOTH(int, fstatat, int folder, const char* name, struct stat* status, int flags)
-BOTH(struct dirent*, readdir, DIR* stream)
-BOTH(int, fcntl, int fd, int command, ...)
-BOTH(void*, mmap, void* address, size_t size, int protection, int flags, int fd, off_t offset)
+// clang-format off
+PLAIN(int, close, -1, (int fd), (fd), .fd = fd)
+PLAIN(int, fdatasync, -1, (int fd), (fd), .fd = fd)
+PLAIN(int, fsync, -1, (int fd), (fd), .fd = fd)
+PLAIN(int, flock, -1, (int fd, int operation), (fd, operation), .fd = fd, .flags = operation)
+PLAIN(int, unlinkat, -1, (int folder, const char* name, int flags), (folder, name, flags),
+      .fd = folder, .name = name, .flags = flags)
+PLAIN(int, renameat, -1, (int folder, const char* name, int to, const char* new_name), (folder, name, to, new_name),
+      .fd = folder, .name = name, .new_name = new_name)
+PLAIN(stream, fdopendir, nullptr, (int fd), (fd), .fd = fd)
+PLAIN(int, munmap, -1, (void* at, size_t size), (at, size), .data = at, .size = size)
+PLAIN(int, madvise, -1, (void* at, size_t size, int advice), (at, size, advice),
+      .flags = advice, .data = at, .size = size)
+PLAIN(int, eventfd, -1, (unsigned value, int flags), (value, flags), .flags = flags)
+PLAIN(address, malloc, nullptr, (size_t size), (size), .size = size)
+PLAIN(address, realloc, nullptr, (void* old, size_t size), (old, size), .data = old, .size = size)
+PLAIN(address, calloc, nullptr, (size_t number, size_t size), (number, size), .size = number * size)
+PLAIN(int, poll, -1, (struct pollfd* fds, nfds_t count, int timeout_ms), (fds, count, timeout_ms), .flags = timeout_ms)
+WIDE(ssize_t, pread, -1, (int fd, void* data, size_t size, off_t offset),
+     (fd, data, std::min<size_t>(size, most_at_once), offset), .fd = fd, .size = size, .offset = offset)
+WIDE(ssize_t, pwrite, -1, (int fd, const void* data, size_t size, off_t offset),
+     (fd, data, std::min<size_t>(size, most_at_once), offset), .fd = fd, .data = data, .size = size, .offset = offset)
+WIDE(int, ftruncate, -1, (int fd, off_t size), (fd, size), .fd = fd, .offset = size)
+WIDE(int, fstat, -1, (int fd, struct stat* status), (fd, status), .fd = fd)
+WIDE(off_t, lseek, -1, (int fd, off_t offset, int whence), (fd, offset, whence),
+     .fd = fd, .flags = whence, .offset = offset)
+WIDE(int, fstatat, -1, (int folder, const char* name, struct stat* status, int flags), (folder, name, status, flags),
+     .fd = folder, .name = name, .flags = flags)
+WIDE(entry, readdir, nullptr, (DIR* folder), (folder), .fd = dirfd(folder))
+WIDE(address, mmap, MAP_FAILED, (void* at, size_t size, int protection, int flags, int fd, off_t offset),
+     (at, size, protection, flags, fd, offset), .fd = fd, .flags = flags, .size = size, .offset = offset)
+// clang-format on
 
+int REAL_NAME(open)(const char*, int, ...);
 int __wrap_open(const char* name, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    const mode_t mode = mode_of(flags, arguments);
-    va_end(arguments);
-    return make({.call = "open", .name = name, .flags = flags}, -1, [=] { return REAL_WIDE(open)(name, flags, mode); });
+    PASSED_ON(mode_t, flags);
+    return make({.call = "open", .name = name, .flags = flags}, -1,
+                [=] { return REAL_NAME(open)(name, flags, argument); });
 }
+int __wrap_open64(const char* name, int flags, ...) __attribute__((alias("__wrap_open")));
+int REAL_NAME(openat)(int, const char*, int, ...);
 int __wrap_openat(int folder, const char* name, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    const mode_t mode = mode_of(flags, arguments);
-    va_end(arguments);
+    PASSED_ON(mode_t, flags);
     return make({.call = "openat", .fd = folder, .name = name, .flags = flags}, -1,
-                [=] { return REAL_WIDE(openat)(folder, name, flags, mode); });
+                [=] { return REAL_NAME(openat)(folder, name, flags, argument); });
 }
-int __wrap_close(int fd) {
-    return make({.call = "close", .fd = fd}, -1, [=] { return __real_close(fd); });
-}
-ssize_t __wrap_pread(int fd, void* data, size_t size, off_t offset) {
-    return make({.call = "pread", .fd = fd, .size = size, .offset = offset}, ssize_t{-1},
-                [=] { return REAL_WIDE(pread)(fd, data, std::min<size_t>(size, most_at_once), offset); });
-}
-ssize_t __wrap_pwrite(int fd, const void* data, size_t size, off_t offset) {
-    return make({.call = "pwrite", .fd = fd, .data = data, .size = size, .offset = offset}, ssize_t{-1},
-                [=] { return REAL_WIDE(pwrite)(fd, data, std::min<size_t>(size, most_at_once), offset); });
-}
-int __wrap_ftruncate(int fd, off_t size) {
-    return make({.call = "ftruncate", .fd = fd, .offset = size}, -1, [=] { return REAL_WIDE(ftruncate)(fd, size); });
-}
-int __wrap_fdatasync(int fd) {
-    return make({.call = "fdatasync", .fd = fd}, -1, [=] { return __real_fdatasync(fd); });
-}
-int __wrap_fsync(int fd) {
-    return make({.call = "fsync", .fd = fd}, -1, [=] { return __real_fsync(fd); });
-}
-int __wrap_fstat(int fd, struct stat* status) {
-    return make({.call = "fstat", .fd = fd}, -1, [=] { return REAL_WIDE(fstat)(fd, status); });
-}
-off_t __wrap_lseek(int fd, off_t offset, int whence) {
-    return make({.call = "lseek", .fd = fd, .flags = whence, .offset = offset}, off_t{-1},
-                [=] { return REAL_WIDE(lseek)(fd, offset, whence); });
-}
-int __wrap_fstatat(int folder, const char* name, struct stat* status, int flags) {
-    return make({.call = "fstatat", .fd = folder, .name = name, .flags = flags}, -1,
-                [=] { return REAL_WIDE(fstatat)(folder, name, status, flags); });
-}
-int __wrap_unlinkat(int folder, const char* name, int flags) {
-    return make({.call = "unlinkat", .fd = folder, .name = name, .flags = flags}, -1,
-                [=] { return __real_unlinkat(folder, name, flags); });
-}
-int __wrap_renameat(int from, const char* name, int to, const char* new_name) {
-    return make({.call = "renameat", .fd = from, .name = name, .new_name = new_name}, -1,
-                [=] { return __real_renameat(from, name, to, new_name); });
-}
-DIR* __wrap_fdopendir(int fd) {
-    return make({.call = "fdopendir", .fd = fd}, static_cast<DIR*>(nullptr), [=] { return __real_fdopendir(fd); });
-}
-struct dirent* __wrap_readdir(DIR* stream) {
-    return make({.call = "readdir", .fd = dirfd(stream)}, static_cast<struct dirent*>(nullptr),
-                [=] { return REAL_WIDE(readdir)(stream); });
-}
+int __wrap_openat64(int folder, const char* name, int flags, ...) __attribute__((alias("__wrap_openat")));
+int REAL_NAME(fcntl)(int, int, ...);
 int __wrap_fcntl(int fd, int command, ...) {
-    va_list arguments;
-    va_start(arguments, command);
-    void* const argument = va_arg(arguments, void*);
-    va_end(arguments);
+    PASSED_ON(void*, command);
     return make({.call = "fcntl", .fd = fd, .flags = command}, -1,
-                [=] { return REAL_WIDE(fcntl)(fd, command, argument); });
+                [=] { return REAL_NAME(fcntl)(fd, command, argument); });
 }
-int __wrap_flock(int fd, int operation) {
-    return make({.call = "flock", .fd = fd, .flags = operation}, -1, [=] { return __real_flock(fd, operation); });
-}
+int __wrap_fcntl64(int fd, int command, ...) __attribute__((alias("__wrap_fcntl")));
+int __real_ioctl(int, unsigned long, ...);
 int __wrap_ioctl(int fd, unsigned long request, ...) {
     constexpr unsigned long GET_VOLUME_ID = _IOR('r', 0x13, uint32_t);  // FAT's
-    va_list arguments;
-    va_start(arguments, request);
-    void* const argument = va_arg(arguments, void*);
-    va_end(arguments);
+    PASSED_ON(void*, request);
     return make({.call = "ioctl", .fd = fd}, -1, [=] {
         if (request == GET_VOLUME_ID && volume != 0) {
             *static_cast<uint32_t*>(argument) = volume;
@@ -422,49 +339,23 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
         return __real_ioctl(fd, request, argument);
     });
 }
-void* __wrap_mmap(void* address, size_t size, int protection, int flags, int fd, off_t offset) {
-    return make({.call = "mmap", .fd = fd, .flags = flags, .size = size, .offset = offset}, MAP_FAILED,
-                [=] { return REAL_WIDE(mmap)(address, size, protection, flags, fd, offset); });
-}
-int __wrap_munmap(void* address, size_t size) {
-    return make({.call = "munmap", .data = address, .size = size}, -1, [=] { return __real_munmap(address, size); });
-}
-int __wrap_madvise(void* address, size_t size, int advice) {
-    return make({.call = "madvise", .flags = advice, .data = address, .size = size}, -1,
-                [=] { return __real_madvise(address, size, advice); });
-}
-int __wrap_eventfd(unsigned value, int flags) {
-    return make({.call = "eventfd", .flags = flags}, -1, [=] { return __real_eventfd(value, flags); });
-}
-// Says by its result why it has failed.
+int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*), void* context) {
     const int result =
         make({.call = "pthread_create"}, -1, [=] { return __real_pthread_create(thread, attributes, body, context); });
-    return result < 0 ? errno : result;
+    return result < 0 ? errno : result;  // it says by its result why it has failed
 }
-void* __wrap_malloc(size_t size) {
-    return make({.call = "malloc", .size = size}, static_cast<void*>(nullptr), [=] { return __real_malloc(size); });
-}
-void* __wrap_realloc(void* memory, size_t size) {
-    return make({.call = "realloc", .data = memory, .size = size}, static_cast<void*>(nullptr),
-                [=] { return __real_realloc(memory, size); });
-}
-void* __wrap_calloc(size_t number, size_t size) {
-    return make({.call = "calloc", .size = number * size}, static_cast<void*>(nullptr),
-                [=] { return __real_calloc(number, size); });
-}
+time_t __real_time(time_t*);
 time_t __wrap_time(time_t* out) {
     return make({.call = "time"}, time_t{-1}, [=] {
-        if (!has_time) {
-            return __real_time(out);
-        }
-        const auto now = static_cast<time_t>(the_time.load());
+        const time_t now = has_time ? static_cast<time_t>(the_time.load()) : __real_time(nullptr);
         if (out != nullptr) {
             *out = now;
         }
         return now;
     });
 }
+int __real_clock_gettime(clockid_t, struct timespec*);
 int __wrap_clock_gettime(clockid_t clock, struct timespec* now) {
     return make({.call = "clock_gettime", .flags = clock}, -1, [=] {
         const int result = __real_clock_gettime(clock, now);
@@ -473,9 +364,6 @@ int __wrap_clock_gettime(clockid_t clock, struct timespec* now) {
         }
         return result;
     });
-}
-int __wrap_poll(struct pollfd* fds, nfds_t count, int timeout_ms) {
-    return make({.call = "poll", .flags = timeout_ms}, -1, [=] { return __real_poll(fds, count, timeout_ms); });
 }
 
 }  // extern "C"
