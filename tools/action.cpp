@@ -64,18 +64,23 @@ int send(exchange* talk, asking* ask, const char* name, const char* text) {
     request.correlation_length = strlen(ask->correlation);
     bool heard = false;
     code = exchange_publish(talk, &request, &heard);
-    if (code == VESKCTL_NO_SERVICE) {
-        return VESKCTL_UNKNOWN;
-    }
     if (code == VESKCTL_DONE && !heard) {
         fputs("veskctl: vesk_sdcard is not running\n", stderr);
         return VESKCTL_NO_SERVICE;
     }
-    if (code == VESKCTL_DONE && !exchange_wait(talk, &ask->answered, REPLY_S)) {
-        fputs("veskctl: vesk_sdcard was asked, and did not answer\n", stderr);
-        return VESKCTL_UNKNOWN;
+    if (code != VESKCTL_DONE && code != VESKCTL_UNKNOWN) {
+        return code;
     }
-    return code;
+    if (code == VESKCTL_DONE && exchange_wait(talk, &ask->answered, REPLY_S)) {
+        return VESKCTL_DONE;
+    }
+    // A service that ends may have said before that it has the request, or not: what is left of either is the same.
+    if (code == VESKCTL_UNKNOWN || talk->error != 0) {
+        fprintf(stderr, "veskctl: %s before vesk_sdcard answered\n", exchange_fate(*talk));
+    } else {
+        fputs("veskctl: vesk_sdcard was asked, and did not answer\n", stderr);
+    }
+    return VESKCTL_UNKNOWN;
 }
 
 const char* result_words(int result) {

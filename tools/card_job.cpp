@@ -229,22 +229,22 @@ int request(following* follow, bool wait, double wait_s, void (*prepare)(void*),
     start.length = 5;
     // Not kept by the service: it is a request, not a setting.
     code = exchange_publish(&follow->talk, &start, nullptr);
-    if (code == VESKCTL_NO_SERVICE) {
-        return finish(follow, VESKCTL_UNKNOWN, "the service went silent while it was asked");
-    }
     if (code != VESKCTL_DONE) {
-        return finish(follow, code, "");
+        return finish(follow, code, code == VESKCTL_UNKNOWN ? exchange_fate(follow->talk) : "");
     }
     wait_while(
         follow, [](const following& f) { return !f.answered && !f.begun; }, wait_s < ANSWER_S ? wait_s : ANSWER_S,
         false);
-    if (!follow->answered && !follow->begun) {
-        return finish(follow, VESKCTL_NO_SERVICE, "vesk_sdcard did not answer the request");
+    if (follow->answered) {
+        wait_while(
+            follow, [](const following& f) { return !f.begun; }, BEGIN_S, false);
     }
-    wait_while(
-        follow, [](const following& f) { return !f.begun; }, BEGIN_S, false);
+    if (!follow->begun && follow->talk.error != 0) {
+        return finish(follow, VESKCTL_UNKNOWN, exchange_fate(follow->talk));
+    }
     if (!follow->begun) {
-        return finish(follow, VESKCTL_REFUSED, "vesk_sdcard did not begin it; its log says why");
+        return follow->answered ? finish(follow, VESKCTL_REFUSED, "vesk_sdcard did not begin it; its log says why")
+                                : finish(follow, VESKCTL_NO_SERVICE, "vesk_sdcard did not answer the request");
     }
     if (!wait) {
         return finish(follow, VESKCTL_DONE, "begun", "");
@@ -253,9 +253,8 @@ int request(following* follow, bool wait, double wait_s, void (*prepare)(void*),
     wait_while(
         follow, [](const following& f) { return !f.ended; }, left_s, true);
     if (!follow->ended) {
-        return finish(
-            follow, VESKCTL_UNKNOWN,
-            follow->talk.error != 0 ? "the configuration service went away" : "not ended in the time allowed");
+        return finish(follow, VESKCTL_UNKNOWN,
+                      follow->talk.error != 0 ? exchange_fate(follow->talk) : "not ended in the time allowed");
     }
     char detail[DETAIL] = "";
     code = verdict(follow->ended_state, detail, sizeof detail, context);

@@ -60,20 +60,27 @@ int no_answer(const exchange* talk) {
     return veskctl_no_service();
 }
 
-// Waits for the answer to a request, whose topic is for the message.
-int wait_answer(exchange* talk, uint32_t request, const char* topic) {
+// Waits for the answer to a request; false: none came.
+bool has_answer(exchange* talk, uint32_t request) {
     const double end = exchange_clock_s() + VESKCTL_PATIENCE_S;
-    while (request != 0 && talk->request != request && talk->error == 0 && exchange_clock_s() < end) {
+    while (talk->request != request && talk->error == 0 && exchange_clock_s() < end) {
         run_for(end - exchange_clock_s());
     }
-    if (request == 0 || talk->request != request) {
-        return no_answer(talk);
-    }
-    if (talk->reason >= REFUSED) {
+    return talk->request == request;
+}
+
+// What the last answer says. The topic is for the message.
+int judge_answer(const exchange& talk, const char* topic) {
+    if (talk.reason >= REFUSED) {
         fprintf(stderr, "veskctl: the configuration service does not allow this account %s\n", topic);
         return VESKCTL_REFUSED;
     }
     return VESKCTL_DONE;
+}
+
+// For requests that change nothing: without an answer it is as if they had not been made.
+int wait_answer(exchange* talk, uint32_t request, const char* topic) {
+    return request != 0 && has_answer(talk, request) ? judge_answer(*talk, topic) : no_answer(talk);
 }
 
 }  // namespace
@@ -117,7 +124,11 @@ int exchange_settle(exchange* talk) {
 }
 
 int exchange_publish(exchange* talk, const bus_message* message, bool* heard) {
-    const int code = wait_answer(talk, bus_publish(talk->session, message, 1), message->topic);
+    const uint32_t request = bus_publish(talk->session, message, 1);
+    if (request == 0) {
+        return no_answer(talk);
+    }
+    const int code = has_answer(talk, request) ? judge_answer(*talk, message->topic) : VESKCTL_UNKNOWN;
     if (heard != nullptr) {
         *heard = code == VESKCTL_DONE && talk->reason != NO_SUBSCRIBERS;
     }
@@ -130,4 +141,8 @@ bool exchange_wait(exchange* talk, const bool* done, double seconds) {
         run_for(end - exchange_clock_s());
     }
     return *done;
+}
+
+const char* exchange_fate(const exchange& talk) {
+    return talk.error != 0 ? "the configuration service went away" : "the configuration service went silent";
 }

@@ -27,10 +27,15 @@ int exchange_subscribe(exchange* talk, const char* filter, bus_retained retained
 int exchange_settle(exchange* talk);
 
 // Sends one message and waits until the service has it. heard (null: no matter) tells whether anybody listens to it.
+// VESKCTL_UNKNOWN, without a message: it was sent, but whether it arrived cannot be known; exchange_fate says why.
 int exchange_publish(exchange* talk, const bus_message* message, bool* heard);
 
 // Waits until *done, which on_message sets, or the session is lost, or the time has passed. *done.
 bool exchange_wait(exchange* talk, const bool* done, double seconds);
+
+// What has become of a service that owes an answer: "the configuration service went away" when the session is lost,
+// whatever was still said before, else "... went silent".
+const char* exchange_fate(const exchange& talk);
 
 // Seconds on a clock that nobody sets.
 double exchange_clock_s();

@@ -5,6 +5,7 @@ from __future__ import annotations
 import json
 import os
 import pty
+import re
 import select
 import signal
 import socket
@@ -20,6 +21,7 @@ import pytest
 BIN = Path(os.environ["VESK_BIN"])
 EMULATOR = os.environ.get("VESK_EMULATOR", "").split()
 LIMIT_S = 60  # no run of a tool takes longer
+PUBACK = re.compile(rb"\x40[\x02\x03]\0")  # the broker's answer to a publication whose number is below 256
 MORTAL = ["setpriv", "--pdeathsig", "KILL"]  # what stays in the background ends with the tests, however they end
 
 
@@ -93,6 +95,57 @@ class Broker:
                         *(["-r"] if keep else [])], input=data, check=True, timeout=LIMIT_S)
 
 
+class Relay:
+    """A service in front of the broker's that fails one client at one request.
+
+    text: part of the request. then: "lost" ends the session in the request's place, "lost after the answer" once the
+    broker has acknowledged it, "silent" keeps the session and says no more.
+    """
+
+    def __init__(self, broker: Broker, folder: Path, text: bytes, then: str) -> None:
+        self._broker = broker
+        self._text = text
+        self._then = then
+        self._socket = socket.socket(socket.AF_UNIX)
+        self._socket.bind(str(folder / "relay"))
+        self._socket.listen()
+        self.address = f"unix:{folder / 'relay'}"
+        self._thread = threading.Thread(target=self._serve, daemon=True)
+        self._thread.start()
+
+    def _serve(self) -> None:
+        while True:
+            try:
+                client, _ = self._socket.accept()  # a client may begin with a connection that only looks whether it can
+            except OSError:
+                return
+            with client, socket.socket(socket.AF_UNIX) as broker:
+                broker.connect(str(self._broker.socket))
+                self._pass_on(client, broker)
+
+    def _pass_on(self, client: socket.socket, broker: socket.socket) -> None:
+        asked = False
+        while ready := select.select([client, broker], [], [], LIMIT_S)[0]:
+            data = ready[0].recv(65536)
+            if not data:
+                return
+            if ready[0] is broker:
+                client.sendall(data)
+                if asked and PUBACK.search(data):
+                    return
+                continue
+            asked = asked or self._text in data
+            if asked and self._then == "lost":
+                return
+            if not asked or self._then != "silent":
+                broker.sendall(data)
+
+    def end(self) -> None:
+        self._socket.shutdown(socket.SHUT_RDWR)
+        self._thread.join(10)
+        self._socket.close()
+
+
 class Listener:
     """Notes every message of the broker, as a plain client sees it."""
 
@@ -126,6 +179,19 @@ def broker(tmp_path_factory: pytest.TempPathFactory) -> Iterator[Broker]:
     it = Broker(tmp_path_factory.mktemp("broker"))
     yield it
     it.end()
+
+
+@pytest.fixture
+def relay(broker: Broker, tmp_path_factory: pytest.TempPathFactory) -> Iterator[Callable[[bytes, str], Relay]]:
+    """Puts a failing service before the broker, with Relay's arguments behind the folder."""
+    made: list[Relay] = []
+
+    def make(text: bytes, then: str) -> Relay:
+        made.append(Relay(broker, tmp_path_factory.mktemp("relay"), text, then))
+        return made[-1]
+    yield make
+    for it in made:
+        it.end()
 
 
 @pytest.fixture

@@ -193,6 +193,18 @@ def test_service_that_goes_away(tmp_path: Path) -> None:
     it.end()
 
 
+@pytest.mark.parametrize("then, fate", [("lost", "went away"), ("lost after the answer", "went away"), ("silent", "went silent")])
+@pytest.mark.parametrize("arguments, key", [(["format", "--yes"], FORMAT), (["eject", "--wait"], EJECT)])
+def test_service_that_fails_with_the_request(broker: Broker, daemon, relay, arguments: list[str], key: str, then: str,
+                                             fate: str) -> None:
+    """Whether the request reached the daemon cannot be known then: not "nothing has changed"."""
+    daemon(jobs={key: []})
+    text = f"{key}\0".encode()  # a publication: its number, below 256, follows the topic, and options that are not 0 in a subscription
+    done = run("veskctl", "--bus", relay(text, then).address, *arguments)
+    assert (done.returncode, done.stderr) == (7, "")
+    assert done.stdout == f"{arguments[0]}: outcome unknown, the configuration service {fate}\n"
+
+
 def test_account_that_may_not(tmp_path: Path) -> None:
     """An account that may look but not ask is told so, and nothing is asked."""
     broker = Broker(tmp_path, "acl_file {folder}/acl\n", {"acl": "topic read karvel/mem/#\ntopic read vesk/+/status\n"

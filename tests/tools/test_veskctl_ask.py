@@ -7,7 +7,7 @@ import subprocess
 from pathlib import Path
 
 import pytest
-from conftest import Broker, StandIn, make_list, on_terminal, run
+from conftest import Broker, make_list, on_terminal, run
 
 START = 1795226400  # 2026-11-21T02:00:00Z
 FIGURES = '{"code": 0, "result": [130023424, 66060288, 62914560, 0]}'
@@ -66,14 +66,13 @@ def test_nobody_answers(broker: Broker) -> None:
     assert (done.returncode, done.stdout, done.stderr) == (3, "", "veskctl: vesk_sdcard is not running\n")
 
 
-def test_service_that_goes_away_with_the_question(tmp_path: Path) -> None:
-    broker = Broker(tmp_path)
-    it = StandIn(broker, actions={"deleteVideo": None})
-    it._answer = lambda *_: broker.end()  # type: ignore[method-assign]
-    done = ask(broker, "delete", "--yes", "1")
+@pytest.mark.parametrize("then, fate", [("lost", "went away"), ("lost after the answer", "went away"), ("silent", "went silent")])
+def test_service_that_fails_with_the_question(broker: Broker, daemon, relay, then: str, fate: str) -> None:
+    """A service that is gone is gone, whether it still said that it has the question or not."""
+    daemon(actions={"deleteVideo": None})
+    done = run("veskctl", "--bus", relay(b"action/deleteVideo", then).address, "delete", "--yes", "1")
     assert (done.returncode, done.stdout) == (7, "")
-    assert done.stderr == "veskctl: vesk_sdcard was asked, and did not answer\n"
-    it.end()
+    assert done.stderr == f"veskctl: the configuration service {fate} before vesk_sdcard answered\n"
 
 
 # --- storage ----------------------------------------------------------------------------------------------------------
