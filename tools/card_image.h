@@ -15,8 +15,7 @@ struct card_image {
 };
 
 // The names of the list and of lists that were set aside.
-constexpr const char* CARD_LISTS[] = {"KYT.LST",    "KYT_B.LST",    "KYT_BAD0.LST",
-                                      "KYT_BAD1.LST", "KYT_BAD2.LST", "KYT_BAD3.LST"};
+constexpr const char* CARD_LISTS[] = {"KYT.LST", "KYT_BAD0.LST", "KYT_BAD1.LST", "KYT_BAD2.LST", "KYT_BAD3.LST"};
 constexpr size_t CARD_LIST_COUNT = sizeof CARD_LISTS / sizeof *CARD_LISTS;
 
 // Opens a recordings folder, the folder that holds one, or an image file. The copy of an image has the lists, and empty

@@ -4,10 +4,12 @@
 #include <cstring>
 #include <getopt.h>
 #include <json-c/json.h>
+#include <poll.h>
 
 #include "kyt_rdonly.h"
 #include "tools/card_image.h"
 #include "tools/clip_text.h"
+#include "tools/exchange.h"
 #include "tools/veskctl.h"
 
 namespace {
@@ -21,6 +23,9 @@ struct problem {
 };
 
 constexpr size_t PROBLEM_COUNT = 12;
+
+constexpr double FREE_S = 3;  // how long a list in use is waited for
+constexpr int LOOK_MS = 50;   // between two tries
 
 bool of_other_card(const kyt_health& health) {
     return health.card != 0 && health.volume != 0 && health.card != health.volume;
@@ -88,6 +93,11 @@ int failed(const char* path) {
     return error == ENOENT ? VESKCTL_NO_CARD : VESKCTL_FAILED;
 }
 
+int no_index(const char* path) {
+    fprintf(stderr, "veskctl: %s: no clip index there\n", path);
+    return VESKCTL_NO_CARD;
+}
+
 int check(const veskctl_options& options, const char* path, card_image* image) {
     const int code = card_image_open(path, true, image);
     if (code != VESKCTL_DONE) {
@@ -96,6 +106,9 @@ int check(const veskctl_options& options, const char* path, card_image* image) {
     kyt_health health = {};
     if (kyt_check(image->folder, &health) != 0) {
         return failed(path);
+    }
+    if (health.list[0] == '\0' && health.clips == 0 && !health.header_damaged && !health.other_version) {
+        return no_index(path);  // and nothing that one could be made of
     }
     if (image->is_image) {
         health.volume = image->volume;
@@ -110,10 +123,30 @@ int check(const veskctl_options& options, const char* path, card_image* image) {
     return in_order ? VESKCTL_DONE : VESKCTL_BAD_LIST;
 }
 
+// A program that was killed, or whose card was pulled, may keep the list for a moment longer.
+bool repair_when_free(const char* folder) {
+    const double end = exchange_clock_s() + FREE_S;
+    bool done = kyt_repair(folder) == 0;
+    while (!done && errno == EBUSY && exchange_clock_s() < end) {
+        poll(nullptr, 0, LOOK_MS);
+        done = kyt_repair(folder) == 0;
+    }
+    return done;
+}
+
 int repair(const char* path, card_image* image) {
     int code = card_image_open(path, true, image);
-    if (code == VESKCTL_DONE && kyt_repair(image->folder) != 0) {
-        code = failed(path);
+    if (code == VESKCTL_DONE && !repair_when_free(image->folder)) {
+        if (errno == EBUSY) {
+            fprintf(
+                stderr,
+                "veskctl: %s: the clip index is in use, and nothing was changed; eject the card or stop vesk_sdcard "
+                "first\n",
+                path);
+            code = VESKCTL_REFUSED;
+        } else {
+            code = failed(path);
+        }
     }
     return code == VESKCTL_DONE && image->is_image ? card_image_write_back(image) : code;
 }
@@ -125,10 +158,7 @@ int export_list(bool json, const char* path, card_image* image) {
     }
     kyt_handle* const list = veskctl_open_list(image->folder, &code);
     if (list == nullptr) {
-        if (code == VESKCTL_NO_CARD) {
-            fprintf(stderr, "veskctl: %s: no clip index there\n", path);
-        }
-        return code;
+        return code == VESKCTL_NO_CARD ? no_index(path) : code;
     }
     fputs(json ? "[" : "ts,time,seconds,persistent,path\n", stdout);
     const char* between = "\n";

@@ -1,17 +1,23 @@
 // veskctl save and delete: what the daemon does with single clips. It answers alike whether a clip exists or not, so
-// where the clip index can be read, that is what tells what became of them.
+// where the clip index can be read, that is what tells what became of them. The daemon's index is in its memory: the
+// file on the card has a mark up to a second later, and more on a slow card.
 #include <cstdlib>
 #include <cstring>
 #include <getopt.h>
 #include <json-c/json.h>
+#include <poll.h>
 
 #include "kyt_rdonly.h"
 #include "tools/action.h"
+#include "tools/exchange.h"
 #include "tools/time_text.h"
 #include "tools/veskctl.h"
 #include "tools/volume.h"
 
 namespace {
+
+constexpr double LOOK_AGAIN_S = 2;  // for this long, until all clips are as they were asked to be
+constexpr int LOOK_MS = 100;        // between two looks
 
 struct order {
     const char* name;    // "save"
@@ -77,6 +83,17 @@ int64_t count_done(const order& asked, bool deleted) {
     return count;
 }
 
+// The same, after the time that the daemon takes to bring its changes to the card.
+int64_t wait_done(const order& asked, bool deleted) {
+    const double end = exchange_clock_s() + LOOK_AGAIN_S;
+    int64_t count = count_done(asked, deleted);
+    while (count >= 0 && count < asked.count && exchange_clock_s() < end) {
+        poll(nullptr, 0, LOOK_MS);
+        count = count_done(asked, deleted);
+    }
+    return count;
+}
+
 json_object* parameters(const order& asked) {
     json_object* array = json_object_new_array();
     for (uint32_t i = 0; i < asked.count; ++i) {
@@ -122,7 +139,7 @@ int carry_out(const veskctl_options& options, order* asked, bool deleted, bool y
     if (result != 0) {
         return action_refused(result);
     }
-    const int64_t done = count_done(*asked, deleted);
+    const int64_t done = wait_done(*asked, deleted);
     print(options, *asked, done);
     return unknown > 0 || (done >= 0 && done < asked->count) ? VESKCTL_FAILED : VESKCTL_DONE;
 }

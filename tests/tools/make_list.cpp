@@ -1,5 +1,6 @@
 // Makes or repairs the clip index of any folder with the real library, for tests of what reads it.
-// make_list FOLDER [ANNOUNCEMENT...]: the clips in the folder and the announced ones.
+// make_list [--hold] FOLDER [ANNOUNCEMENT...]: the clips in the folder and the announced ones. --hold: says "open" and
+// keeps the list open until the end of standard input.
 #include <cstdio>
 #include <cstring>
 
@@ -7,6 +8,11 @@
 #include "kyt.h"
 
 int main(int argc, char** argv) {
+    const bool hold = argc > 1 && strcmp(argv[1], "--hold") == 0;
+    if (hold) {
+        ++argv;
+        --argc;
+    }
     if (argc < 2) {
         return 2;
     }
@@ -21,6 +27,12 @@ int main(int argc, char** argv) {
         if (kyt_record_parse(&record, argv[i], strlen(argv[i])) != 0 || kyt_write(list, &record) != 0) {
             perror(argv[i]);
             result = 1;
+        }
+    }
+    if (hold) {
+        puts("open");
+        fflush(stdout);
+        while (getchar() != EOF) {
         }
     }
     kyt_close(list);

@@ -13,7 +13,7 @@ from collections.abc import Callable
 from pathlib import Path
 
 import pytest
-from conftest import command, environment, make_list, read_line, run
+from conftest import MORTAL, command, environment, make_list, read_line, run
 
 START = 1795226400  # 2026-11-21T02:00:00Z
 FOLDER = "ZOLTA_RECORD_VIDEO"
@@ -153,6 +153,49 @@ def test_check_without_a_list(folder: Path) -> None:
     (folder / LIST).unlink()
     code, seen = checked(folder)
     assert (code, seen["no_list"], seen["list"], seen["clips_not_listed"]) == (5, True, None, CLIPS)
+
+
+def holder_of(folder: Path) -> subprocess.Popen[bytes]:
+    """A program that uses the list, as the daemon does, until its standard input ends."""
+    holder = subprocess.Popen([*MORTAL, *command("make_list", "--hold", folder)], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+    assert read_line(holder.stdout) == "open\n"
+    return holder
+
+
+def test_repair_of_a_list_in_use_is_refused(folder: Path) -> None:
+    holder = holder_of(folder)
+    try:
+        before = (folder / LIST).read_bytes()
+        done = run("veskctl", "index", "repair", folder)
+        assert (done.returncode, done.stdout) == (6, "")
+        assert done.stderr == (f"veskctl: {folder}: the clip index is in use, and nothing was changed; eject the card or "
+                               "stop vesk_sdcard first\n")
+        assert (folder / LIST).read_bytes() == before
+        assert run("veskctl", "index", "check", folder).stdout.startswith(f"list      {LIST}, not closed: in use")
+    finally:
+        holder.communicate(timeout=20)
+    assert holder.returncode == 0
+    assert run("veskctl", "index", "repair", folder).returncode == 0
+
+
+def test_repair_waits_for_a_program_that_is_ending(folder: Path) -> None:
+    holder = holder_of(folder)
+    repair = subprocess.Popen(command("veskctl", "index", "repair", folder), env=environment(), stderr=subprocess.PIPE, text=True)
+    with pytest.raises(subprocess.TimeoutExpired):
+        repair.wait(0.5)  # it waits
+    holder.communicate(timeout=20)
+    assert repair.communicate(timeout=20)[1] is not None and repair.returncode == 0
+
+
+@pytest.mark.parametrize("place", PLACES)
+@pytest.mark.parametrize("what", ["check", "export"])
+def test_of_a_folder_without_recordings(tmp_path: Path, place: Place, what: str) -> None:
+    empty = tmp_path / "card" / FOLDER
+    empty.mkdir(parents=True)
+    where = place(empty)
+    done = run("veskctl", "index", what, where)
+    assert (done.returncode, done.stdout) == (4, "")
+    assert done.stderr.startswith(f"veskctl: {where}: no clip index there\n") or place in (in_image, in_partition)
 
 
 @pytest.mark.parametrize("place", [in_folder, in_partition])

@@ -10,6 +10,7 @@ import json
 import shlex
 import struct
 import subprocess
+import time
 from pathlib import Path
 
 import pytest
@@ -172,6 +173,29 @@ def test_save_and_delete_look_into_the_index(broker: Broker, daemon, card: Path)
     assert (done.returncode, done.stdout) == (0, "save: 1 of 1 clips protected\n")
     done = ctl(broker, with_clips(card), "--json", "delete", "--yes", START)
     assert done.returncode == 1 and json.loads(done.stdout) == {"request": "delete", "clips": 1, "deleted": 0}
+
+
+def mark(card: Path, clip: int) -> None:
+    """As the daemon brings a mark to the card: one byte of the clip's record."""
+    with (card / "KYT.LST").open("r+b") as file:
+        file.seek(4096 + 8 * clip + 6)
+        file.write(b"\1")
+
+
+def test_save_waits_for_the_mark_on_the_card(broker: Broker, daemon, card: Path) -> None:
+    """The daemon answers when its memory has the mark; the card has it up to a second later."""
+    make_list(card, f"{START},10", f"{START + 60},10")
+    it = daemon(actions={"saveVideo": 0})
+    answer = it._answer
+
+    def answer_and_mark(*request: str) -> None:
+        answer(*request)
+        time.sleep(0.7)
+        mark(card, 0)
+        mark(card, 1)
+    it._answer = answer_and_mark
+    done = ctl(broker, with_clips(card), "save", START, START + 60)
+    assert (done.returncode, done.stdout, done.stderr) == (0, "save: 2 of 2 clips protected\n", "")
 
 
 def test_clips_that_the_index_does_not_know_are_not_asked_for(broker: Broker, daemon, card: Path) -> None:
