@@ -213,20 +213,7 @@ class Story:
             raise CameraError(f"{wanted} was expected, {seen} was seen")
 
     def wait(self, condition: Callable[[], object], what: str, deadline_s: float = PATIENCE_S) -> None:
-        """Polls until the condition holds. An answer that did not come is one to ask for again."""
-        last = ""
-
-        def holds() -> object:
-            nonlocal last
-            try:
-                return condition()
-            except (CameraError, OSError, TimeoutError, ValueError) as error:
-                last = f"; last: {error}"
-                return False
-        try:
-            wait_until(holds, deadline_s, what, 0.2)
-        except CameraError as error:
-            raise CameraError(f"{error}{last}") from None
+        wait_until(condition, deadline_s, what, 0.2)
 
     def wait_state(self, state: str) -> None:
         self.wait(lambda: self.camera.state() == state, f"the state {state}")

@@ -62,22 +62,28 @@ class Result:
         return self.out.decode(errors="replace").rstrip("\n")
 
 
+# What a look at the guest raises when there is nothing to see: the command failed, the connection broke, the text is no
+# number, the word is not there. A mistake in a condition itself raises something else, and ends the waiting.
+NO_ANSWER_YET = (CameraError, OSError, ValueError, LookupError)
+
+
 def wait_until(condition: Callable[[], Any], deadline_s: float, what: str, interval_s: float = 0.05) -> Any:
     """Polls until the condition is true and returns what it gave; GuestTimeout names `what` otherwise.
 
-    A condition that fails, such as a look at something that is just being made, is not true yet.
+    No answer yet is not true yet. A condition may look at something that is just being made or just going: a command
+    that fails or prints nothing of use, a heading without a line, a broker that is away.
     """
     end = time.monotonic() + deadline_s
     while True:
-        error = None
+        error: Exception | None = None
         try:
             value = condition()
             if value:
                 return value
-        except CameraError as failure:
+        except NO_ANSWER_YET as failure:
             error = failure
         if time.monotonic() > end:
-            raise GuestTimeout(f"not within {deadline_s} s: {what}") from error
+            raise GuestTimeout(f"not within {deadline_s} s: {what}{f'; last: {error!r}' if error else ''}") from error
         time.sleep(interval_s)
 
 
@@ -390,14 +396,12 @@ class Camera:
 
     def _wait_emulator(self, condition: Callable[[], Any], timeout: float, what: str) -> None:
         """wait_until that ends at once when the emulator does, and says why it did."""
-        def check() -> Any:
-            if not self.running:
-                raise CameraError(f"the emulator ended: {(self.workdir / 'qemu.log').read_text()}")
-            return condition()
         try:
-            wait_until(check, timeout, what)
+            wait_until(lambda: not self.running or condition(), timeout, what)
         except GuestTimeout as error:
             raise GuestTimeout(f"{error}; console: {self.console_path.read_text(errors='replace')[-2000:]}") from None
+        if not self.running:
+            raise CameraError(f"the emulator ended: {(self.workdir / 'qemu.log').read_text()}")
 
     def _forwarded_ports(self) -> dict[int, int]:
         """The host ports that the emulator chose, by guest port: asking for a free port in advance would race."""
