@@ -1,4 +1,5 @@
-// The bus-fault guard: surviving a card that is pulled while its mapped clip index is walked.
+// The bus-fault guard: surviving a card that is pulled while its clip index is walked, where the library that keeps the
+// index maps its file. Ours maps nothing; a device may bring one that does.
 #pragma once
 
 #include <atomic>

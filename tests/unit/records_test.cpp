@@ -267,6 +267,26 @@ TEST_F(records, opens_after_a_failure) {
     EXPECT_TRUE(ev_is_active(rig::get().rescan));
 }
 
+TEST_F(records, a_list_in_use_is_opened_at_a_later_look) {
+    // The thread of a list that was closed dirty may be waiting for the card still.
+    rig::get().open_errno = EBUSY;
+    const int descriptors = rig::open_descriptors();
+    for (int look = 0; look < 3; ++look) {
+        logged::reset();
+        record_dir_open();
+        EXPECT_EQ((strings{"info Open record msg...", "err Fail to open record list file: Device or resource busy"}),
+                  logged::lines());
+        expect_closed(descriptors);
+        announce("17");
+        EXPECT_TRUE(logged::has("warning The kyt is currently unusable, 17 lost!"));
+    }
+    rig::get().open_errno = 0;
+    open();
+    EXPECT_TRUE(ev_is_active(rig::get().rescan));
+    announce("18");
+    EXPECT_EQ(strings{"18"}, rig::live());
+}
+
 TEST_F(records, announcements_are_dropped_until_all_of_it_is_open) {
     PROMISE("a clip is announced during the first scan", "it is lost: the list counts as open only when all of it is");
     // The handle is stored last: what the scan meets must find the list closed still.
