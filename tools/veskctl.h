@@ -13,7 +13,7 @@ enum veskctl_exit {
     VESKCTL_NO_SERVICE = 3,  // the configuration service did not answer, or the daemon behind it
     VESKCTL_NO_CARD = 4,     // no card in service, or no recordings folder with a list
     VESKCTL_BAD_LIST = 5,    // there is a list, but none that can be read, or (index check) not one in order
-    VESKCTL_REFUSED = 6,     // by the daemon, the service, a person who was asked, or a list in use; nothing has changed
+    VESKCTL_REFUSED = 6,     // by the daemon, the service, a person, or as a list is in use; nothing has changed
     VESKCTL_UNKNOWN = 7,     // asked, and ended or not, but what became of it cannot be known
 };
 

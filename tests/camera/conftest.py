@@ -17,7 +17,7 @@ ROOT = Path(__file__).resolve().parent.parent.parent
 sys.path[:0] = [str(ROOT / "camera"), str(ROOT / "tests")]
 
 from cards import MIB, RECORD_DIR, make_card  # noqa: E402
-from jobs import install_probed, remove_probed, wait_daemon, wait_recordings  # noqa: E402
+from jobs import install_mapped, install_probed, restore_daemon, wait_daemon, wait_recordings  # noqa: E402
 from stand_ins import Tools  # noqa: E402
 from vcam import Camera, CameraError, GuestTimeout, wait_until  # noqa: E402
 
@@ -85,16 +85,27 @@ def tools(camera: Camera) -> Iterator[Tools]:
 
 
 @pytest.fixture(scope="module")
-def _probed_daemon(_shared_camera: Camera) -> Iterator[None]:
+def _other_daemon(_shared_camera: Camera) -> Iterator[None]:
     yield
     if _shared_camera.running:
-        remove_probed(_shared_camera)
+        restore_daemon(_shared_camera)
 
 
 @pytest.fixture
-def probed(camera: Camera, _probed_daemon: None) -> Camera:
+def probed(camera: Camera, _other_daemon: None) -> Camera:
     """The camera with a daemon that can be told to check the card, and asked for its job frame."""
     install_probed(camera)
+    return camera
+
+
+@pytest.fixture
+def mapped(camera: Camera, _other_daemon: None) -> Camera:
+    """The camera with a clip index that maps a file, and a daemon that has met no fault yet: after the first one the
+    signal stays blocked in it."""
+    install_mapped(camera)
+    pid = wait_daemon(camera)
+    camera.check(f"kill -9 {pid}")
+    wait_daemon(camera, pid)
     return camera
 
 

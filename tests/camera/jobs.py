@@ -10,7 +10,11 @@ import threading
 from stand_ins import HOLDER, STAND_INS
 from vcam import ROOT, Camera, CameraError, wait_until
 
+CLIP_INDEX = "/mnt/sdcard/ZOLTA_RECORD_VIDEO/KYT.LST"
 TRIES = 3  # of a format that was told about its partition too late
+MAPPED_LIBRARY = "/tmp/mapped_kyt.so"
+MAPPED_FILE = "/mnt/sdcard/ZOLTA_RECORD_VIDEO/mapped"
+ERRORS = "/tmp/vesk_sdcard.errors"
 KEYS = {"format": "spec_sdcard_format", "eject": "spec_sdcard_unmount"}
 ANSWER_S = 30  # the longest that a request waits; a mount or an unmount may be under way
 JOB_S = 60  # the longest that a job may take that is not held up: ten tries to unmount, and a loaded host
@@ -52,7 +56,7 @@ def finish_format(camera: Camera, mark: int) -> str:
         if camera.wait_log("closure: mkfs ", JOB_S, since).endswith("successful"):
             break
         assert re.search(r"cl_mkfs: Unexpected partition count: \d+\.", camera.log_since(since)), camera.log_since(mark)
-        wait_until(lambda: camera.state() != "formatting", 10, "the state behind the failed format")
+        wait_until(lambda: camera.state() not in (None, "formatting"), 10, "the state behind the failed format")
         since = request(camera, "format")
     wait_job(camera, "mkfs", "successful", since)
     camera.wait_state("normal")
@@ -67,7 +71,8 @@ def format_card(camera: Camera) -> str:
 
 def wait_recordings(camera: Camera) -> None:
     """Waits until the clip index is open: the state is published before, and a clip announced in between is lost."""
-    wait_until(lambda: camera.run("grep -q KYT_ /proc/$(pidof vesk_sdcard)/maps").code == 0, 20, "the open clip index")
+    wait_until(lambda: camera.run(f"ls -l /proc/$(pidof vesk_sdcard)/fd | grep -q ' -> {CLIP_INDEX}$'").code == 0, 20,
+               "the open clip index")
 
 
 def eject_card(camera: Camera) -> None:
@@ -149,7 +154,18 @@ def install_probed(camera: Camera) -> None:
     restart_daemon(camera)
 
 
-def remove_probed(camera: Camera) -> None:
+def install_mapped(camera: Camera) -> None:
+    """The daemon with a clip index that maps MAPPED_FILE of the card, its standard error in ERRORS."""
+    if camera.run(f"grep -q {MAPPED_LIBRARY} /proc/$(pidof vesk_sdcard)/environ").code == 0:
+        return
+    script = f'#!/bin/sh\nexport LD_PRELOAD={MAPPED_LIBRARY}\nexec /usr/sbin/vesk_sdcard "$@" 2>>{ERRORS}\n'
+    camera.put_file(MAPPED_LIBRARY, (ROOT / "build/mipsel/bin/mapped_kyt.so").read_bytes())
+    camera.put_file(f"{STAND_INS}/vesk_sdcard", script.encode())
+    camera.check(f"chmod 755 {STAND_INS}/vesk_sdcard")
+    restart_daemon(camera)
+
+
+def restore_daemon(camera: Camera) -> None:
     try:
         camera.check(f"rm -f {STAND_INS}/vesk_sdcard && /etc/init.d/S60vesk_sdcard restart >/dev/ttyS1 2>&1")
     except (CameraError, OSError):

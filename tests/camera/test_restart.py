@@ -5,10 +5,10 @@ from pathlib import Path
 
 import pytest
 
-from cards import MIB
+from cards import MIB, RECORD_DIR
 from conftest import insert_normal, record, wait_clips, wait_daemon, wait_recordings
 from promise import promise, promises
-from vcam import Camera
+from vcam import ROOT, Camera, wait_until
 
 promises("main")
 
@@ -38,6 +38,31 @@ def test_a_daemon_killed_while_recording_loses_no_clip(camera: Camera, card: Mak
     wait_daemon(camera, pid)
     wait_recordings(camera)
     times += record(camera, 3, start=times[-1] + 10)
+    wait_clips(camera, times)
+
+
+def test_a_list_in_use_is_opened_when_it_is_free(camera: Camera, card: MakeCard) -> None:
+    """Another program has the list locked, as the thread of a list that was left dirty does, and is killed."""
+    insert_normal(camera, card("fat"))
+    times = record(camera, 3)
+    camera.check("/etc/init.d/S60vesk_sdcard stop")
+    camera.put_file("/tmp/make_list", (ROOT / "build/mipsel/bin/make_list").read_bytes())
+    folder = f"/mnt/sdcard/{RECORD_DIR}"
+    holder = camera.spawn(f"chmod 755 /tmp/make_list; sleep 300 | exec /tmp/make_list --hold {folder}", "/tmp/make_list.out")
+    try:
+        wait_until(lambda: camera.check("cat /tmp/make_list.out") == "open", 20, "the list in use")
+        refused = camera.run(f"veskctl index repair {folder}")
+        assert refused.code == 6 and b"the clip index is in use" in refused.err
+        mark = camera.log_mark()
+        camera.check("/etc/init.d/S60vesk_sdcard start >/dev/ttyS1 2>&1")
+        camera.wait_log("Fail to open record list file: ", 20, mark)
+        camera.wait_state("normal")
+        assert "Device or resource busy" in camera.log_since(mark)
+        camera.check("killall -9 make_list")
+        camera.wait_log("The record msg load successfully", 20, mark)
+    finally:
+        camera.run(f"kill -9 -{holder}")
+    times += record(camera, 2, start=times[-1] + 10)
     wait_clips(camera, times)
 
 
