@@ -43,6 +43,9 @@ def test_a_daemon_killed_while_recording_loses_no_clip(camera: Camera, card: Mak
 
 def test_a_list_in_use_is_opened_when_it_is_free(camera: Camera, card: MakeCard) -> None:
     """Another program has the list locked, as the thread of a list that was left dirty does, and is killed."""
+    promises("records", "Opening and closing the folder")
+    promise("the list is in use for a while yet",
+            '"Fail to open record list file: Device or resource busy", everything closed; a later look at the mount opens it')
     insert_normal(camera, card("fat"))
     times = record(camera, 3)
     camera.check("/etc/init.d/S60vesk_sdcard stop")

@@ -268,6 +268,9 @@ TEST_F(records, opens_after_a_failure) {
 }
 
 TEST_F(records, a_list_in_use_is_opened_at_a_later_look) {
+    PROMISE("the list is in use for a while yet",
+            "\"Fail to open record list file: Device or resource busy\", everything closed; a later look at the mount "
+            "opens it");
     // The thread of a list that was closed dirty may be waiting for the card still.
     rig::get().open_errno = EBUSY;
     const int descriptors = rig::open_descriptors();
