@@ -49,6 +49,13 @@ def ctl(broker: Broker, prepare: str, *arguments: object) -> subprocess.Complete
     return in_namespace(prepare + "\n" + shlex.join(command("veskctl", "--bus", broker.address, *arguments)))
 
 
+def ctl_when(broker: Broker, prepare: str, text: str, *arguments: object) -> subprocess.CompletedProcess[str]:
+    """The first answer that has the text, or the last one: what `prepare` has started takes its time."""
+    ask = shlex.join(command("veskctl", "--bus", broker.address, *arguments))
+    wait = f"tries=0\nuntil {ask} 2>&1 | grep -qF {shlex.quote(text)} || [ $tries = 100 ]; do sleep 0.1; tries=$((tries + 1)); done"
+    return in_namespace(f"{prepare}\n{wait}\n{ask}")
+
+
 # --- format -----------------------------------------------------------------------------------------------------------
 
 
@@ -122,7 +129,7 @@ CARD = MOUNT.format(device="none")
     ("mkdir /mnt/sdcard/r; exec /usr/bin/python3 -c 'import os, time; os.chroot(\"/mnt/sdcard/r\"); time.sleep(60)'",
      "root", "/mnt/sdcard/r")])
 def test_busy(broker: Broker, hold: str, by: str, path: str) -> None:
-    done = ctl(broker, f"{CARD}\n({hold}) >/dev/null 2>&1 &\nsleep 1", "busy", "--json")
+    done = ctl_when(broker, f"{CARD}\n({hold}) >/dev/null 2>&1 &", f'"by":"{by}","path":"{path}"', "busy", "--json")
     assert (done.returncode, done.stderr) == (0, "")
     seen = json.loads(done.stdout)
     assert [one for one in seen if (one["by"], one["path"]) == (by, path)], seen
@@ -130,7 +137,7 @@ def test_busy(broker: Broker, hold: str, by: str, path: str) -> None:
 
 
 def test_busy_as_text(broker: Broker) -> None:
-    done = ctl(broker, f"{CARD}\nexec 5>/mnt/sdcard/held\nsleep 20 >/dev/null 2>&1 &\nexec 5>&-\nsleep 0.3", "busy")
+    done = ctl_when(broker, f"{CARD}\nexec 5>/mnt/sdcard/held\nsleep 20 >/dev/null 2>&1 &\nexec 5>&-", "  sleep  ", "busy")
     lines = done.stdout.splitlines()
     assert done.returncode == 0 and lines[0] == "process  command           by    path"
     assert len(lines) == 2 and lines[1].split()[1:] == ["sleep", "file", "/mnt/sdcard/held"]
@@ -139,8 +146,8 @@ def test_busy_as_text(broker: Broker) -> None:
 def test_busy_with_a_mapped_file(broker: Broker) -> None:
     mapping = ("import mmap, time\nfile = open(\"/mnt/sdcard/list\", \"r+b\")\nmapped = mmap.mmap(file.fileno(), 4096)\n"
                "file.close()\ntime.sleep(20)")
-    done = ctl(broker, f"{CARD}\nhead -c 4096 /dev/zero >/mnt/sdcard/list\n/usr/bin/python3 -c '{mapping}' >/dev/null 2>&1 &\n"
-               "sleep 1", "busy", "--json")
+    done = ctl_when(broker, f"{CARD}\nhead -c 4096 /dev/zero >/mnt/sdcard/list\n/usr/bin/python3 -c '{mapping}' >/dev/null 2>&1 &",
+                    '"by":"map"', "busy", "--json")
     assert ("map", "/mnt/sdcard/list") in {(one["by"], one["path"]) for one in json.loads(done.stdout)}
 
 
