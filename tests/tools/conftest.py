@@ -132,6 +132,10 @@ class Relay:
             if ready[0] is broker:
                 client.sendall(data)
                 if asked and PUBACK.search(data):
+                    # A close would reset the connection and may overtake the answer.
+                    client.shutdown(socket.SHUT_WR)
+                    while client.recv(65536):
+                        pass
                     return
                 continue
             asked = asked or self._text in data
