@@ -13,7 +13,6 @@ from __future__ import annotations
 
 import base64
 import json
-import os
 import secrets
 import shlex
 import socket

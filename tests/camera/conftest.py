@@ -147,13 +147,33 @@ def insert_normal(camera: Camera, card: Path) -> None:
     wait_recordings(camera)
 
 
+def insert_clips(camera: Camera, card: Path, count: int) -> list[int]:
+    """Inserts a card with so many clips and returns their times when they are in the index on it."""
+    insert_normal(camera, card)
+
+    def listed() -> list[int]:
+        found = clips(camera)
+        return found if len(found) == count else []
+    return list(wait_until(listed, 30, f"{count} clips in the index"))
+
+
 def wait_clips(camera: Camera, expected: list[int], deadline: float = 20) -> None:
-    """Waits until exactly these clips are in the index."""
+    """Waits until exactly these clips are in the index. The daemon has them in its memory, and answers; the index on the
+    card follows it."""
+    _wait_listed(lambda: clips(camera), expected, deadline)
+
+
+def wait_protected(camera: Camera, expected: list[int], deadline: float = 20) -> None:
+    """The same of the clips that are protected."""
+    _wait_listed(lambda: [clip["ts"] for clip in indexed(camera) if clip["persistent"]], expected, deadline)
+
+
+def _wait_listed(look: Callable[[], list[int]], expected: list[int], deadline: float) -> None:
     found: list[int] = []
 
     def as_expected() -> bool:
         nonlocal found
-        found = clips(camera)
+        found = look()
         return found == expected
     try:
         wait_until(as_expected, deadline, "the clips in the index")
@@ -172,9 +192,14 @@ def record(camera: Camera, count: int, size: str = "100k", start: int | None = N
     return times
 
 
+def indexed(camera: Camera) -> list[dict]:
+    """The clips in the index on the card."""
+    return list(json.loads(camera.check("veskctl clips --json")))
+
+
 def clips(camera: Camera) -> list[int]:
-    """Times of the clips in the index."""
-    return [clip["ts"] for clip in json.loads(camera.check("veskctl clips --json"))]
+    """Their times."""
+    return [clip["ts"] for clip in indexed(camera)]
 
 
 def files(camera: Camera) -> list[str]:

@@ -7,7 +7,7 @@ from pathlib import Path
 import pytest
 
 from cards import GIB, SECTOR, filesystem_offset
-from conftest import clips, insert_normal, record, wait_daemon
+from conftest import insert_clips, insert_normal, record, wait_clips, wait_daemon
 from jobs import check_card, eject_card, frame, hold, wait_job, wait_recordings
 from promise import promise, promises
 from stand_ins import Tools
@@ -33,10 +33,7 @@ def tear(card: Path) -> None:
 
 
 def test_a_sound_card_is_checked_and_back_in_service(probed: Camera, card: MakeCard, tools: Tools) -> None:
-    insert_normal(probed, card("clips", count=20))
-    wait_recordings(probed)
-    before = clips(probed)
-    assert len(before) == 20
+    before = insert_clips(probed, card("clips", count=20), 20)
     tools.stop_before("fsck.fat")
     mark = check_card(probed)
     tools.wait_stopped("fsck.fat")
@@ -51,7 +48,7 @@ def test_a_sound_card_is_checked_and_back_in_service(probed: Camera, card: MakeC
     assert frame(probed) == (OK, 0, 0)
     probed.wait_state("normal")
     wait_recordings(probed)
-    assert clips(probed) == before
+    wait_clips(probed, before)
     record(probed, 1)
 
 

@@ -6,7 +6,7 @@ from pathlib import Path
 import pytest
 
 from cards import RECORD_DIR, check_format, list_dir
-from conftest import clips, insert_normal, record
+from conftest import insert_clips, record, wait_clips
 from jobs import eject_card, format_card
 from promise import promise, promises
 from vcam import Camera, wait_until
@@ -42,8 +42,7 @@ def test_a_card_of_any_kind_becomes_the_camera_s_own(camera: Camera, card: MakeC
 
 
 def test_a_format_erases_and_tells_each_step(camera: Camera, card: MakeCard) -> None:
-    insert_normal(camera, card("clips", count=5))
-    wait_until(lambda: len(clips(camera)) == 5, 10, "the index")
+    insert_clips(camera, card("clips", count=5), 5)
     states: list[bytes] = []
     camera.subscribe("karvel/mem/default/sdcard_status",
                      lambda message: message.retained or states.append(message.payload))
@@ -55,5 +54,5 @@ def test_a_format_erases_and_tells_each_step(camera: Camera, card: MakeCard) -> 
     assert text.count("Umount successful") == 1
     wait_until(lambda: states[-1:] == [b"0"], 5, "the last of the states")
     assert states == [b"4", b"0"]
-    assert clips(camera) == []
+    wait_clips(camera, [])
     record(camera, 1)

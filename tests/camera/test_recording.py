@@ -5,7 +5,7 @@ from collections.abc import Callable
 from pathlib import Path
 
 from cards import MIB, RECORD_DIR, clip_path, filesystem_offset, list_dir, read_file
-from conftest import clips, files, insert_normal, record, wait_clips, wait_daemon
+from conftest import clips, files, insert_clips, insert_normal, record, wait_clips, wait_daemon
 from vcam import Camera, wait_until
 
 MakeCard = Callable[..., Path]
@@ -92,9 +92,7 @@ def test_clips_are_there_after_pull_and_return(camera: Camera, card: MakeCard) -
 
 
 def test_clips_on_a_card_without_an_index_are_found(camera: Camera, card: MakeCard) -> None:
-    insert_normal(camera, card("clips", 256 * MIB, count=500, video_bytes=20_000))
-    wait_until(lambda: len(clips(camera)) == 500, 20, "all clips in the index")
-    found = clips(camera)
+    found = insert_clips(camera, card("clips", 256 * MIB, count=500, video_bytes=20_000), 500)
     assert found == sorted(found)
 
 
@@ -148,8 +146,7 @@ def test_the_index_alone_has_what_was_indexed_two_seconds_before_a_power_cut(own
 
 
 def test_a_cold_start_with_thousands_of_clips_keeps_the_daemon_small(camera: Camera, card: MakeCard) -> None:
-    insert_normal(camera, card("clips", 512 * MIB, count=4000))
-    wait_until(lambda: len(clips(camera)) == 4000, 20, "all clips in the index")
+    insert_clips(camera, card("clips", 512 * MIB, count=4000), 4000)
     pid = wait_daemon(camera)
     anonymous = camera.check(f"awk '/^Pss_Anon/ {{ print $2 }}' /proc/{pid}/smaps_rollup")
     assert int(anonymous) < 2000
