@@ -14,6 +14,9 @@ from paho.mqtt.properties import Properties
 from paho.mqtt.subscribeoptions import SubscribeOptions
 
 
+ANSWER_S = 30  # a broker in a camera that is emulated on a busy machine answers when its turn comes
+
+
 @dataclass(frozen=True)
 class Message:
     topic: str
@@ -78,20 +81,20 @@ class Bus:
         self._client.disconnect()
         self._client.loop_stop()
 
-    def publish(self, topic: str, payload: str | bytes, retain: bool = False, timeout: float = 5) -> None:
+    def publish(self, topic: str, payload: str | bytes, retain: bool = False, timeout: float = ANSWER_S) -> None:
         """Publishes at QoS 1 and waits until the broker has taken it."""
         info = self._client.publish(topic, payload, qos=1, retain=retain)
         info.wait_for_publish(timeout)
         if not info.is_published():
             raise TimeoutError(f"the broker did not take a message to {topic}")
 
-    def subscribe(self, topic: str, handler: Callable[[Message], None], timeout: float = 5) -> None:
+    def subscribe(self, topic: str, handler: Callable[[Message], None], timeout: float = ANSWER_S) -> None:
         """Subscribes and waits for the confirmation. The handler runs on the connection's thread."""
         with self._lock:
             self._handlers.append((topic, handler))
         self._subscribe(topic, timeout)
 
-    def unsubscribe_all(self, timeout: float = 5) -> None:
+    def unsubscribe_all(self, timeout: float = ANSWER_S) -> None:
         """Forgets every subscription. A message comes once for each that matches: old ones would double new ones'."""
         with self._lock:
             topics = sorted(self._topics)
