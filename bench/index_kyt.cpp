@@ -1,10 +1,11 @@
-#include <cerrno>
+// The library under measurement, by its public calls.
+#include <charconv>
+#include <cstring>
 #include <poll.h>
 
 #include "handle.h"
 #include "keeper.h"
 #include "index_engine.h"
-#include "record.h"
 
 namespace {
 
@@ -12,15 +13,14 @@ kyt_handle* of(void* index) {
     return static_cast<kyt_handle*>(index);
 }
 
+// As the daemon gets it: an announcement, parsed and added.
 bool append(void* index, uint32_t ts) {
-    const kyt_record record = kyt::live_record(ts, 60, 0);
-    while (kyt_write(of(index), &record) < 0) {
-        if (errno != ENOSPC) {
-            return false;
-        }
-        poll(nullptr, 0, 1);  // a million a second: the keeper is still making room
-    }
-    return true;
+    char text[16];
+    char* const end = std::to_chars(text, text + sizeof text - 3, ts).ptr;
+    std::memcpy(end, ",60", 3);
+    kyt_record record = {};
+    return kyt_record_parse(&record, text, static_cast<size_t>(end + 3 - text)) == 0 &&
+           kyt_write(of(index), &record) == 0;
 }
 
 bool fill(const char* folder, const uint32_t* ts, uint32_t count) {
@@ -33,10 +33,9 @@ bool fill(const char* folder, const uint32_t* ts, uint32_t count) {
     return ok;
 }
 
-bool await_keeper(kyt_handle* list) {
+bool await_comparison(kyt_handle* list) {
     for (int wait = 0; wait < 60'000; ++wait) {
-        const kyt::phase at = list->keeper->at.load();
-        if (at == kyt::phase::DONE || at == kyt::phase::IDLE) {
+        if (!kyt::is_comparing(list)) {
             return true;
         }
         poll(nullptr, 0, 1);
@@ -44,10 +43,10 @@ bool await_keeper(kyt_handle* list) {
     return false;
 }
 
-// Tombstones go when a comparison has shown that their clips are gone: two rounds, and one to go over to the new file.
+// The slots of deleted clips are free when a comparison has not met their files and the next call has learnt of it.
 bool compact(void* index) {
-    for (int round = 0; round < 3; ++round) {
-        if (kyt_optimise(of(index)) < 0 || !await_keeper(of(index))) {
+    for (int round = 0; round < 2; ++round) {
+        if (kyt_optimise(of(index)) < 0 || !await_comparison(of(index))) {
             return false;
         }
     }
