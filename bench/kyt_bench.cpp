@@ -81,11 +81,9 @@ kyt_handle* open_list(const char* folder, const char* what, uint32_t clips) {
 }
 
 void forget_list(const char* folder) {
-    for (const char* name : {kyt::LIST_NAME}) {
-        char path[512];
-        std::snprintf(path, sizeof path, "%s/%s", folder, name);
-        unlink(path);
-    }
+    char path[512];
+    std::snprintf(path, sizeof path, "%s/%s", folder, kyt::LIST_NAME);
+    unlink(path);
 }
 
 void drop_caches() {
@@ -134,8 +132,8 @@ int main(int argc, char** argv) {
     }
     const char* const folder = argv[1];
     const auto clips = static_cast<uint32_t>(std::strtoul(argv[2], nullptr, 10));
-    if (clips == 0 || clips > kyt::MAX_RECORDS) {
-        std::fprintf(stderr, "kyt_bench: 1 to %u clips\n", kyt::MAX_RECORDS);
+    if (clips == 0 || clips > kyt::MAX_RECORDS / 2) {
+        std::fprintf(stderr, "kyt_bench: 1 to %u clips\n", kyt::MAX_RECORDS / 2);  // as many are added
         return 2;
     }
     const bool only_open = argc > 3;
@@ -150,7 +148,7 @@ int main(int argc, char** argv) {
     if (only_open) {
         return 0;
     }
-    list = open_list(folder, "open after an orderly end", clips);
+    list = open_list(folder, "open, cleanly closed", clips);
     kyt_close_dirty(list);
     list = open_list(folder, "open after a power cut (caches warm)", clips);
 
