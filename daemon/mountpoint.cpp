@@ -10,6 +10,8 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include "mmc.h"
@@ -34,6 +36,9 @@ constexpr size_t MOUNTINFO_MAX = 4096;  // bytes of the mount table that are loo
 // process that mounts as fast as we detach: the next refresh goes on.
 constexpr int MAX_DETACHES = 16;
 
+// Mounts of unknown devices that are left alone get one warning for each minor, for so many minors; beyond them, none.
+constexpr int MAX_WARNED = 16;
+
 constinit mountpoint_manager manager = {
     .mountinfo_fd = -1,
     .mounted = MOUNT_NONE,
@@ -42,6 +47,11 @@ constinit mountpoint_manager manager = {
     .refresh_timer = {},
     .filesystems = {},
 };
+
+struct {
+    uint32_t minors[MAX_WARNED];
+    int count;
+} constinit warned;
 
 // --- log lines of this module ------------------------------------------------------------------------------------
 
@@ -131,21 +141,121 @@ void on_refresh_timer(struct ev_loop*, ev_timer*, int) {
     mountinfo_refresh_state();
 }
 
+// The mount table's text, terminated, and whether it had to be cut. False: it cannot be read.
+bool read_mountinfo(char (&table)[MOUNTINFO_MAX], bool* is_cut) {
+    // One positional read: from offset 0 the open descriptor always gives the table as it is now.
+    ssize_t length = pread(manager.mountinfo_fd, table, sizeof table, 0);
+    if (length < 0) {
+        return false;
+    }
+    *is_cut = length == sizeof table;
+    if (*is_cut) {
+        length = sizeof table - 1;
+    }
+    table[length] = '\0';
+    return true;
+}
+
+// The minor of the next mounted device of the card, -1: there is none. *line moves behind it; null at the end.
+int next_card_minor(char** line) {
+    while (*line != nullptr) {
+        char* const text = *line;
+        char* const end = strchr(text, '\n');
+        if (end != nullptr) {
+            *end = '\0';
+        }
+        *line = end != nullptr ? end + 1 : nullptr;
+        // Where it is mounted is not compared: a card mounted by hand somewhere else counts as well.
+        unsigned major = 0;
+        unsigned minor = 0;
+        if (sscanf(text, "%*d%*d%u:%u%*s%*s", &major, &minor) == 2 && major == MMC_BLOCK_MAJOR) {
+            return static_cast<int>(minor);
+        }
+    }
+    return -1;
+}
+
+bool is_known(uint32_t minor) {
+    return mmc_get_block(minor) != nullptr;
+}
+
+// Is what is mounted at our place a card that has gone? Anything else there is not ours to detach: nothing, or the card
+// that is in, mounted there while a card that has gone is still mounted somewhere else.
+bool is_gone_card_at_mount_point() {
+    struct stat status;
+    return stat(MOUNTPOINT_PATH, &status) == 0 && major(status.st_dev) == MMC_BLOCK_MAJOR &&
+           !is_known(minor(status.st_dev));
+}
+
+// False: there was a warning for this minor already, or there have been too many.
+bool remember_warning(uint32_t minor) {
+    for (int i = 0; i < warned.count; ++i) {
+        if (warned.minors[i] == minor) {
+            return false;
+        }
+    }
+    if (warned.count == MAX_WARNED) {
+        return false;
+    }
+    warned.minors[warned.count++] = minor;
+    return true;
+}
+
+// A minor that the table knows has a new card: should that one go while it is mounted, there is a warning again.
+void forget_warnings_of_known_devices() {
+    int kept = 0;
+    for (int i = 0; i < warned.count; ++i) {
+        if (!is_known(warned.minors[i])) {
+            warned.minors[kept++] = warned.minors[i];
+        }
+    }
+    warned.count = kept;
+}
+
+void warn_of_unknown_device() {
+    mount_warning("The mounted block device is not found. Detaching the mountpoint.");
+}
+
+// The first card mount of the table has gone and is not at our place: what do the lines behind it say? It is somebody
+// else's mount, which we can neither take away nor wait for. Detaching "/mnt/sdcard" would take down our own good mount
+// there; the next look would mount it again, and so on without end, because each of the two changes the table.
+mount_status pass_over_unknown_devices() {
+    char table[MOUNTINFO_MAX];
+    bool is_cut;
+    char* line = table;
+    if (!read_mountinfo(table, &is_cut)) {
+        return MOUNT_NONE;
+    }
+    for (int minor = next_card_minor(&line); minor != -1; minor = next_card_minor(&line)) {
+        if (is_known(static_cast<uint32_t>(minor))) {
+            return MOUNT_OK;
+        }
+        if (remember_warning(static_cast<uint32_t>(minor))) {
+            warn_of_unknown_device();
+        }
+    }
+    return MOUNT_NONE;
+}
+
 // Is a device of the card mounted? Takes away mounts of devices that are gone before it answers.
 mount_status find_mount() {
+    forget_warnings_of_known_devices();
     for (int detached = 0; detached < MAX_DETACHES; ++detached) {
         const int minor = mountinfo_find_mmc();
         if (minor == -1) {
             return MOUNT_NONE;
         }
-        if (mmc_get_block(static_cast<uint32_t>(minor)) != nullptr) {
+        if (is_known(static_cast<uint32_t>(minor))) {
             return MOUNT_OK;
         }
-        mount_warning("The mounted block device is not found. Detaching the mountpoint.");
+        if (!is_gone_card_at_mount_point()) {
+            return pass_over_unknown_devices();
+        }
+        warn_of_unknown_device();
+        (void)remember_warning(static_cast<uint32_t>(minor));  // one is enough, should it be mounted elsewhere as well
         record_dir_close(1);
         if (umount2(MOUNTPOINT_PATH, MNT_DETACH) != 0) {
-            // It is mounted somewhere else, where it is not ours to detach: the table would show it again for ever.
-            return MOUNT_NONE;
+            return MOUNT_NONE;  // mounted on a folder above, perhaps: the table would show it again for ever
         }
     }
     return MOUNT_NONE;
@@ -269,31 +379,18 @@ void mountpoint_set_mounted(mount_status value) {
 
 int mountinfo_find_mmc() {
     char table[MOUNTINFO_MAX];
-    // One positional read: from offset 0 the open descriptor always gives the table as it is now. A kernel with pages
-    // of 4 KiB hands out whole lines and never fills the last byte, so that a longer table is cut without the warning.
-    ssize_t length = pread(manager.mountinfo_fd, table, sizeof table, 0);
-    if (length < 0) {
+    bool is_cut;
+    if (!read_mountinfo(table, &is_cut)) {
         return -1;
     }
-    if (length == sizeof table) {
+    // A kernel with pages of 4 KiB hands out whole lines and never fills the last byte, so that there a longer table is
+    // cut without the warning. A card whose line is cut off shows as not mounted; mounting it then fails with EBUSY,
+    // and the card's state is broken.
+    if (is_cut) {
         mount_warning("mountinfo is too large, mountpoint changes may lost.");
-        length = sizeof table - 1;
     }
-    table[length] = '\0';
-    for (char* line = table; line != nullptr;) {
-        char* next = strchr(line, '\n');
-        if (next != nullptr) {
-            *next++ = '\0';
-        }
-        // Where it is mounted is not compared: a card mounted by hand somewhere else counts as well.
-        unsigned major = 0;
-        unsigned minor = 0;
-        if (sscanf(line, "%*d%*d%u:%u%*s%*s", &major, &minor) == 2 && major == MMC_BLOCK_MAJOR) {
-            return static_cast<int>(minor);
-        }
-        line = next;
-    }
-    return -1;
+    char* line = table;
+    return next_card_minor(&line);
 }
 
 void mountinfo_refresh_state() {

@@ -51,12 +51,14 @@ void mountpoint_refresh_delay();
 // Logs the filesystems that mounting tries.
 void dump_supported_fs();
 
-// Brings the record, the mount and the recordings folder in line with the kernel's mount table.
+// Brings the record, the mount and the recordings folder in line with the kernel's mount table. Detaches
+// "/mnt/sdcard" only from a card that has gone. A mount of such a card anywhere else is passed over, with one warning.
 void mountinfo_refresh_state();
 
 // --- used inside the module and by its tests ---------------------------------------------------------------------
 
-// The minor of the first mounted device of the card, wherever it is mounted; -1 when none is.
+// The minor of the first device of major 179 in the mount table, known or not, wherever it is mounted; -1 when there is
+// none.
 int mountinfo_find_mmc();
 int mountpoint_try_mount();
 void mountpoint_set_mounted(mount_status value);

@@ -131,6 +131,7 @@ void fail_call(uint32_t which, uint32_t how) {
         call::JSON_OBJECT,
         call::JSON_ARRAY,
         call::THREAD,
+        call::STAT,
     };
     const call chosen = SURVIVED[which % std::size(SURVIVED)];
     const auto errnos = errnos_of(chosen);

@@ -1,7 +1,7 @@
 // One short story with everything in it: a start, a clip, a full card, requests, a format with holders, an eject, a
-// broker that goes, cards in and out. In it every call that can fail is made to fail: the first one, the second one,
-// and so on until a whole story passes without the fault, once and from then on, with each errno. In the last minute
-// nothing fails any more, and the daemon has to find its way back.
+// broker that goes, cards in and out, one of them mounted elsewhere. In it every call that can fail is made to fail:
+// the first one, the second one, and so on until a whole story passes without the fault, once and from then on, with
+// each errno. In the last minute nothing fails any more, and the daemon has to find its way back.
 #include <cerrno>
 #include <chrono>
 #include <cinttypes>
@@ -51,6 +51,7 @@ std::vector<event> story() {
         {200'000, kind::INSERT, GOOD_CARD, START},
         {215'000, kind::CLIP, 8, 0},
         {220'000, kind::REQUEST, 5, 0},
+        {225'000, kind::MOUNT, 1, 0},  // somebody mounts it elsewhere as well, and it goes
         {230'000, kind::PULL, 0, START},
         {235'000, kind::INSERT, GOOD_CARD, START},
     };

@@ -24,6 +24,7 @@ const row ROWS[CALLS] = {
     {"rename", {EACCES, EIO, ENOENT, ENOSPC, EROFS, EBUSY}},
     {"unlink", {EACCES, EIO, ENOENT, EROFS, EBUSY, EISDIR, EPERM, ENOMEM}},
     {"rmdir", {EACCES, EBUSY, EIO, ENOENT, ENOTEMPTY, EROFS}},
+    {"stat", {EIO, ENOENT, ENOMEM}},
     {"fstat", {EIO, ENOMEM}},
     {"fstatat", {EIO, ENOENT, ENOMEM}},
     {"statfs", {EIO, ENOMEM, ENOENT, EINTR}},

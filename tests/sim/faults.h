@@ -18,6 +18,7 @@ enum class call : uint8_t {
     RENAME,
     UNLINK,
     RMDIR,
+    STAT,
     FSTAT,
     FSTATAT,
     STATFS,

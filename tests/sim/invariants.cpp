@@ -25,6 +25,8 @@ constexpr unsigned CARD_MAJOR = 179;
 constexpr int MOST_BLOCKS = 13;
 constexpr size_t MOST_BYTES = 200;
 constexpr size_t TABLE_BYTES = 4095;  // of the mount table that the daemon looks at
+constexpr int64_t CHURN_NS = 60 * SECOND;
+constexpr size_t MOST_MOUNTS = 5;  // within CHURN_NS, with nothing in between that would ask for one
 
 struct block {
     uint32_t minor;
@@ -59,32 +61,33 @@ uint64_t failures_at_announcement;
 uint64_t failures_while_full;
 uint64_t last_free_kib = UINT64_MAX;  // as the daemon was told since the last clip was freed
 bool may_abort;
-live_memory lost;  // as documented
+live_memory lost;                // as documented
+std::deque<int64_t> mounted_at;  // the daemon's own mounts since there was a reason for one
 
 bool is_busy() {
     return sd.closure.status == CLOSURE_BUSY;
 }
 
-std::optional<block> mounted_block() {
+bool is_in_table(uint32_t minor) {
+    const auto has = [minor](const block& b) { return b.minor == minor; };
+    return (disk && has(*disk)) || std::any_of(partitions.begin(), partitions.end(), has);
+}
+
+// Is a device that the daemon knows mounted, wherever, as far as it can see the mount table?
+bool is_mounted() {
     const std::string text = mountinfo().substr(0, TABLE_BYTES);
-    // The first mount of the card that the daemon can see, wherever it is mounted.
     size_t begin = 0;
     while (begin < text.size()) {
         const size_t end = std::min(text.find('\n', begin), text.size());
         unsigned major = 0;
         unsigned minor = 0;
         if (sscanf(text.substr(begin, end - begin).c_str(), "%*d %*d %u:%u", &major, &minor) == 2 &&
-            major == CARD_MAJOR) {
-            return block{minor, ""};
+            major == CARD_MAJOR && is_in_table(minor)) {
+            return true;
         }
         begin = end + 1;
     }
-    return std::nullopt;
-}
-
-bool is_in_table(uint32_t minor) {
-    const auto has = [minor](const block& b) { return b.minor == minor; };
-    return (disk && has(*disk)) || std::any_of(partitions.begin(), partitions.end(), has);
+    return false;
 }
 
 bool can_be_mounted(const std::string& name) {
@@ -126,10 +129,8 @@ int expected_state() {
     if (is_flag_set) {
         return SDCARD_BROKEN;
     }
-    const auto at = mounted_block();
-    if (!at || !is_in_table(at->minor)) {
-        // Mounted by itself if it can be.
-        return is_mountable() && !at ? SDCARD_UNKNOWN : SDCARD_BROKEN;
+    if (!is_mounted()) {
+        return is_mountable() ? SDCARD_UNKNOWN : SDCARD_BROKEN;  // it would be mounted if it could be
     }
     const std::shared_ptr<filesystem> fs = at_mount_point();
     if (fs->is_read_only || fs->statfs_errno != 0) {
@@ -384,6 +385,7 @@ void table_told(const uevent& e) {
     } else if (e.action != "add" && e.action != "remove" && e.action != "change") {
         return;
     }
+    mounts_moved();
     is_batch_accepted = true;
     is_known = is_known || (e.type == "disk" && e.action != "change");  // of which the table is made anew
 }
@@ -433,6 +435,26 @@ void check_mount() {
     }
     if (is_known && (is_ejected || (is_flag_set && !is_batch_accepted))) {
         violation("a card is mounted that is known to be read-only");
+    }
+}
+
+void mounted_once() {
+    mounted_at.push_back(now_ns());
+    while (now_ns() - mounted_at.front() > CHURN_NS) {
+        mounted_at.pop_front();
+    }
+    if (mounted_at.size() > MOST_MOUNTS) {
+        violation("the card was mounted %zu times within a minute, and nothing asked for it", mounted_at.size());
+    }
+}
+
+void mounts_moved() {
+    mounted_at.clear();
+}
+
+void unmount_tried() {
+    if (is_busy()) {
+        mounts_moved();  // the job that was asked for mounts the card again
     }
 }
 

@@ -27,7 +27,10 @@ void table_lost();                                     // it has taken the disk 
 void table_ejected();                                  // it has set the whole disk's read-only flag
 
 void check_list_opened();
-void check_mount();  // the daemon mounts: is it a card that it knows to be writable?
+void check_mount();    // the daemon mounts: is it a card that it knows to be writable?
+void mounted_once();   // and it has succeeded
+void mounts_moved();   // there is a reason for it to mount: a card, or somebody else's mount or unmount
+void unmount_tried();  // by the daemon
 
 // Deletions.
 void told_free(uint64_t kib);  // how much is free, as the daemon has just been told

@@ -270,6 +270,7 @@ void foreign_mount(uint32_t a) {
             break;
     }
     mounts_changed();
+    mounts_moved();
 }
 
 void change_card(uint32_t a) {

@@ -8,6 +8,8 @@
 #include <linux/netlink.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -138,6 +140,7 @@ int __wrap_mount(const char* path, const char* target, const char* type, unsigne
     mounts.push_back({found->of, found->of->minor() + (found->part != nullptr ? found->part->number : 0), target, fs});
     note("world: %s mounted", path);
     mounts_changed();
+    mounted_once();
     return 0;
 }
 
@@ -167,8 +170,30 @@ int __wrap_umount2(const char* target, int flags) {
     return refuse(EINVAL);
 }
 int __wrap_umount(const char* target) {
+    unmount_tried();
     return __wrap_umount2(target, 0);
 }
+
+// The mount point's device, and the node of a device.
+int __wrap_stat64(const char* path, struct stat* status) {
+    spend(CALL_NS);
+    if (must_fail(call::STAT)) {
+        return -1;
+    }
+    *status = {};
+    if (strcmp(path, "/mnt/sdcard") == 0) {
+        status->st_mode = S_IFDIR | 0755;
+        status->st_dev = makedev(31, 4);
+        for (const mounted& m : mounts) {  // the last one lies on top
+            if (m.target == path) {
+                status->st_dev = makedev(179, m.minor);
+            }
+        }
+        return 0;
+    }
+    violation("stat of %s", path);
+}
+int __wrap_stat(const char* path, struct stat* status) __attribute__((alias("__wrap_stat64")));
 
 int __wrap_ioctl(int fd, unsigned long request, ...) {
     va_list args;

@@ -7,8 +7,11 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <sstream>
 #include <string>
 #include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -30,6 +33,7 @@ mmc_manager block_devices;
 list told;  // calls into the neighbours, in order
 sdcard_state merged;
 int errno_of_close;
+bool knows_every_device;
 }  // namespace
 
 mmc_manager* mmc_get_manager() {
@@ -44,7 +48,7 @@ mmc_block* mmc_get_block(uint32_t minor) {
             return &partition;
         }
     }
-    return block_devices.disk.minor == minor ? &block_devices.disk : nullptr;
+    return block_devices.disk.minor == minor || knows_every_device ? &block_devices.disk : nullptr;
 }
 
 sdcard_manager sd;
@@ -79,6 +83,7 @@ constexpr char ROOT_LINE[] = "15 1 31:4 / / ro,relatime - squashfs /dev/root ro\
 constexpr char CARD_LINE[] = "21 15 179:1 / /mnt/sdcard rw,nosuid - vfat /dev/mmcblk0p1 rw\n";
 constexpr char CARD_ELSEWHERE[] = "21 15 179:1 / /media rw,nosuid - vfat /dev/mmcblk0p1 rw\n";
 constexpr char GONE_LINE[] = "21 15 179:33 / /mnt/sdcard rw,nosuid - vfat /dev/mmcblk1p1 rw\n";
+constexpr char GONE_ELSEWHERE[] = "20 15 179:33 / /media rw,nosuid - vfat /dev/mmcblk1p1 rw\n";
 
 int told_count(const std::string& what) {
     return static_cast<int>(std::count(told.begin(), told.end(), what));
@@ -92,6 +97,22 @@ void set_block(mmc_block* block, const char* name, uint32_t minor) {
 
 void write_mountinfo(const std::string& text) {
     kernel::write("/proc/self/mountinfo", text);
+}
+
+// The device that is mounted at MOUNTPOINT_PATH: the last line of it counts, which lies on top.
+dev_t device_at_mount_point() {
+    dev_t found = makedev(31, 4);
+    std::istringstream table(kernel::read("/proc/self/mountinfo"));
+    for (std::string line; std::getline(table, line);) {
+        unsigned major;
+        unsigned minor;
+        char target[64];
+        if (sscanf(line.c_str(), "%*d%*d%u:%u%*s%63s", &major, &minor, target) == 3 &&
+            std::string_view(target) == MOUNTPOINT_PATH) {
+            found = makedev(major, minor);
+        }
+    }
+    return found;
 }
 
 void write_filesystems(const list& names) {
@@ -151,10 +172,25 @@ class mountpoint : public testing::Test {
         write_filesystems({"vfat", "msdos"});
         write_mountinfo(ROOT_LINE);
         kernel::make_dir(MOUNTPOINT_PATH);
+        kernel::on().stat = [](const char* path, struct stat* status) {
+            EXPECT_STREQ(path, MOUNTPOINT_PATH);
+            *status = {};
+            status->st_dev = device_at_mount_point();
+            return 0;
+        };
         ASSERT_EQ(mountpoint_init(), 0);
+        forget_warnings();
         forget();
     }
     void TearDown() override { mountpoint_exit(); }
+    // A warning that is not repeated is forgotten when the table knows the device.
+    void forget_warnings() {
+        knows_every_device = true;
+        m->mask = 1;
+        mountinfo_refresh_state();
+        knows_every_device = false;
+        m->mask = 0;
+    }
     static void forget() {
         told.clear();
         logged::reset();
@@ -822,10 +858,10 @@ TEST_F(mountpoint, swapped_card_is_mounted_in_the_same_refresh) {
 TEST_F(mountpoint, mounts_that_are_gone_are_detached_one_by_one) {
     PROMISE("several mounts of gone devices are stacked",
             "they are detached one by one, until the first card mount is a known one or there is none");
-    write_mountinfo(std::string(GONE_LINE) + GONE_LINE + CARD_LINE);
+    write_mountinfo(std::string(GONE_LINE) + GONE_LINE + CARD_ELSEWHERE);
     int left = 2;
     kernel::on().umount = [&](const char*, int) {
-        write_mountinfo((--left > 0 ? GONE_LINE : "") + std::string(CARD_LINE));
+        write_mountinfo((--left > 0 ? GONE_LINE : "") + std::string(CARD_ELSEWHERE));
         return 0;
     };
     mountinfo_refresh_state();
@@ -835,7 +871,7 @@ TEST_F(mountpoint, mounts_that_are_gone_are_detached_one_by_one) {
     EXPECT_TRUE(mounts().empty());
 }
 
-// A device that the table does not know, mounted where it is not ours to detach.
+// What lies at our place is a card that has gone, and the kernel does not let go of it.
 TEST_F(mountpoint, detach_that_fails_ends_the_search) {
     PROMISE("the detach fails, because the gone device is mounted elsewhere",
             "the search ends with nothing mounted; the next refresh may still mount the present card");
@@ -850,6 +886,109 @@ TEST_F(mountpoint, detach_that_fails_ends_the_search) {
     m->mask = 0;
     mountinfo_refresh_state();
     EXPECT_EQ(mounts().size(), 1U) << "the card that is known is mounted all the same";
+}
+
+// Somebody has mounted a card somewhere else; it has gone, and another one is in: whoever looks first at the first line
+// must not take the present card down for it.
+TEST_F(mountpoint, gone_card_mounted_elsewhere_leaves_the_present_one_alone) {
+    write_mountinfo(std::string(GONE_ELSEWHERE) + CARD_LINE);
+    for (int i = 0; i < 5; ++i) {
+        mountinfo_refresh_state();
+        EXPECT_EQ(m->mounted, MOUNT_OK);
+    }
+    EXPECT_EQ(kernel::count("umount"), 0);
+    EXPECT_TRUE(mounts().empty());
+    EXPECT_EQ(logged::lines(), list{DETACHING}) << "once";
+    EXPECT_EQ(told_count("record_dir_open"), 5);
+    EXPECT_EQ(told_count("record_dir_close 1 after 0 umounts"), 0);
+}
+
+// The same from the beginning, on a kernel that keeps its own table: one mount is all there is to see.
+TEST_F(mountpoint, card_that_comes_in_beside_a_gone_one_is_mounted_once) {
+    std::string table = std::string(ROOT_LINE) + GONE_ELSEWHERE;
+    write_mountinfo(table);
+    kernel::on().mount = [&table](const char*, const char*, const char*, unsigned long, const char*) {
+        table += CARD_LINE;
+        write_mountinfo(table);
+        return 0;
+    };
+    kernel::on().umount = [&table](const char*, int) {
+        const size_t at = table.rfind(CARD_LINE);
+        if (at == std::string::npos) {
+            errno = EINVAL;
+            return -1;
+        }
+        table.resize(at);
+        write_mountinfo(table);
+        return 0;
+    };
+    for (int i = 0; i < 20; ++i) {
+        mountinfo_refresh_state();
+    }
+    EXPECT_EQ(mounts(), list{"/dev/mmcblk0p1 /mnt/sdcard vfat"});
+    EXPECT_EQ(kernel::count("umount"), 0);
+    EXPECT_EQ(m->mounted, MOUNT_OK);
+    EXPECT_EQ(logged::count(DETACHING), 1);
+}
+
+TEST_F(mountpoint, gone_card_mounted_elsewhere_over_an_empty_slot_is_warned_of_once) {
+    block_devices = mmc_manager{};
+    m->mounted = MOUNT_OK;
+    write_mountinfo(std::string(ROOT_LINE) + GONE_ELSEWHERE);
+    for (int i = 0; i < 5; ++i) {
+        mountinfo_refresh_state();
+        EXPECT_EQ(m->mounted, MOUNT_NONE);
+    }
+    EXPECT_EQ(logged::lines(), list{DETACHING});
+    EXPECT_EQ(kernel::count("umount"), 0);
+    EXPECT_EQ(told_count("record_dir_close 1 after 0 umounts"), 0) << "nothing of ours was detached";
+}
+
+TEST_F(mountpoint, each_gone_card_is_warned_of_once) {
+    block_devices = mmc_manager{};
+    const auto line = [](int minor) { return "20 15 179:" + std::to_string(minor) + " / /media rw\n"; };
+    std::string table;
+    for (int minor = 33; minor < 33 + 20; ++minor) {
+        table += line(minor);
+        write_mountinfo(table);
+        mountinfo_refresh_state();
+        mountinfo_refresh_state();
+    }
+    EXPECT_EQ(logged::count(DETACHING), 16) << "beyond that many the log stays quiet";
+    // A card that is known by one of these minors, and goes: that is news again.
+    logged::reset();
+    set_block(&block_devices.disk, "mmcblk4", 40);
+    mountinfo_refresh_state();
+    EXPECT_EQ(m->mounted, MOUNT_OK);
+    block_devices = mmc_manager{};
+    mountinfo_refresh_state();
+    mountinfo_refresh_state();
+    EXPECT_EQ(logged::count(DETACHING), 1);
+    EXPECT_EQ(m->mounted, MOUNT_NONE);
+}
+
+// Mounted at our place and elsewhere, by the same minor: detached here, passed over there, and one warning for both.
+TEST_F(mountpoint, gone_card_mounted_here_and_elsewhere) {
+    block_devices = mmc_manager{};
+    m->mounted = MOUNT_OK;
+    write_mountinfo(std::string(ROOT_LINE) + GONE_LINE + GONE_ELSEWHERE);
+    kernel::on().umount = [](const char*, int) {
+        write_mountinfo(std::string(ROOT_LINE) + GONE_ELSEWHERE);
+        return 0;
+    };
+    mountinfo_refresh_state();
+    mountinfo_refresh_state();
+    EXPECT_EQ(kernel::count("umount2 /mnt/sdcard "), 1);
+    EXPECT_EQ(logged::lines(), list{DETACHING});
+    EXPECT_EQ(m->mounted, MOUNT_NONE);
+}
+
+TEST_F(mountpoint, mount_point_that_cannot_be_looked_at_is_not_detached) {
+    kernel::fail("stat", EIO, 1, kernel::FOREVER);
+    write_mountinfo(std::string(GONE_LINE) + CARD_LINE);
+    mountinfo_refresh_state();
+    EXPECT_EQ(kernel::count("umount"), 0);
+    EXPECT_EQ(m->mounted, MOUNT_OK);
 }
 
 TEST_F(mountpoint, detaching_without_progress_ends) {

@@ -5,6 +5,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/types.h>
 #include <vector>
@@ -42,6 +43,7 @@ struct hooks {
         mount;
     std::function<int(const char* target, int flags)> umount;  // umount and umount2
     std::function<int(const char* path, struct statfs* buffer)> statfs;
+    std::function<int(const char* path, struct stat* buffer)> stat;  // default: what lies in the folder
     std::function<int(int fd, unsigned long request, void* argument)> ioctl;
     std::function<int(int domain, int type, int protocol)> socket;
     std::function<int(int fd, const void* address, unsigned length)> bind;
