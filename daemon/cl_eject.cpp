@@ -3,6 +3,7 @@
 
 #include <errno.h>
 
+#include "cl_card.h"
 #include "cl_umount.h"
 #include "closure.h"
 #include "mmc.h"
@@ -17,6 +18,7 @@ void next_eject(closure_frame* frame, void*);  // closes it to writes
 }  // namespace
 
 void cl_next_eject(closure_frame* frame) {
+    cl_card_remember();
     closure_debug_next("cl_next_eject", "cl_next_umount", "next_eject");
     closure_setup_frame(frame, next_eject, nullptr);
     frame->status = CLOSURE_BUSY;
@@ -33,7 +35,9 @@ void next_eject(closure_frame* frame, void*) {
         closure_return(frame);
         return;
     }
-    if (mmc_eject() < 0) {
+    if (!cl_card_is_same("eject", mmc_get_manager()->disk.path)) {
+        closure_fail(frame, ENODEV);
+    } else if (mmc_eject() < 0) {
         closure_fail(frame, errno);
     } else {
         closure_succeed(frame, 0);

@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "cl_card.h"
 #include "cl_execvp.h"
 #include "cl_umount.h"
 #include "closure.h"
@@ -27,6 +28,7 @@ void cl_next_fsck(closure_frame* frame, const char* device) {
         closure_fail(frame, ENOMEM);
         return;
     }
+    cl_card_remember();
     closure_debug_next("cl_next_fsck", "cl_next_umount", "next_fsck");
     closure_setup_frame(frame, next_fsck, path);
     frame->status = CLOSURE_BUSY;
@@ -42,6 +44,12 @@ void next_fsck(closure_frame* frame, void* argument) {
         free(path);
         (void)mountpoint_mount();  // a card that cannot be mounted shows in the state
         closure_fail(frame, frame->result);
+        return;
+    }
+    if (!cl_card_is_same("fsck", path)) {
+        free(path);
+        (void)mountpoint_mount();
+        closure_fail(frame, ENODEV);
         return;
     }
     const char* const fsck_argv[] = {"fsck.fat", "-aw", path, nullptr};

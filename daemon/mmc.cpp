@@ -13,6 +13,8 @@
 #include <string_view>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -38,6 +40,9 @@ constexpr uint64_t SECTOR_BYTES = 512;      // of the kernel's counters, whateve
 constexpr uint32_t SPEED_MIN_SECTORS = 40;  // less than this says nothing about a card's speed
 
 constinit mmc_manager manager;
+
+// Goes up with every disk that comes or goes; wraps. A job compares it with what it was when the job began.
+constinit uint32_t insertion;
 
 // --- log lines of this module ------------------------------------------------------------------------------------
 
@@ -106,6 +111,9 @@ void close_disk() {
 }
 
 void new_disk(const char* name, uint32_t minor) {
+    if (manager.disk.name == nullptr || manager.disk.minor != minor) {
+        ++insertion;  // a repeated "add" is about the same card
+    }
     close_disk();
     mmc_block_set(&manager.disk, name, minor);
     // The kernel announces the disk before its device node can be opened. Holding up the whole loop is deliberate: the
@@ -126,6 +134,7 @@ void new_disk(const char* name, uint32_t minor) {
 }
 
 void remove_disk() {
+    ++insertion;
     close_disk();
     mmc_block_clear(&manager.disk);
     remove_all_partitions();
@@ -263,6 +272,22 @@ mmc_block* mmc_get_block(uint32_t minor) {
     return nullptr;
 }
 
+uint32_t mmc_get_insertion() {
+    return insertion;
+}
+
+bool mmc_is_node_known(const char* path) {
+    const mmc_block* known = strcmp(path, manager.disk.path) == 0 ? &manager.disk : nullptr;
+    for (int32_t i = 0; known == nullptr && i < manager.partition_count; ++i) {
+        if (strcmp(path, manager.partitions[i].path) == 0) {
+            known = &manager.partitions[i];
+        }
+    }
+    struct stat status;
+    return known != nullptr && stat(path, &status) == 0 && S_ISBLK(status.st_mode) &&
+           major(status.st_rdev) == MMC_BLOCK_MAJOR && minor(status.st_rdev) == known->minor;
+}
+
 int mmc_dev_init() {
     manager.disk_fd = -1;
     manager.uevent_fd = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT);
@@ -297,6 +322,7 @@ void mmc_dev_exit() {
 }
 
 int mmc_rescan() {
+    const uint32_t last_minor = manager.disk.minor;
     close_disk();
     manager.partition_count = 0;
     mmc_block_clear(&manager.disk);
@@ -322,6 +348,9 @@ int mmc_rescan() {
     }
     free(line);
     (void)fclose(file);  // only read from
+    if (manager.disk.minor != last_minor) {
+        ++insertion;
+    }
 
     const int result = manager.disk.name != nullptr ? open_disk() : 0;
     mmc_refresh_rdonly();

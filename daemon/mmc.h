@@ -60,6 +60,16 @@ mmc_state mmc_get_state();
 // The disk if it has this minor, else the first partition that has it, else null.
 mmc_block* mmc_get_block(uint32_t minor);
 
+// Which insertion of a card the disk in the table comes from: another number after each "add" of a disk that is not in
+// the table yet, and after each "remove". The same card put in again is another insertion; what happens to partitions
+// is none, nor is a "change", a repeated "add", or a rescan that finds the same disk.
+uint32_t mmc_get_insertion();
+
+// Is this path in the table, and is the device node there the device that the table has under it? While our descriptor
+// of the old disk is open, the kernel gives a new card other minors: a swap whose events nobody has read yet shows
+// here.
+bool mmc_is_node_known(const char* path);
+
 // Opens the uevent socket and starts its watcher. Does not look for devices that are there already: mmc_rescan does.
 // 0, or -1 after an error line. From then on a socket that cannot be read ends the process.
 int mmc_dev_init();

@@ -48,10 +48,11 @@ constinit mountpoint_manager manager = {
     .filesystems = {},
 };
 
-struct {
-    uint32_t minors[MAX_WARNED];
+struct minors {
+    uint32_t minor[MAX_WARNED];
     int count;
-} constinit warned;
+};
+constinit minors warned = {};
 
 // --- log lines of this module ------------------------------------------------------------------------------------
 
@@ -190,14 +191,14 @@ bool is_gone_card_at_mount_point() {
 // False: there was a warning for this minor already, or there have been too many.
 bool remember_warning(uint32_t minor) {
     for (int i = 0; i < warned.count; ++i) {
-        if (warned.minors[i] == minor) {
+        if (warned.minor[i] == minor) {
             return false;
         }
     }
     if (warned.count == MAX_WARNED) {
         return false;
     }
-    warned.minors[warned.count++] = minor;
+    warned.minor[warned.count++] = minor;
     return true;
 }
 
@@ -205,8 +206,8 @@ bool remember_warning(uint32_t minor) {
 void forget_warnings_of_known_devices() {
     int kept = 0;
     for (int i = 0; i < warned.count; ++i) {
-        if (!is_known(warned.minors[i])) {
-            warned.minors[kept++] = warned.minors[i];
+        if (!is_known(warned.minor[i])) {
+            warned.minor[kept++] = warned.minor[i];
         }
     }
     warned.count = kept;

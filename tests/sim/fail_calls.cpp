@@ -14,7 +14,7 @@
 namespace sim {
 namespace {
 
-constexpr double STORY_DAYS = 260.0 / 86400;
+constexpr double STORY_DAYS = 320.0 / 86400;
 constexpr int64_t HEALED_NS = 190 * SECOND;
 
 std::vector<event> story() {
@@ -54,6 +54,13 @@ std::vector<event> story() {
         {225'000, kind::MOUNT, 1, 0},  // somebody mounts it elsewhere as well, and it goes
         {230'000, kind::PULL, 0, START},
         {235'000, kind::INSERT, GOOD_CARD, START},
+        // Held when it is to be formatted, and swapped for another one during the retries; the same with an eject.
+        {245'000, kind::HOLD, 0, 4000},
+        {245'100, kind::REQUEST, 0, 0},
+        {247'000, kind::SWAP, GOOD_CARD, START + (START << 8)},
+        {265'000, kind::HOLD, 0, 4000},
+        {265'100, kind::REQUEST, 1, 1},
+        {267'000, kind::SWAP, GOOD_CARD, START + (START << 8)},
     };
 }
 

@@ -41,7 +41,14 @@ bool is_adding_disk;  // its opening is awaited
 bool is_flag_set;     // the read-only flag, as it was at the end of the last batch
 bool is_ejected;
 bool is_batch_accepted;
-bool is_known;  // a first rescan has been
+bool is_known;         // a first rescan has been
+uint32_t disk_serial;  // the card that the disk was told of; 0: none
+std::shared_ptr<card> opened;
+
+// The job that runs, or ran last.
+uint32_t job_serial;  // the card that it began with
+int64_t job_began_at;
+int64_t job_looked_at;
 
 int64_t changed_at;
 bool is_judged;  // since the last change
@@ -343,6 +350,7 @@ void check_exit() {
 // --- the table of block devices --------------------------------------------------------------------------------------
 
 void table_rescan() {
+    disk_serial = slot != nullptr ? slot->serial : 0;
     disk.reset();
     partitions.clear();
     is_disk_open = false;
@@ -355,6 +363,7 @@ void table_rescan() {
             }
         }
         is_flag_set = slot->is_read_only;
+        opened = slot;
     }
     is_known = true;
 }
@@ -364,6 +373,7 @@ void table_told(const uevent& e) {
         return;
     }
     if (e.action == "add" && e.type == "disk") {
+        disk_serial = e.serial;
         disk = block{e.minor, e.name};
         is_disk_open = slot != nullptr && slot->name() == e.name && !slot->is_write_protected;
         is_adding_disk = true;
@@ -372,6 +382,7 @@ void table_told(const uevent& e) {
             partitions.push_back({e.minor, e.name});
         }
     } else if (e.action == "remove" && e.type == "disk") {
+        disk_serial = 0;
         disk.reset();
         is_disk_open = false;
         partitions.clear();
@@ -395,6 +406,7 @@ void table_opened(std::string_view path, int errnum) {
         return;
     }
     is_disk_open = errnum == 0;
+    opened = is_disk_open ? slot : nullptr;
     if (is_adding_disk && is_disk_open) {
         partitions.clear();
     }
@@ -407,7 +419,7 @@ void table_batch_ended() {
     }
     is_batch_accepted = false;
     is_ejected = false;
-    is_flag_set = is_disk_open && slot != nullptr && slot->name() == disk->name && slot->is_read_only;
+    is_flag_set = is_disk_open && opened != nullptr && opened->is_read_only;
     changed();
 }
 
@@ -421,6 +433,18 @@ void table_flag_failed() {
 
 void table_ejected() {
     is_ejected = true;
+}
+
+void job_looked() {
+    job_looked_at = now_ns();
+}
+
+void check_job_card(const char* what, const card& c) {
+    // A swap between the look and the act cannot be seen.
+    const bool came_after_look = job_looked_at >= job_began_at && c.came_ns > job_looked_at;
+    if (c.serial != job_serial && !came_after_look) {
+        violation("%s: card %u, and the job began with card %u", what, c.serial, job_serial);
+    }
 }
 
 void check_list_opened() {
@@ -576,6 +600,10 @@ void heard_log(const std::string& level, const std::string& text) {
     }
     if (text.rfind("ev_run: ", 0) == 0) {
         heard_slow_loop(text);
+    }
+    if (text.rfind("closure: sdcard_", 0) == 0) {
+        job_serial = disk_serial;
+        job_began_at = now_ns();
     }
     if (text.rfind("refresh sdcard state", 0) == 0 && is_busy()) {
         violation("the state is refreshed while a job owns it");

@@ -26,6 +26,10 @@ void table_flag_failed();                              // its question for the r
 void table_lost();                                     // it has taken the disk for something else
 void table_ejected();                                  // it has set the whole disk's read-only flag
 
+// A job does nothing to a card that came after it began.
+void job_looked();                                     // it has looked at a device's node
+void check_job_card(const char* what, const card& c);  // and now does this to the card
+
 void check_list_opened();
 void check_mount();    // the daemon mounts: is it a card that it knows to be writable?
 void mounted_once();   // and it has succeeded

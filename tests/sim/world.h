@@ -107,11 +107,13 @@ struct partition {
 
 struct card {
     uint32_t serial = 0;
-    uint32_t index = 0;  // of mmcblk<index>
+    uint32_t index = 0;             // its minors are index * 8 and those behind it
+    bool is_named_by_slot = false;  // always mmcblk0, as newer kernels have it, and not mmcblk<index>
     bool is_in = false;
     bool is_write_protected = false;  // by its switch: no opening for writing
     bool is_read_only = false;        // the kernel's flag
     bool is_slow = false;
+    int64_t came_ns = 0;
     int64_t node_ready_ns = 0;  // when /dev/mmcblk<index> can be opened
     uint64_t total_kib = 0;
     std::vector<partition> partitions;
@@ -120,7 +122,7 @@ struct card {
     uint64_t busy_ms = 0;
 
     uint32_t minor() const { return index * 8; }
-    std::string name() const { return "mmcblk" + std::to_string(index); }
+    std::string name() const { return "mmcblk" + std::to_string(is_named_by_slot ? 0 : index); }
     std::string name_of(const partition& p) const { return name() + "p" + std::to_string(p.number); }
 };
 
@@ -137,6 +139,7 @@ struct uevent {
     uint32_t minor;
     std::string name;
     std::string type;
+    uint32_t serial = 0;  // of the card; not told
 };
 
 extern std::shared_ptr<card> slot;   // the card in it, or null
@@ -179,6 +182,7 @@ enum class fd_kind : uint8_t {
     BUS
 };
 int open_descriptors(fd_kind kind);
+bool is_open(const card& c);  // the daemon has a descriptor of it or of a partition
 std::string list_descriptors();
 int open_streams();  // directories and files with buffers
 

@@ -21,7 +21,8 @@ constexpr char NO_SENSE[] = "\0\0\0=\0==";
 constexpr int64_t NODE_APPEARS_NS = 900 * MS;  // after the kernel has announced the disk
 
 uint32_t serial;
-int filler_lines;  // mounts of somebody else's, which make the table long
+std::vector<std::shared_ptr<card>> pulled;  // as long as they are open
+int filler_lines;                           // mounts of somebody else's, which make the table long
 
 std::shared_ptr<filesystem> make_filesystem(uint64_t total_kib) {
     auto fs = std::make_shared<filesystem>();
@@ -101,11 +102,13 @@ std::shared_ptr<card> make_card(uint32_t what) {
     return made;
 }
 
-// The number is free again only when nobody uses the old disk any more.
+// The number is free again only when nobody uses the old disk any more: no mount and no descriptor.
 uint32_t free_index() {
     for (uint32_t index = 0;; ++index) {
         const bool is_used =
-            std::any_of(mounts.begin(), mounts.end(), [index](const mounted& m) { return m.from->index == index; });
+            std::any_of(mounts.begin(), mounts.end(), [index](const mounted& m) { return m.from->index == index; }) ||
+            std::any_of(pulled.begin(), pulled.end(),
+                        [index](const auto& c) { return c->index == index && is_open(*c); });
         if (!is_used) {
             return index;
         }
@@ -114,7 +117,7 @@ uint32_t free_index() {
 
 void announce_card(const card& c, const char* action, uint32_t order) {
     std::vector<uevent> events;
-    events.push_back({action, 179, c.minor(), c.name(), "disk"});
+    events.push_back({action, 179, c.minor(), c.name(), "disk", c.serial});
     for (const partition& p : c.partitions) {
         events.push_back({action, 179, c.minor() + p.number, c.name_of(p), "partition"});
     }
@@ -165,7 +168,9 @@ void insert_card(uint32_t what, uint32_t order) {
     }
     slot = make_card(what);
     slot->index = free_index();
+    slot->is_named_by_slot = (order >> 20) % 2 != 0;
     slot->is_in = true;
+    slot->came_ns = now_ns();
     slot->node_ready_ns = now_ns() + NODE_APPEARS_NS;
     note("world: card %u in, kind %u, %llu KiB, as %s", slot->serial, what % 16,
          static_cast<unsigned long long>(slot->total_kib), slot->name().c_str());
@@ -181,6 +186,8 @@ void pull_card(uint32_t order) {
     slot->is_in = false;
     mark_gone(*slot);
     announce_card(*slot, "remove", order);
+    std::erase_if(pulled, [](const auto& c) { return !is_open(*c); });
+    pulled.push_back(slot);
     slot = nullptr;
     changed();
 }

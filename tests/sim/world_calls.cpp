@@ -290,6 +290,15 @@ int open_descriptors(fd_kind kind) {
     return count;
 }
 
+bool is_open(const card& c) {
+    for (const descriptor& d : table) {
+        if (d.kind == fd_kind::DISK && d.disk->serial == c.serial) {
+            return true;
+        }
+    }
+    return false;
+}
+
 std::string list_descriptors() {
     std::string text;
     for (size_t i = 0; i < table.size(); ++i) {

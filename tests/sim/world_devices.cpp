@@ -191,7 +191,14 @@ int __wrap_stat64(const char* path, struct stat* status) {
         }
         return 0;
     }
-    violation("stat of %s", path);
+    const auto found = find_device(path);
+    if (!found || (found->part == nullptr && now_ns() < found->of->node_ready_ns)) {
+        return refuse(ENOENT);
+    }
+    status->st_mode = S_IFBLK | 0600;
+    status->st_rdev = makedev(179, found->of->minor() + (found->part != nullptr ? found->part->number : 0));
+    job_looked();
+    return 0;
 }
 int __wrap_stat(const char* path, struct stat* status) __attribute__((alias("__wrap_stat64")));
 
@@ -222,6 +229,7 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
             *argument = disk->is_read_only ? 1 : 0;
             return 0;
         case BLKROSET:
+            check_job_card("marking read-only", *disk);
             note("world: read-only flag of %u set to %d", d->minor, *argument);
             if (is_whole) {
                 disk->is_read_only = *argument != 0;
@@ -230,6 +238,7 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
             }
             return 0;
         case BLKRRPART: {
+            check_job_card("reading the partitions again", *disk);
             for (const mounted& m : mounts) {
                 if (m.from == disk) {
                     return refuse(EBUSY);

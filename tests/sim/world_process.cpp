@@ -32,7 +32,8 @@ struct child {
     std::vector<std::string> argv;
     std::shared_ptr<pipe_buffer> input;
     std::shared_ptr<pipe_buffer> output;
-    int exit_code = 0;  // of one that never became a tool
+    int exit_code = 0;         // of one that never became a tool
+    std::shared_ptr<card> on;  // the card that it has open
 };
 
 struct ended {
@@ -89,7 +90,7 @@ int fdisk_end(const child& c, manner how) {
         }
         return 1;
     }
-    if (slot == nullptr || c.argv[1] != "/dev/" + slot->name()) {
+    if (c.on == nullptr || c.on != slot) {
         return 1;
     }
     after_fdisk(how == manner::LIES);
@@ -106,7 +107,7 @@ int mkfs_end(const child& c, manner how) {
             return 1;
         }
     }
-    if (!find_device(c.argv[3])) {
+    if (c.on == nullptr || c.on != slot || !find_device(c.argv[3])) {
         return 1;
     }
     after_mkfs(c.argv[3], how == manner::LIES);
@@ -171,6 +172,12 @@ void start(const std::shared_ptr<child>& c) {
         return;
     }
     const tool which = tool_of(c->argv[0]);
+    if (which != FUSER) {
+        if (const auto found = find_device(c->argv.back())) {
+            c->on = found->of;
+            check_job_card(c->argv[0].c_str(), *c->on);
+        }
+    }
     const manner how = manners[which];
     manners[which] = manner::GOOD;
     const int64_t takes_ns = which == FUSER ? 80 * MS : which == FDISK ? 900 * MS : 4 * SECOND;

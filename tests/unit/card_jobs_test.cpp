@@ -6,6 +6,7 @@
 #include <ev.h>
 #include <gtest/gtest.h>
 #include <string>
+#include <string_view>
 #include <sys/stat.h>
 
 #include "rpc.h"
@@ -25,6 +26,7 @@ struct {
     int refused_umounts;  // the first so many are
     int partprobe_errno;
     int eject_errno;
+    uint32_t insertion;
     bool can_mount;
     bool is_held;       // off automatic mounting
     bool fork_failed;   // the last one
@@ -90,6 +92,20 @@ int mountpoint_mount() {
 void mountpoint_clear_mask() {
     step("clear_mask");
     card.is_held = false;
+}
+uint32_t mmc_get_insertion() {
+    return card.insertion;
+}
+bool mmc_is_node_known(const char* path) {
+    if (path == std::string_view(world.mmc.disk.path)) {
+        return true;
+    }
+    for (int32_t i = 0; i < world.mmc.partition_count; ++i) {
+        if (path == std::string_view(world.mmc.partitions[i].path)) {
+            return true;
+        }
+    }
+    return false;
 }
 int mmc_partprobe() {
     step("mmc_partprobe");
@@ -158,6 +174,7 @@ class card_jobs : public rig::test {
         card = {.refused_umounts = 0,
                 .partprobe_errno = 0,
                 .eject_errno = 0,
+                .insertion = 0,
                 .can_mount = true,
                 .is_held = false,
                 .fork_failed = false,
@@ -426,7 +443,9 @@ TEST_F(card_jobs, check_keeps_to_the_device_that_was_there_at_its_start) {
     PROMISE("the card or its table of devices changes meanwhile", "the device is the one that was there at the start");
     card.refused_umounts = 1;
     ASSERT_EQ(0, sdcard_fsck());
-    snprintf(world.mmc.partitions[0].path, sizeof world.mmc.partitions[0].path, "/dev/mmcblk1p1");
+    world.mmc.partitions[1] = world.mmc.partitions[0];
+    snprintf(world.mmc.partitions[0].path, sizeof world.mmc.partitions[0].path, "/dev/mmcblk0p2");
+    world.mmc.partition_count = 2;
     finish();
     EXPECT_EQ(
         (strings{"sdcard_status=6", "sdcard_rw=none", "umount", "umount", "fsck.fat -aw /dev/mmcblk0p1", "mount"}) +
@@ -457,6 +476,43 @@ TEST_F(card_jobs, a_held_card_is_refreshed_by_nobody_and_taken_by_no_second_job)
     EXPECT_GT(rounds, 4);
     finish();
     EXPECT_EQ(CLOSURE_OK, sd.closure.status);
+}
+
+// The card is held, somebody pulls it during the retries and puts in another one.
+TEST_F(card_jobs, a_card_that_came_in_during_the_retries_is_left_alone) {
+    const struct {
+        const char* job;
+        int (*start_job)();
+    } rows[] = {{"mkfs", sdcard_mkfs}, {"fsck", sdcard_fsck}, {"eject", sdcard_eject}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.job);
+        SetUp();
+        card.refused_umounts = 3;
+        ASSERT_EQ(0, row.start_job());
+        while (card.refused_umounts > 1) {
+            ev_run(EV_DEFAULT, EVRUN_ONCE);
+        }
+        ++card.insertion;
+        card.refused_umounts = 0;
+        world.mountpoint.mounted = MOUNT_NONE;  // the old card was detached
+        finish();
+        if (row.job == std::string_view("eject")) {
+            EXPECT_EQ(SDCARD_NOT_EXISTS, sd.state) << "until it is mounted by itself";
+            set_mounted(MOUNT_OK);
+        }
+        EXPECT_EQ(SDCARD_NORMAL, sd.state);
+        EXPECT_EQ(CLOSURE_FAILED, sd.closure.status);
+        EXPECT_EQ(ENODEV, sd.closure.result);
+        EXPECT_FALSE(card.is_held);
+        for (const char* tool : {"fdisk", "mkfs.fat", "fsck.fat", "mmc_partprobe", "mmc_eject"}) {
+            for (const auto& step : world.steps) {
+                EXPECT_FALSE(step.starts_with(tool)) << step;
+            }
+        }
+        EXPECT_EQ(1,
+                  logged::count(std::string("err ") + row.job + ": the sdcard is not the one that the job began with"));
+        EXPECT_EQ(1, logged::count(std::string("err closure: ") + row.job + " failed"));
+    }
 }
 
 PROMISES("cl_mkfs");

@@ -1,6 +1,7 @@
 #include "cl_eject.h"
 
 #include <cerrno>
+#include <cstdio>
 
 #include "support/job_rig.h"
 #include "support/promise.h"
@@ -11,7 +12,13 @@ namespace {
 
 constexpr char TRACE[] = "debug closure: cl_next_eject(): cl_next_umount -> next_eject";
 
-class cl_eject : public rig::job {};
+class cl_eject : public rig::job {
+  protected:
+    void SetUp() override {
+        rig::job::SetUp();
+        snprintf(world.mmc.disk.path, sizeof world.mmc.disk.path, "/dev/mmcblk0");
+    }
+};
 
 PROMISES("cl_eject");
 
@@ -32,6 +39,21 @@ TEST_F(cl_eject, no_card) {
     start(cl_next_eject);
     EXPECT_EQ(world.steps, (strings{"umount", "eject", "done 3 19", "clear_mask"}));
     EXPECT_EQ(logged::lines(), strings{TRACE}) << "no message here";
+}
+
+TEST_F(cl_eject, another_card_is_left_alone) {
+    for (const swap& how : swaps()) {
+        SCOPED_TRACE(how.what);
+        SetUp();
+        swap_after("umount", how);
+        start(cl_next_eject);
+        EXPECT_EQ(world.steps, (strings{"umount", "done 3 19", "clear_mask"}));
+        EXPECT_EQ(logged::lines(), (strings{TRACE, "err eject: the sdcard is not the one that the job began with"}));
+        SetUp();
+        ++world.insertion;  // before the job: it begins with this one
+        start(cl_next_eject);
+        EXPECT_EQ(world.steps, (strings{"umount", "eject", "done 2 0", "clear_mask"}));
+    }
 }
 
 TEST_F(cl_eject, card_in_use_is_not_ejected_and_not_mounted_again) {

@@ -1,6 +1,7 @@
 #include "cl_fsck.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -47,6 +48,7 @@ class cl_fsck : public rig::job {
   protected:
     void SetUp() override {
         rig::job::SetUp();
+        snprintf(world.mmc.disk.path, sizeof world.mmc.disk.path, "/dev/mmcblk0");
         copy = nullptr;
         copy_freed = false;
     }
@@ -119,6 +121,23 @@ TEST_F(cl_fsck, failures_of_the_stages) {
         EXPECT_EQ(world.steps, row.steps);
         EXPECT_EQ(lines_of("err "), strings{"err " + row.line});
         EXPECT_TRUE(lines_of("warning ").empty());
+    }
+}
+
+TEST_F(cl_fsck, another_card_is_left_alone) {
+    std::vector<swap> all = swaps();
+    all.push_back({"by whose partition alone it shows", [] { world.strange_nodes = {"/dev/mmcblk0p1"}; }});
+    for (const swap& how : all) {
+        SCOPED_TRACE(how.what);
+        SetUp();
+        swap_after("umount", how);
+        check();
+        EXPECT_EQ(world.steps, (strings{"umount", "free", "mount", "done 3 19"}));
+        EXPECT_EQ(lines_of("err "), strings{"err fsck: the sdcard is not the one that the job began with"});
+        SetUp();
+        ++world.insertion;  // before the job: it begins with this one
+        check();
+        EXPECT_EQ(world.steps.back(), "done 2 0");
     }
 }
 

@@ -191,6 +191,61 @@ TEST_F(cl_mkfs, failures_of_the_stages) {
     }
 }
 
+constexpr char ANOTHER_CARD[] = "err mkfs: the sdcard is not the one that the job began with";
+
+TEST_F(cl_mkfs, another_card_is_left_alone) {
+    const struct {
+        const char* after;
+        strings steps;
+    } rows[] = {
+        {"umount", {"umount", "mount", "done 3 19"}},
+        {"run fdisk", {"umount", FDISK, "mount", "done 3 19"}},
+        {"partprobe", {"umount", FDISK, "partprobe", "mount", "done 3 19"}},
+    };
+    for (const auto& row : rows) {
+        for (const swap& how : swaps()) {
+            SCOPED_TRACE(row.after + " and a swap "s + how.what);
+            SetUp();
+            swap_after(row.after, how);
+            start(cl_next_mkfs);
+            EXPECT_EQ(world.steps, row.steps);
+            EXPECT_EQ(lines_of("err "), strings{ANOTHER_CARD});
+        }
+    }
+}
+
+// It is not the disk's node alone that is looked at: mkfs.fat gets the partition's.
+TEST_F(cl_mkfs, partition_that_is_another_device_is_left_alone) {
+    world.strange_nodes = {"/dev/mmcblk0p1"};
+    start(cl_next_mkfs);
+    EXPECT_EQ(world.steps, (strings{"umount", FDISK, "partprobe", "mount", "done 3 19"}));
+    EXPECT_EQ(lines_of("err "), strings{ANOTHER_CARD});
+}
+
+// What goes wrong with the card that the job began with is told first, and a swap during mkfs.fat's run changes nothing
+// any more: what it has open is the old card.
+TEST_F(cl_mkfs, swap_beside_another_failure_is_not_told) {
+    swap_after("run fdisk", swaps()[0]);
+    world.runs = {{CLOSURE_FAILED, 1}};
+    start(cl_next_mkfs);
+    EXPECT_EQ(world.steps, (strings{"umount", FDISK, "mount", "done 3 1"}));
+    EXPECT_EQ(lines_of("err "), strings{"err cl_mkfs: unable to re-create the partition table."});
+
+    SetUp();
+    swap_after("run mkfs.fat", swaps()[0]);
+    start(cl_next_mkfs);
+    EXPECT_EQ(world.steps, (strings{"umount", FDISK, "partprobe", MKFS, "mount", "done 2 0"}));
+    EXPECT_TRUE(lines_of("err ").empty());
+}
+
+TEST_F(cl_mkfs, next_job_begins_with_the_card_that_is_in_then) {
+    swap_after("umount", swaps()[0]);
+    start(cl_next_mkfs);
+    EXPECT_EQ(world.steps.back(), "done 3 19");
+    start(cl_next_mkfs);
+    EXPECT_EQ(world.steps.back(), "done 2 0");
+}
+
 TEST_F(cl_mkfs, mount_that_fails_changes_no_outcome) {
     PROMISE("what was made, or left, cannot be mounted", "the outcome stays what it was, and the state tells");
     world.mount_result = -1;

@@ -413,6 +413,99 @@ TEST_F(mmc, block_by_minor) {
     EXPECT_EQ(mmc_get_block(2), nullptr) << "nor when it is the only one left";
 }
 
+// --- which card it is ----------------------------------------------------------------------------------------------
+
+TEST_F(mmc, each_insertion_has_a_number_of_its_own) {
+    const auto disk = [](const char* action, const char* minor) {
+        return datagram({.action = action, .minor = minor});
+    };
+    const struct {
+        const char* what;
+        std::vector<std::string> before;
+        std::string event;
+        int counted;
+    } rows[] = {
+        {"a card comes in", {}, disk("add", "0"), 1},
+        {"and is told of again", {disk("add", "0")}, disk("add", "0"), 0},
+        {"another one, and its \"remove\" got lost", {disk("add", "0")}, disk("add", "8"), 1},
+        {"it goes", {disk("add", "0")}, disk("remove", "0"), 1},
+        {"the same one comes back", {disk("add", "0"), disk("remove", "0")}, disk("add", "0"), 1},
+        {"one goes that is not known", {}, disk("remove", "0"), 1},
+        {"one comes without a minor", {}, "add@/x\0ACTION=add\0MAJOR=179\0DEVNAME=mmcblk0\0DEVTYPE=disk\0"s, 1},
+        {"a disk changes", {disk("add", "0")}, disk("change", "0"), 0},
+        {"a partition comes", {disk("add", "0")}, part_event("add", 1), 0},
+        {"a partition goes", {disk("add", "0"), part_event("add", 1)}, part_event("remove", 1), 0},
+        {"another kind of device", {disk("add", "0")}, datagram({.major = "8", .minor = "16"}), 0},
+        {"a device of no type", {disk("add", "0")}, datagram({.minor = "8", .type = "foo"}), 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        again();
+        for (const auto& event : row.before) {
+            (void)parse(event);
+        }
+        const uint32_t before = mmc_get_insertion();
+        (void)parse(row.event);
+        EXPECT_EQ(mmc_get_insertion() - before, static_cast<uint32_t>(row.counted));
+    }
+}
+
+TEST_F(mmc, card_that_does_not_open_is_an_insertion_too) {
+    kernel::fail("open", ENOENT);
+    const uint32_t before = mmc_get_insertion();
+    (void)parse(disk_event("add"));
+    EXPECT_EQ(mmc_get_insertion() - before, 1U);
+}
+
+TEST_F(mmc, rescan_counts_only_another_disk) {
+    kernel::make_dir("/sys/block/mmcblk0");
+    kernel::write("/proc/partitions", " 179 0 1000 mmcblk0\n 179 1 999 mmcblk0p1\n");
+    const uint32_t at_first = mmc_get_insertion();
+    EXPECT_EQ(mmc_rescan(), 0);
+    EXPECT_EQ(mmc_get_insertion() - at_first, 1U) << "there was none";
+    EXPECT_EQ(mmc_rescan(), 0);
+    kernel::write("/proc/partitions", " 179 0 1000 mmcblk0\n");
+    EXPECT_EQ(mmc_rescan(), 0);
+    EXPECT_EQ(mmc_get_insertion() - at_first, 1U) << "the same";
+    kernel::write("/proc/partitions", " 179 8 1000 mmcblk0\n");
+    EXPECT_EQ(mmc_rescan(), 0);
+    EXPECT_EQ(mmc_get_insertion() - at_first, 2U) << "another";
+    kernel::write("/proc/partitions", "");
+    EXPECT_EQ(mmc_rescan(), 0);
+    EXPECT_EQ(mmc_get_insertion() - at_first, 3U) << "none any more";
+}
+
+TEST_F(mmc, node_is_known_when_it_is_the_device_in_the_table) {
+    (void)parse(disk_event("add"));
+    (void)parse(part_event("add", 1));
+    (void)parse(part_event("add", 2));
+    const auto is_known = [](const char* path, unsigned minor, unsigned major = MMC_BLOCK_MAJOR,
+                             mode_t type = S_IFBLK) {
+        set_node(path, minor, major, type);
+        return mmc_is_node_known(path);
+    };
+    EXPECT_FALSE(mmc_is_node_known("/dev/mmcblk0")) << "there is no node";
+    EXPECT_TRUE(is_known("/dev/mmcblk0", 0));
+    EXPECT_TRUE(is_known("/dev/mmcblk0p1", 1));
+    EXPECT_TRUE(is_known("/dev/mmcblk0p2", 2));
+    EXPECT_FALSE(is_known("/dev/mmcblk0", 8)) << "another card's";
+    EXPECT_FALSE(is_known("/dev/mmcblk0p1", 9));
+    EXPECT_FALSE(is_known("/dev/mmcblk0p1", 2)) << "in the table, under another path";
+    EXPECT_FALSE(is_known("/dev/mmcblk0", 0, 8)) << "another major";
+    EXPECT_FALSE(is_known("/dev/mmcblk0", 0, MMC_BLOCK_MAJOR, S_IFCHR));
+    EXPECT_FALSE(is_known("/dev/mmcblk0", 0, MMC_BLOCK_MAJOR, S_IFREG));
+    EXPECT_FALSE(is_known("/dev/mmcblk0p3", 3)) << "not in the table";
+    EXPECT_FALSE(is_known("/dev/mmcblk1", 0));
+    EXPECT_FALSE(is_known("", MMC_MINOR_NONE));
+    set_node("/dev/mmcblk0p1", 1);
+    (void)parse(part_event("remove", 1));
+    EXPECT_FALSE(mmc_is_node_known("/dev/mmcblk0p1")) << "not in the table any more";
+    set_node("/dev/mmcblk0p2", 2);
+    (void)parse(disk_event("remove"));
+    EXPECT_FALSE(mmc_is_node_known("/dev/mmcblk0p2"));
+    EXPECT_FALSE(mmc_is_node_known("/dev/mmcblk0"));
+}
+
 TEST_F(mmc, state_follows_the_kernels_read_only_flag) {
     PROMISE("the state is worked out",
             "the kernel's read-only flag makes it writable or read-only, whatever it was; without a disk it is none; "

@@ -15,6 +15,13 @@ namespace {
 
 const char JOB[] = "job";
 
+void note(const std::string& step) {
+    world.steps.push_back(step);
+    if (world.after) {
+        world.after(step);
+    }
+}
+
 void on_closure_done(closure_frame* frame, void* argument) {
     EXPECT_EQ(argument, JOB);
     EXPECT_EQ(frame->top, frame->slots - 1) << "nothing is left on the stack";
@@ -47,7 +54,7 @@ void run(closure_frame* frame, const char* const* argv) {
     for (; *argv != nullptr; ++argv) {
         step += std::string(" ") + *argv;
     }
-    world.steps.push_back(step);
+    note(step);
     outcome how;
     if (!world.runs.empty()) {
         how = world.runs.front();
@@ -87,6 +94,27 @@ void job::end(closure_status status, int32_t result) {
     finish(waiting, {status, result});
 }
 
+const std::vector<job::swap>& job::swaps() {
+    static const std::vector<swap> all = {
+        {"whose events have come", [] { ++world.insertion; }},
+        {"that nobody has heard of yet",
+         [] {
+             world.strange_nodes = {"/dev/mmcblk0", "/dev/mmcblk0p1"};
+         }},
+        {"by whose disk alone it shows", [] { world.strange_nodes = {"/dev/mmcblk0"}; }},
+    };
+    return all;
+}
+
+void job::swap_after(const std::string& step, const swap& how) {
+    world.after = [step, happens = how.happens, is_done = false](const std::string& noted) mutable {
+        if (!is_done && noted.starts_with(step)) {
+            is_done = true;
+            happens();
+        }
+    };
+}
+
 strings job::lines_of(const std::string& level) {
     strings found;
     for (const auto& line : logged::lines()) {
@@ -104,7 +132,7 @@ strings job::lines_of(const std::string& level) {
 using rig::world;
 
 void cl_next_umount(closure_frame* frame) {
-    world.steps.emplace_back("umount");
+    rig::note("umount");
     rig::operate(frame, world.umount);
 }
 
@@ -121,22 +149,31 @@ mmc_manager* mmc_get_manager() {
     return &world.mmc;
 }
 
+uint32_t mmc_get_insertion() {
+    return world.insertion;
+}
+
+bool mmc_is_node_known(const char* path) {
+    errno = ENOENT;
+    return world.strange_nodes.count(path) == 0;
+}
+
 int mmc_partprobe() {
-    world.steps.emplace_back("partprobe");
+    rig::note("partprobe");
     return rig::answer(world.partprobe_errno);
 }
 
 int mmc_eject() {
-    world.steps.emplace_back("eject");
+    rig::note("eject");
     return rig::answer(world.eject_errno);
 }
 
 int mountpoint_mount() {
-    world.steps.emplace_back("mount");
+    rig::note("mount");
     errno = EPIPE;
     return world.mount_result;
 }
 
 void mountpoint_clear_mask() {
-    world.steps.emplace_back("clear_mask");
+    rig::note("clear_mask");
 }

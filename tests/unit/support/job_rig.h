@@ -3,7 +3,9 @@
 #pragma once
 
 #include <deque>
+#include <functional>
 #include <gtest/gtest.h>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -25,6 +27,9 @@ struct outcome {
 // What the neighbours say, and what they were asked, in order. Whatever disturbs errno on a camera does it here.
 struct neighbours {
     mmc_manager mmc;
+    uint32_t insertion = 0;
+    std::set<std::string, std::less<>> strange_nodes;    // paths where there is another device than the table has
+    std::function<void(const std::string& step)> after;  // sees each step that was noted
     outcome umount;
     std::deque<outcome> runs;          // of the runner's children; empty: succeeds at once
     int partprobe_errno = 0;           // not 0: mmc_partprobe fails with it
@@ -52,6 +57,15 @@ class job : public testing::Test {
 
     // Ends the operation that was started last.
     static void end(closure_status status, int32_t result);
+
+    // What happens behind the job's back, right after the first step that begins with `step`: each of these is another
+    // card.
+    struct swap {
+        const char* what;
+        void (*happens)();
+    };
+    static const std::vector<swap>& swaps();
+    static void swap_after(const std::string& step, const swap& how);
 
     // Lines of a level, for example "err ".
     static strings lines_of(const std::string& level);

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/stat.h>
 #include <vector>
 
 #include "mmc.h"
@@ -17,6 +18,9 @@ using list = std::vector<std::string>;
 extern int refresh_delays;  // calls of mountpoint_refresh_delay
 
 bool is_open(int fd);
+
+// Puts the device node of this minor at the path; a block device of the card's major unless told otherwise.
+void set_node(const std::string& path, unsigned minor, unsigned major = MMC_BLOCK_MAJOR, mode_t type = S_IFBLK);
 
 // The partitions in the table. Fails the test when their names and paths do not go together.
 list names();
