@@ -1,6 +1,6 @@
 // One run is one exec_ctx, from the call to the child's end. libev calls on_child_exit before anything else of the same
-// round, the child's output included: what is still in the pipe then is not read. Kept so: only fuser's output is
-// captured, what gets lost is a line in a report, and the next round asks again. It is rare: once in some 700 runs of
+// round, the child's output included: what is still in the pipe then is not read. Only fuser's output is captured, what
+// gets lost is a line in a report, and the next round asks again. It is rare: once in some 700 runs of
 // fuser on a workbench, and that one had much else to do.
 //
 // A run has no time limit. A child that waits for the end of its input waits for ever, because the pipe stays open

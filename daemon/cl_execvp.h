@@ -12,7 +12,7 @@ struct closure_frame;
 void cl_next_execvp(closure_frame* frame, const char* const* argv);
 
 // The same, with up to size - 1 bytes of the program's standard output in buffer, always NUL-terminated at the end.
-// buffer: the caller's, until the frame is completed.
+// buffer: the caller's, until the frame is completed. size: at least 1.
 void cl_next_execvp_read(closure_frame* frame, const char* const* argv, char* buffer, uint32_t size);
 
 // The same, with `length` bytes of data as the program's standard input. data: the caller's, until the frame is

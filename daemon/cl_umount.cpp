@@ -1,7 +1,7 @@
 // A card that somebody holds open is tried ten times: at once, and then nine times with half a second before each try.
 // Behind each of those nine that fails, fuser says who holds the card, and the statistics channel hears of it. Between
-// the tries the loop serves everything else; the frame stays busy, so that nobody starts a second job or derives a
-// state from a half-finished one.
+// the tries the loop serves everything else; the frame stays busy, so that no second job begins and no event leads to
+// another state. (The 30-minute refresh does not ask.)
 #include "cl_umount.h"
 
 #include <errno.h>

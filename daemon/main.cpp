@@ -52,7 +52,7 @@ void on_invoke_pending(struct ev_loop* loop) {
 }
 
 // The dump is written with nothing but what a signal handler may call: snprintf may lock or allocate, write does not.
-// A descriptor 2 that takes no more ends the dump, never the abort behind it.
+// A descriptor 2 that refuses a piece costs this piece of the dump, never the abort behind it.
 void dump(std::string_view text) {
     while (!text.empty()) {
         const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
@@ -119,6 +119,8 @@ int main(int argc, char** argv) {
         perror("app_init");
         return 1;
     }
+    // A tool that ends before it has read its input: the write is to fail, and not to end the process.
+    (void)signal(SIGPIPE, SIG_IGN);
     (void)kv_init();  // a service that is away is tried again every second
     // Without memory for these nobody can ask for a format or an eject by key; the rest works.
     (void)kv_register("mem", "default", "spec_sdcard_format", on_spec_sdcard_format, nullptr);

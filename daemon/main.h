@@ -19,7 +19,8 @@ extern std::atomic<pthread_t> bus_guard_thread;
 static_assert(std::atomic<pthread_t>::is_always_lock_free);
 
 // The start of the region, saved without the signal mask: SIGBUS stays blocked in the loop thread after a recovery, and
-// the kernel ends the process at that thread's next fault.
+// the kernel ends the process at that thread's next fault. The tools that it starts inherit the blocked signal; the
+// threads that delete clips unblock it.
 extern sigjmp_buf bus_guard_jmp;
 
 // The action for SIGBUS; records_init installs it, without SA_SIGINFO. In the guarded region it jumps and prints

@@ -25,7 +25,8 @@ using std::string_view;
 
 namespace {
 
-constexpr size_t UEVENT_MAX = 4096;          // bytes of a datagram that are looked at; the kernel's own limit is 2048
+constexpr size_t UEVENT_MAX =
+    4096;  // bytes of a datagram that are looked at; the kernel's have 2048 at most behind the header
 constexpr unsigned KERNEL_UEVENT_GROUP = 1;  // what the kernel says, not what a user-space device manager makes of it
 constexpr int UEVENT_PRIORITY = 1;           // the table is up to date before anybody at the default priority reads it
 
@@ -118,7 +119,10 @@ void new_disk(const char* name, uint32_t minor) {
     mmc_block_set(&manager.disk, name, minor);
     // The kernel announces the disk before its device node can be opened. Holding up the whole loop is deliberate: the
     // partitions' events wait in the socket meanwhile and are applied after the disk's.
-    sleep(1);
+    timespec left = {.tv_sec = 1, .tv_nsec = 0};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+        // A signal, say of the tool of a job that the card was pulled from, makes the pause no shorter.
+    }
     const int opened = open_disk();
     const int error = errno;
     printf("bdev.disk.path is %s\n", manager.disk.path);
@@ -239,8 +243,8 @@ void uevent_on_readable(struct ev_loop*, ev_io*, int) {
         }
     }
     // An empty datagram ends the batch as well. It sets no errno, so that whatever stood there before the receive is
-    // judged in its place. Kept so: the kernel sends none, and a sender that may is root's business.
-    // ENOMEM ends the batch like EAGAIN; what the socket dropped then is not looked for.
+    // judged in its place. The kernel sends none; only root may send here, and whoever is root may end the daemon
+    // anyway. ENOMEM ends the batch like EAGAIN; what the socket dropped then is not looked for.
     if (receive_error != EAGAIN && receive_error != ENOMEM) {
         device_crit("Can not receive message on NETLINK socket: %s", strerror(receive_error));
         abort();
@@ -458,7 +462,8 @@ int mmc_partprobe() {
 }
 
 int mmc_read_stat() {
-    if (manager.state != MMC_STATE_RDWR) {
+    // Without a name: a rescan that could not read the kernel's list leaves the table empty and the state as it was.
+    if (manager.state != MMC_STATE_RDWR || manager.disk.name == nullptr) {
         errno = EINVAL;
         return -1;
     }

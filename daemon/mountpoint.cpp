@@ -401,7 +401,8 @@ void mountinfo_refresh_state() {
             found = mountpoint_try_mount() == 0 ? MOUNT_OK : MOUNT_FAILED;
         }
         // With the card mounted by hand elsewhere this opens the folder below an empty MOUNTPOINT_PATH, on the
-        // camera's own flash. Kept so: whoever mounts the card by hand has the camera in hand.
+        // camera's own flash. The recorder writes there too, and counts on the folder; and people who mount the card by
+        // hand have the camera at hand.
         if (found == MOUNT_OK && access(MOUNTPOINT_PATH, W_OK) == 0) {
             record_dir_open();  // at every refresh; free while the folder is open
         }

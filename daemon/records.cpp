@@ -270,7 +270,7 @@ int motion_event_record_delete(const char* component) {
     char path[64];  // a component too long to be a period's is cut
     int result;
     // The second attempt looks for a message file that the first one has removed, so it ends with ENOENT unless the
-    // detector has written a new one in between. Kept as it stands.
+    // detector has written a new one in between: that one is not to stay behind in a directory without a clip.
     for (int attempts = 0;; attempts = 1) {
         snprintf(path, sizeof path, "%s%s%s", MOTION_DIR, component, MOTION_MESSAGE);
         if (unlink(path) < 0) {
@@ -424,6 +424,12 @@ bool worker_goes_on(int processed) {
 // A worker's body. It calls nothing of the record list library but kyt_ts2path, which may run beside everything else.
 // A bus fault in here is outside of the guard and ends the process.
 void* thread_Del_list_File(void*) {
+    // The loop thread's mask is inherited, and after a recovery SIGBUS is blocked in there: a fault in here would end
+    // the process without the dump.
+    sigset_t bus_fault;
+    sigemptyset(&bus_fault);
+    sigaddset(&bus_fault, SIGBUS);
+    (void)pthread_sigmask(SIG_UNBLOCK, &bus_fault, nullptr);
     char path[CLIP_PATH_SIZE] = "";
     int processed = 0;
     do {

@@ -28,7 +28,8 @@ constexpr int32_t NOT_SLOW = -1;  // one second before 1970 the clock says the s
 
 }  // namespace
 
-// Unknown until the first derivation is through, so that nobody's refresh comes before it.
+// Not zero, which would be "normal": unknown until the first derivation is through, so that no refresh comes before it.
+// For the same reason the card is not slow since 1970.
 sdcard_manager sd = {.state = SDCARD_UNKNOWN,
                      .refresh_timer = {},
                      .info_timer = {},
@@ -98,7 +99,8 @@ void set_update_images_aside() {
     }
 }
 
-// Does not ask whether a job runs: from then to its end a derived state may stand in the place of the job's. Accepted.
+// Does not ask whether a job runs: a derived state may replace the job's until the job ends. The recorder depends on
+// it: a job that never ends, because a tool hangs, must not keep a stale state published for ever.
 void on_timer_refresh(struct ev_loop*, ev_timer*, int) {
     sdcard_update_state();
 }
@@ -199,7 +201,10 @@ void begin_job(const card_job& job) {
     sd.closure.status = CLOSURE_BUSY;
 }
 
-// The length is not looked at: behind every value there is a NUL, at which the comparison stops.
+// The length is not looked at. Our configuration client ends every value with a NUL, at which the comparison stops. The
+// device's own promises none: there a value shorter than five bytes is compared with up to four bytes of what follows
+// it, and only "s" to "star" can come so far. Programs that ask for a job write "start", with or without something
+// after it, and all of them have to be understood.
 bool is_request(const char* value) {
     return value != nullptr && strncmp(value, "start", 5) == 0;
 }
@@ -241,11 +246,11 @@ sdcard_state merge_state() {
         return SDCARD_BROKEN;
     }
     // Multiplied unsigned, where nothing overflows; the block size is a signed number, and so is what comes out.
-    const auto free_bytes =
-        static_cast<int64_t>(static_cast<uint64_t>(space.f_bavail) * static_cast<uint64_t>(int64_t{space.f_bsize}));
+    const auto free_bytes = static_cast<int64_t>(static_cast<uint64_t>(space.f_bavail) *
+                                                 static_cast<uint64_t>(static_cast<int64_t>(space.f_bsize)));
     const auto free_kib = static_cast<uint32_t>(free_bytes / 1024);
     if (free_kib < SDCARD_FULL_KIB) {
-        // While the card is full every look at it logs this anew; that is how it stands.
+        // Every look at a full card logs this again: who reads the log sees the free space at each deletion.
         log_info("size available: %lu KiB", static_cast<unsigned long>(free_kib));
         return SDCARD_FULL;
     }
@@ -351,7 +356,7 @@ int sdcard_eject() {
     return 0;
 }
 
-// Nobody asks for a check yet: no key, action or timer leads here.
+// No key, action or timer leads here yet. It is in the program all the same, and works: the linker is told to keep it.
 int sdcard_fsck() {
     if (refuse_while_busy("sdcard_fsck") < 0) {
         return -1;

@@ -75,7 +75,7 @@ int __wrap_access(const char* path, int) {
     return length % 2 == 0 ? 0 : -1;  // some disks, some partitions
 }
 
-unsigned __wrap_sleep(unsigned) {
+int __wrap_nanosleep(const timespec*, timespec*) {
     return 0;
 }
 

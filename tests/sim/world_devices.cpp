@@ -313,9 +313,10 @@ ssize_t __wrap_recv(int fd, void* buffer, size_t size, int flags) {
     return static_cast<ssize_t>(length);
 }
 
-unsigned __wrap_sleep(unsigned seconds) {
-    if (seconds != 1) {
-        violation("sleep of %u s", seconds);
+int __wrap_nanosleep(const timespec* wanted, timespec*) {
+    if (wanted->tv_sec != 1 || wanted->tv_nsec != 0) {
+        violation("a pause of %lld s and %lld ns", static_cast<long long>(wanted->tv_sec),
+                  static_cast<long long>(wanted->tv_nsec));
     }
     spend(SECOND);
     return 0;

@@ -110,11 +110,15 @@ std::string file_content(const std::string& path) {
     return text.str();
 }
 
-int ended;  // how often the continuation ran
+int ended;              // how often the continuation ran
+long allocated_at_end;  // when it ran last
+std::set<int> open_at_end;
 
 void on_done(closure_frame*, void* argument) {
     EXPECT_EQ(argument, &ended);
     ++ended;
+    allocated_at_end = allocated;
+    open_at_end = descriptors();
 }
 
 class cl_execvp : public testing::Test {
@@ -324,6 +328,36 @@ TEST_F(cl_execvp, status_that_is_no_end) {
     EXPECT_EQ(logged::lines(), list{"warning /bin/sh: exit with unexpected status 0x137f"});
     open_gate();
     turn_until("it is reaped all the same", [&] { return kill(pid, 0) != 0; });
+}
+
+// The kernel's bit for a core dump, which this machine may not write.
+TEST_F(cl_execvp, killed_with_a_core_dump) {
+    make_gate();
+    start_sh("read x <&9");
+    const pid_t pid = child_started->pid;
+    child_started->rstatus = SIGSEGV | 0x80;
+    ev_invoke(loop, child_started, EV_CHILD);
+    EXPECT_EQ(outcome(), "3 -1");
+    EXPECT_EQ(logged::lines(), list{"warning /bin/sh: exit with signal " + std::string(strsignal(SIGSEGV))});
+    open_gate();
+    turn_until("it is reaped all the same", [&] { return kill(pid, 0) != 0; });
+}
+
+// The next step may run for minutes: the last one's pipes and memory are not to wait for it.
+TEST_F(cl_execvp, nothing_of_a_run_is_left_when_the_next_step_begins) {
+    char buffer[8];
+    const std::function<void()> ways[] = {
+        [&] { start_sh("exit 0"); },
+        [&] { start_sh("exit 1"); },
+        [&] { start_read("echo x", buffer, sizeof buffer); },
+        [&] { start_write("read x", "x\n"); },
+    };
+    for (const auto& way : ways) {
+        way();
+        (void)outcome();
+        EXPECT_EQ(allocated_at_end, allocated_before);
+        EXPECT_EQ(open_at_end, before);
+    }
 }
 
 TEST_F(cl_execvp, long_names_are_cut_in_messages) {
@@ -541,6 +575,24 @@ TEST_F(cl_execvp, child_that_ends_with_input_unread) {
     wait_for_zombie();  // so that its end is seen before the broken pipe, with writing still under way
     EXPECT_EQ(outcome(), "2 0") << "what it did not want is no failure";
     EXPECT_FALSE(logged::has("debug exec-sh: all stdin data has been sent."));
+}
+
+// Told of as writable and then full: what is left is not sent, as with any other error.
+TEST_F(cl_execvp, input_that_cannot_be_written) {
+    make_gate();
+    start_write("read x <&9", std::string(1 << 20, 'x'));
+    ASSERT_EQ(io_started.size(), 1U);
+    ev_io* const watcher = io_started[0];
+    ev_invoke(loop, watcher, EV_WRITE);
+    EXPECT_TRUE(ev_is_active(watcher)) << "a part of it went into the pipe";
+    for (int i = 0; i < 100 && ev_is_active(watcher); ++i) {
+        ev_invoke(loop, watcher, EV_WRITE);  // EAGAIN, once it is full
+    }
+    EXPECT_FALSE(ev_is_active(watcher));
+    EXPECT_EQ(ended, 0);
+    open_gate();
+    EXPECT_EQ(outcome(), "2 0");
+    EXPECT_TRUE(logged::lines().empty());
 }
 
 TEST_F(cl_execvp, no_input_to_send) {

@@ -75,6 +75,10 @@ void rpc_send_alert_umount_fail(int32_t count, const char (*names)[RPC_FUSER_NAM
     alerts.push_back(all);
 }
 
+namespace {
+void* record;  // allocated last and not freed
+}
+
 extern "C" {
 
 void __real_ev_timer_start(struct ev_loop*, ev_timer*);
@@ -90,7 +94,18 @@ void __wrap_ev_timer_start(struct ev_loop* loop, ev_timer* timer) {
 
 void* __real_malloc(size_t size);
 void* __wrap_malloc(size_t size) {
-    return kernel::must_fail("malloc") ? nullptr : __real_malloc(size);
+    if (kernel::must_fail("malloc")) {
+        return nullptr;
+    }
+    record = __real_malloc(size);
+    return record;
+}
+void __real_free(void* block);
+void __wrap_free(void* block) {
+    if (block == record) {
+        record = nullptr;
+    }
+    __real_free(block);
 }
 void* __real_calloc(size_t count, size_t size);
 void* __wrap_calloc(size_t count, size_t size) {
@@ -105,6 +120,7 @@ list ended;  // "<status> <result>" whenever the job's next step ran
 
 void next_step(closure_frame* frame, void* argument) {
     EXPECT_EQ(argument, &ended);
+    EXPECT_EQ(record, nullptr) << "freed before the next step, which may take minutes";
     ended.push_back(std::to_string(frame->status) + " " + std::to_string(frame->result));
     closure_return(frame);
 }
@@ -327,6 +343,7 @@ TEST_F(cl_umount, reports_who_holds_the_card) {
          "1001 71 1002 72 73 1003 74 75 76",
          {"recorder", "sh", "a b", "n4", "n5"}},
         {"gone ones only", "1001 1002", {}},
+        {"only blanks and newlines are between two", "71\t72 73\v74\n75\r76", {"recorder", "a b", "n5"}},
         {"no number", "/mnt/sdcard: cannot 71", {"recorder"}},
         {"a number with letters behind it", "71c 72m", {"recorder", "sh"}},
         {"signs and nonsense", "-71 - + 0 99999999999999999999 -2147483648 72", {"sh"}},

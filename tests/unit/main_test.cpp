@@ -195,6 +195,23 @@ TEST_F(MainTest, StartsInOrderAndStopsInReverse) {
     EXPECT_EQ(outcome.error, "");
 }
 
+// The daemon writes to tools that may end before they have read it all, and the device's framework need not see to it.
+TEST_F(MainTest, WritingToAPipeThatNobodyReadsIsNoEnd) {
+    const auto outcome = child::run([] {
+        signal(SIGPIPE, SIG_DFL);
+        during_app_run = [] {
+            int ends[2];
+            EXPECT_EQ(pipe(ends), 0);
+            close(ends[0]);
+            EXPECT_EQ(write(ends[1], "x", 1), -1);
+            EXPECT_EQ(errno, EPIPE);
+        };
+        EXPECT_EQ(run_main(), 0);
+    });
+    EXPECT_TRUE(outcome.exited_with(0));
+    EXPECT_EQ(outcome.error, "");
+}
+
 TEST_F(MainTest, DescribesItselfToTheFramework) {
     PROMISE("the framework asks who is there",
             "the name \"vesk_sdcard\", padded with NULs, the table of actions, the other words zero, the command line "

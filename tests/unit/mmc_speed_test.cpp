@@ -113,6 +113,12 @@ TEST_F(mmc_speed, disk_is_found_by_its_name) {
     kernel::write("/sys/block/mmcblk1/stat", "1 2 3 4 5 6 77 8 9 10 11\n");
     EXPECT_EQ(mmc_read_stat(), 0);
     EXPECT_EQ(m->stat.write_sectors, 77U);
+
+    const std::string longest(32, 'n');
+    mmc_new_block(longest.c_str(), 16, MMC_BLOCK_DISK);
+    kernel::write("/sys/block/" + longest + "/stat", "1 2 3 4 5 6 78 8 9 10 11\n");
+    EXPECT_EQ(mmc_read_stat(), 0);
+    EXPECT_EQ(m->stat.write_sectors, 78U);
 }
 
 TEST_F(mmc_speed, time_and_counters_keep_their_low_32_bits) {

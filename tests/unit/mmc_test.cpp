@@ -220,10 +220,44 @@ TEST_F(mmc, new_disk_waits_a_second_before_it_is_opened) {
     testing::internal::CaptureStdout();
     mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "bdev.disk.path is /dev/mmcblk0\n");
-    EXPECT_EQ(kernel::calls(), (list{"sleep 1", "open /dev/mmcblk0"}));
+    EXPECT_EQ(kernel::calls(), (list{"sleep 1000 ms", "open /dev/mmcblk0"}));
     ASSERT_GE(m->disk_fd, 0);
-    EXPECT_EQ(fcntl(m->disk_fd, F_GETFL) & O_ACCMODE, O_RDWR);
+    // Nothing else: with O_EXCL, say, no partition could be mounted any more.
+    EXPECT_EQ(kernel::on().open_flags, O_RDWR | O_CLOEXEC);
     EXPECT_EQ(fcntl(m->disk_fd, F_GETFD), FD_CLOEXEC);
+}
+
+// The end of a tool, for one, whose card was pulled and replaced while it ran.
+TEST_F(mmc, pause_for_a_new_disk_is_not_shortened_by_signals) {
+    interruptions = 2;
+    mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
+    EXPECT_EQ(slept_ms, 1000);
+    EXPECT_EQ(kernel::calls(), (list{"sleep 1000 ms", "sleep 700 ms", "sleep 400 ms", "open /dev/mmcblk0"}));
+}
+
+// The line names a disk that is open: it comes after the pause and the open, whose outcome it does not tell.
+TEST_F(mmc, new_disk_is_told_after_it_was_opened) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
+    fflush(stdout);
+    const int kept = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
+    ASSERT_EQ(dup2(ends[1], STDOUT_FILENO), STDOUT_FILENO);
+    char text[64] = "";
+    ssize_t before = 0;
+    kernel::on().before = [&](const char* call, const char*) {
+        if (strcmp(call, "open") == 0) {
+            fflush(stdout);
+            before = read(ends[0], text, sizeof text - 1);
+        }
+    };
+    mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
+    const ssize_t after = read(ends[0], text, sizeof text - 1);
+    dup2(kept, STDOUT_FILENO);
+    for (int fd : {ends[0], ends[1], kept}) {
+        close(fd);
+    }
+    EXPECT_EQ(before, -1) << text;
+    EXPECT_GT(after, 0);
 }
 
 // The line must not lie in a buffer: the process may abort, and a child would write it again.
@@ -413,6 +447,25 @@ TEST_F(mmc, block_by_minor) {
     EXPECT_EQ(mmc_get_block(2), nullptr) << "nor when it is the only one left";
 }
 
+// The kernel gives no minor twice; events that were lost may leave it there.
+TEST_F(mmc, block_by_a_minor_that_occurs_twice) {
+    mmc_new_block("mmcblk0", 1, MMC_BLOCK_DISK);
+    mmc_new_block("mmcblk0p1", 1, MMC_BLOCK_PARTITION);
+    mmc_new_block("mmcblk0p2", 2, MMC_BLOCK_PARTITION);
+    mmc_new_block("mmcblk0p3", 2, MMC_BLOCK_PARTITION);
+    EXPECT_EQ(mmc_get_block(1), &m->disk) << "the disk before a partition";
+    EXPECT_EQ(mmc_get_block(2), &m->partitions[1]) << "the first partition";
+}
+
+TEST_F(mmc, numbers_are_decimal_whatever_they_begin_with) {
+    EXPECT_EQ(parse(datagram({.minor = "010"})), 0);
+    EXPECT_EQ(m->disk.minor, 10U);
+    EXPECT_EQ(parse(datagram({.major = "0xb3", .minor = "1"})), -1);
+    EXPECT_EQ(m->disk.minor, 10U);
+    EXPECT_EQ(parse(datagram({.major = "0179", .minor = "0x8"})), 0);
+    EXPECT_EQ(m->disk.minor, 0U);
+}
+
 // --- which card it is ----------------------------------------------------------------------------------------------
 
 TEST_F(mmc, each_insertion_has_a_number_of_its_own) {
@@ -527,6 +580,7 @@ TEST_F(mmc, state_follows_the_kernels_read_only_flag) {
         mmc_refresh_rdonly();
         EXPECT_EQ(mmc_get_state(), row.after) << row.before << row.flag;
         EXPECT_EQ(refresh_delays, ++rounds);
+        EXPECT_EQ(state_at_delay, row.after) << "asked for when the state is known";
     }
     m->state = MMC_STATE_EJECTED;
     mmc_remove_block("mmcblk0", 0, MMC_BLOCK_DISK);
@@ -602,6 +656,7 @@ TEST_F(mmc, rescan_builds_the_table_anew) {
     ASSERT_GE(m->disk_fd, 0);
     EXPECT_EQ(fcntl(m->disk_fd, F_GETFL) & O_ACCMODE, O_RDWR);
     EXPECT_EQ(fcntl(m->disk_fd, F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(kernel::on().access_mode, F_OK) << "whether it is there, and no more";
 }
 
 TEST_F(mmc, rescan_without_a_card) {
@@ -630,6 +685,12 @@ TEST_F(mmc, rescan_without_the_kernels_list_leaves_the_table_empty_and_the_state
     EXPECT_EQ(m->state, MMC_STATE_RDWR);
     EXPECT_EQ(refresh_delays, 1) << "only the one before";
     EXPECT_TRUE(logged::lines().empty());
+    // A state without a disk: nothing asks for the statistics of a disk that has no name.
+    kernel::forget_calls();
+    errno = 0;
+    EXPECT_EQ(mmc_read_stat(), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_TRUE(kernel::calls().empty());
 }
 
 TEST_F(mmc, rescan_with_a_disk_that_does_not_open) {

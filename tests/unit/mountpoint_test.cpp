@@ -34,6 +34,8 @@ list told;  // calls into the neighbours, in order
 sdcard_state merged;
 int errno_of_close;
 bool knows_every_device;
+uint32_t mask_at_close;  // at the last record_dir_close
+size_t lines_at_merge;   // of the log, at the last merge_state
 }  // namespace
 
 mmc_manager* mmc_get_manager() {
@@ -53,6 +55,7 @@ mmc_block* mmc_get_block(uint32_t minor) {
 
 sdcard_manager sd;
 sdcard_state merge_state() {
+    lines_at_merge = logged::lines().size();
     told.push_back("merge_state while " + std::to_string(mountpoint_get_manager()->mounted));
     return merged;
 }
@@ -66,6 +69,7 @@ void record_dir_open() {
 void record_dir_close(int dirty) {
     told.push_back("record_dir_close " + std::to_string(dirty) + " after " + std::to_string(kernel::count("umount")) +
                    " umounts");
+    mask_at_close = mountpoint_get_manager()->mask;
     errno = errno_of_close;
 }
 
@@ -498,6 +502,8 @@ TEST_F(mountpoint, umount_closes_the_recordings_first) {
     EXPECT_EQ(flags, 0);
     EXPECT_EQ(told, (list{"record_dir_close 0 after 0 umounts", "merge_state while 1", REPORTED_NONE}));
     EXPECT_EQ(logged::lines(), list{"info sdcard: mountpoint: Umount successful"});
+    EXPECT_EQ(mask_at_close, 1U) << "held off from the first moment";
+    EXPECT_EQ(lines_at_merge, 1U) << "told before it is reported";
     EXPECT_EQ(m->mounted, MOUNT_NONE);
     EXPECT_EQ(m->mask, 1U);
 }
@@ -508,13 +514,16 @@ TEST_F(mountpoint, umount_that_the_kernel_refuses) {
         "-1 with its errno, not that of closing the recordings; still mounted, held off, nothing logged or reported");
     m->mounted = MOUNT_OK;
     errno_of_close = EIO;
-    kernel::fail("umount", EBUSY);
-    EXPECT_EQ(mountpoint_umount(), -1);
-    EXPECT_EQ(errno, EBUSY);
-    EXPECT_EQ(m->mounted, MOUNT_OK);
-    EXPECT_EQ(m->mask, 1U);
-    EXPECT_EQ(told, list{"record_dir_close 0 after 0 umounts"});
-    EXPECT_TRUE(logged::lines().empty());
+    for (const int errnum : {EBUSY, EINVAL, EPERM, ENOMEM}) {
+        forget();
+        kernel::fail("umount", errnum);
+        EXPECT_EQ(mountpoint_umount(), -1);
+        EXPECT_EQ(errno, errnum);
+        EXPECT_EQ(m->mounted, MOUNT_OK);
+        EXPECT_EQ(m->mask, 1U);
+        EXPECT_EQ(told, list{"record_dir_close 0 after 0 umounts"});
+        EXPECT_TRUE(logged::lines().empty());
+    }
 }
 
 TEST_F(mountpoint, umount_of_nothing_holds_automatic_mounting_off) {
@@ -538,6 +547,7 @@ TEST_F(mountpoint, umount_of_nothing_holds_automatic_mounting_off) {
     mountpoint_clear_mask();
     EXPECT_EQ(m->mask, 0U);
     EXPECT_TRUE(mounts().empty()) << "nothing else happens by itself";
+    EXPECT_FALSE(ev_is_active(&m->refresh_timer)) << "nor later";
     mountinfo_refresh_state();
     EXPECT_EQ(mounts().size(), 1U);
 }
@@ -577,6 +587,22 @@ TEST_F(mountpoint, refresh_delay_forgets_a_failure_and_arms_the_timer) {
         EXPECT_NEAR(timer_left(), 2.0, 0.001);
     }
     EXPECT_TRUE(told.empty()) << "not reported";
+}
+
+// Each change counts from its own time, also while the timer runs from an earlier one.
+TEST_F(mountpoint, each_change_of_devices_puts_the_look_off_again) {
+    mountpoint_refresh_delay();
+    ev_sleep(0.05);
+    ev_now_update(ev_default_loop(0));
+    ASSERT_LT(timer_left(), 1.96);
+    mountpoint_refresh_delay();
+    EXPECT_NEAR(timer_left(), 2.0, 0.001);
+
+    ev_sleep(0.05);
+    ev_now_update(ev_default_loop(0));
+    ASSERT_LT(timer_left(), 1.96);
+    EXPECT_EQ(mountpoint_mount(), 0);
+    EXPECT_NEAR(timer_left(), 2.0, 0.001) << "so does a mount on request";
 }
 
 TEST_F(mountpoint, status_is_reported_when_it_or_the_card_state_changed) {

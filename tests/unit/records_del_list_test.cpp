@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <pthread.h>
 #include <set>
@@ -263,6 +264,33 @@ TEST_F(records_del_list, the_index_forgets_at_once_and_the_files_go_later) {
     EXPECT_TRUE(logged::has(ended(2)));
     EXPECT_EQ(logged::lines().front(), "err del_list_thread_num = 1\n");
     EXPECT_EQ(logged::lines().back(), ended(2));
+}
+
+// After a bus fault that was survived the loop thread has the signal blocked, and its threads begin like it. A fault in
+// one of them is to end the process with the dump.
+TEST_F(records_del_list, a_worker_has_bus_faults_delivered) {
+    make(101);
+    std::atomic<int> is_blocked = -1;
+    const auto hold = kernel::on().before;
+    kernel::on().before = [&is_blocked](const char* call, const char*) {
+        if (strcmp(call, "unlink") == 0) {
+            sigset_t mask;
+            pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+            is_blocked = sigismember(&mask, SIGBUS);
+        }
+    };
+    sigset_t bus_fault;
+    sigemptyset(&bus_fault);
+    sigaddset(&bus_fault, SIGBUS);
+    pthread_sigmask(SIG_BLOCK, &bus_fault, nullptr);
+    commit({101});
+    await_workers();
+    sigset_t own;
+    pthread_sigmask(SIG_UNBLOCK, &bus_fault, &own);
+    EXPECT_EQ(0, is_blocked);
+    EXPECT_EQ(1, sigismember(&own, SIGBUS)) << "the loop thread's mask stays";
+    kernel::on().before = hold;
+    EXPECT_FALSE(has_files(101));
 }
 
 TEST_F(records_del_list, what_the_index_does_not_have_is_left_alone) {

@@ -509,6 +509,19 @@ TEST_F(records_delete, bus_fault_closes_the_list_and_nothing_else) {
     EXPECT_EQ(strings{}, rig::get().calls);
 }
 
+// The guard belongs to the walk and to the recovery; it is taken away once, at the end of both.
+TEST_F(records_delete, bus_fault_leaves_the_guard_set_until_the_list_is_closed) {
+    record({101});
+    rig::get().on_next = rig::fault;
+    int guarded = 0;
+    const auto look = [&] { guarded += pthread_equal(bus_guard_thread, pthread_self()) != 0 ? 1 : 0; };
+    rig::get().on_refresh = look;
+    rig::get().on_close = look;
+    EXPECT_EQ(-1, records_delete_oldest());
+    EXPECT_EQ(2, guarded);
+    EXPECT_EQ(pthread_t{}, bus_guard_thread.load());
+}
+
 TEST_F(records_delete, bus_fault_late_in_the_walk) {
     PROMISE("the card vanishes late in the walk", "the same, and the clip not reached is untouched");
     rig::add(101);

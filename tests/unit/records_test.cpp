@@ -82,9 +82,16 @@ TEST_F(records, init_installs_the_guard_and_subscribes) {
     struct sigaction action = {};
     sigaction(SIGBUS, nullptr, &action);
     EXPECT_EQ(on_sigbus, action.sa_sigaction);
-    EXPECT_EQ(0, action.sa_flags & SA_SIGINFO);
-    EXPECT_EQ(0, action.sa_flags & SA_NODEFER);
-    EXPECT_EQ(0, sigismember(&action.sa_mask, SIGTERM));
+    for (const int flag : {SA_SIGINFO, SA_NODEFER, SA_RESTART, SA_NOCLDSTOP, SA_NOCLDWAIT}) {
+        EXPECT_EQ(0, action.sa_flags & flag);
+    }
+    // Whose bits do not fit a signed number everywhere.
+    EXPECT_EQ(0U, static_cast<unsigned>(action.sa_flags) & static_cast<unsigned>(SA_RESETHAND));
+    EXPECT_EQ(0U, static_cast<unsigned>(action.sa_flags) & static_cast<unsigned>(SA_ONSTACK));
+    for (int signum = 1; signum < NSIG; ++signum) {
+        EXPECT_NE(1, sigismember(&action.sa_mask, signum)) << signum;
+    }
+    EXPECT_TRUE(rig::get().was_guard_installed) << "before anything else";
     EXPECT_EQ(strings{"kv_register mem default sdcard_kyt"}, rig::get().calls);
     EXPECT_EQ(nullptr, rig::get().announce_context);
     EXPECT_EQ(0, rig::get().timer_starts);

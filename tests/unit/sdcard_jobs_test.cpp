@@ -71,6 +71,7 @@ TEST_F(sdcard_jobs, publishes_its_state_runs_and_gives_the_card_its_own_state_ba
                 strings{std::string(ok ? "info" : "err") + " closure: " + job.name + (ok ? " successful" : " failed")},
                 logged::lines());
             EXPECT_EQ((strings{"sdcard_status=0", "sdcard_rw=rdwr"}), world.steps);
+            EXPECT_EQ(1U, world.lines_before_key) << "the end is told before the state is derived";
             EXPECT_EQ(ok ? CLOSURE_OK : CLOSURE_FAILED, sd.closure.status);
             EXPECT_EQ(closure_empty(&sd.closure), sd.closure.top);
         }
@@ -102,6 +103,7 @@ TEST_F(sdcard_jobs, only_one_at_a_time) {
             ASSERT_EQ(0, running.start());
             world.steps.clear();
             logged::reset();
+            logged::disturb_errno(EPIPE);
             errno = 0;
             EXPECT_EQ(-1, refused.start());
             EXPECT_EQ(EBUSY, errno);
@@ -136,6 +138,7 @@ TEST_F(sdcard_jobs, format_and_check_need_a_writable_card) {
     for (int state : {0, 2, 3, 9}) {
         world.mmc.state = static_cast<mmc_state>(state);
         logged::reset();
+        logged::disturb_errno(EPIPE);
         errno = 0;
         EXPECT_EQ(-1, sdcard_mkfs());
         EXPECT_EQ(EINVAL, errno);

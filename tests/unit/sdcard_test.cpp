@@ -262,6 +262,54 @@ TEST_F(sdcard, full_after_some_were_deleted) {
     EXPECT_EQ("err records_delete_oldest: Input/output error", logged::lines().back());
 }
 
+// A bus fault's recovery refreshes the state from inside the deletion, and may find the card broken. The state derived
+// before still is "full" and is published over it; the next refresh says "broken" again. It is left so: what the outer
+// derivation settles for is the outcome of the deletion that it asked for, and a state kept back here would be wrong
+// whenever the inner refresh was the one that came too early. Those who watch the key see 3, 2, 3.
+TEST_F(sdcard, state_derived_inside_a_deletion_is_derived_over) {
+    start();
+    fill();
+    world.delete_errno = EFAULT;
+    world.on_delete = [] {
+        world.on_delete = nullptr;
+        world.statfs_result = -1;
+        sdcard_refresh("records_delete_oldest");
+    };
+    sdcard_update_state();
+    const strings broken = {"sdcard_status=3", "sdcard_rw=none", "rpc_send_alert 4", "rpc_send_sdcard_info"};
+    strings steps = {"records_delete_oldest"};
+    steps.insert(steps.end(), broken.begin(), broken.end());
+    steps.insert(steps.end(), {"sdcard_status=2", "sdcard_rw=rdonly"});
+    EXPECT_EQ(steps, world.steps);
+    world.steps.clear();
+    sdcard_refresh("New Record");
+    EXPECT_EQ(broken, world.steps);
+}
+
+// Logging disturbs errno on a camera.
+TEST_F(sdcard, reasons_are_told_as_they_were) {
+    start();
+    logged::disturb_errno(EPIPE);
+    fill();
+    world.delete_errno = EFAULT;
+    sdcard_update_state();
+    EXPECT_EQ("err records_delete_oldest: Bad address", logged::lines().back());
+
+    sdcard_exit();
+    logged::reset();
+    logged::disturb_errno(EPIPE);
+    sdcard_init();
+    EXPECT_EQ(1, logged::count("warning Rename tf_recovery.img: No such file or directory"));
+    EXPECT_EQ(1, logged::count("warning Rename tf_all.img: No such file or directory"));
+}
+
+TEST_F(sdcard, what_is_not_negative_is_a_start) {
+    world.mountpoint_init_result = 1;
+    world.mmc_dev_init_result = 1;
+    sdcard_init();
+    EXPECT_EQ(SDCARD_NORMAL, sd.state);
+}
+
 TEST_F(sdcard, card_that_goes_while_clips_are_deleted) {
     PROMISE("the card fails while clips are deleted", "deleting ends, and the new state is published");
     fill();

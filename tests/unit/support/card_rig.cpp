@@ -52,7 +52,7 @@ int mmc_rescan() {
 }
 int mmc_calc_write_speed(uint32_t* written) {
     step("mmc_calc_write_speed");
-    if (world.speed >= 0) {
+    if (world.speed >= 0 && world.is_written) {
         *written = world.written;
     }
     errno = world.speed_errno;
@@ -93,6 +93,9 @@ void records_exit() {
 }
 int records_delete_oldest() {
     step("records_delete_oldest");
+    if (world.on_delete) {
+        world.on_delete();
+    }
     if (world.delete_errno != 0) {
         errno = world.delete_errno;
         return -1;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <deque>
+#include <functional>
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
@@ -31,12 +32,14 @@ struct neighbours {
     int mmc_dev_init_result = 0;
     int delete_errno = 0;               // not 0: records_delete_oldest fails with it
     std::deque<uint64_t> after_delete;  // f_bavail after each deletion
+    std::function<void()> on_delete;    // inside records_delete_oldest
     bool refresh_from_mountinfo = false;
     int speed = MMC_SPEED_NO_BASELINE;  // mmc_calc_write_speed
     int speed_errno = 0;
     bool is_next_report_due = false;   // at the last rpc_send_sdcard_info
     size_t lines_before_key = 0;       // of the log, at the last kvmem_set
-    uint32_t written = 0;              // sectors; told only when the speed is not negative
+    uint32_t written = 0;              // sectors; told only when the speed is not negative and is_written
+    bool is_written = true;            // false: the counters stood still, and nothing is told
     std::deque<int> random;            // what rand_range gives; empty: its lower end
     closure_frame* running = nullptr;  // the frame of a chain that was started and has not ended
     strings steps;                     // "mmc_rescan", "sdcard_status=0", "rpc_send_alert 5", "cl_next_mkfs"

@@ -31,9 +31,10 @@ constexpr int FOREVER = 1 << 30;
 // For a test's own stand-ins: whether this call was told to fail; then errno is set.
 bool must_fail(std::string_view call);
 
-// What was called, in order: "mount /dev/mmcblk0p1 /mnt/sdcard vfat", "umount /mnt/sdcard", "sleep 1", "open
+// What was called, in order: "mount /dev/mmcblk0p1 /mnt/sdcard vfat", "umount /mnt/sdcard", "open
 // /proc/partitions". Only calls about the camera's paths and the hooked ones are noted.
 const std::vector<std::string>& calls();
+void add_call(const std::string& call);   // for a test's own stand-ins
 int count(std::string_view call_prefix);  // how many of the calls begin like this
 void forget_calls();
 
@@ -52,6 +53,7 @@ struct hooks {
         before;                  // sees every noted call about a path before it happens
     time_t now = 1'790'000'000;  // what time(2) says
     int access_mode = -1;        // what the last access asked for
+    int open_flags = -1;         // what the last open asked for
 };
 hooks& on();
 

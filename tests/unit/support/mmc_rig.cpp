@@ -1,6 +1,7 @@
 #include "support/mmc_rig.h"
 
 #include <cerrno>
+#include <ctime>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <map>
@@ -11,6 +12,9 @@
 namespace rig {
 
 int refresh_delays;
+mmc_state state_at_delay;
+int interruptions;
+int64_t slept_ms;
 
 namespace {
 
@@ -43,6 +47,8 @@ void mmc::SetUp() {
     kernel::reset();
     logged::reset();
     refresh_delays = 0;
+    interruptions = 0;
+    slept_ms = 0;
     *m = mmc_manager{};
     kernel::write("/dev/mmcblk0", "");
     kernel::write("/dev/mmcblk1", "");
@@ -66,6 +72,22 @@ void mmc::SetUp() {
 
 }  // namespace rig
 
+extern "C" int __wrap_nanosleep(const timespec* wanted, timespec* left) {
+    const int64_t ms = wanted->tv_sec * 1000 + wanted->tv_nsec / 1'000'000;
+    kernel::add_call("sleep " + std::to_string(ms) + " ms");
+    const int64_t slept = rig::interruptions > 0 && ms > 300 ? 300 : ms;
+    rig::slept_ms += slept;
+    if (slept == ms) {
+        return 0;
+    }
+    --rig::interruptions;
+    left->tv_sec = (ms - slept) / 1000;
+    left->tv_nsec = (ms - slept) % 1000 * 1'000'000;
+    errno = EINTR;
+    return -1;
+}
+
 void mountpoint_refresh_delay() {
     ++rig::refresh_delays;
+    rig::state_at_delay = mmc_get_state();
 }

@@ -15,7 +15,10 @@ namespace rig {
 
 using list = std::vector<std::string>;
 
-extern int refresh_delays;  // calls of mountpoint_refresh_delay
+extern int refresh_delays;        // calls of mountpoint_refresh_delay
+extern mmc_state state_at_delay;  // at the last of them
+extern int interruptions;         // of the next pauses, each after 300 ms
+extern int64_t slept_ms;          // in all
 
 bool is_open(int fd);
 

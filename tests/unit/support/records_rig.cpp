@@ -129,6 +129,9 @@ void sdcard_refresh(const char* reason) {
 int kv_register(const char* name_space, const char* group, const char* key, kv_callback callback, void* context) {
     rig::state& rig = rig::get();
     note(std::string("kv_register ") + name_space + " " + group + " " + key);
+    struct sigaction action = {};
+    sigaction(SIGBUS, nullptr, &action);
+    rig.was_guard_installed = action.sa_sigaction == on_sigbus;
     if (rig.kv_errno != 0) {
         errno = rig.kv_errno;
         return -1;
@@ -169,6 +172,9 @@ void kyt_close_dirty(kyt_handle* handle) {
     EXPECT_EQ(&rig.list, handle);
     EXPECT_TRUE(rig.is_open);
     rig.is_open = false;
+    if (rig.on_close) {
+        rig.on_close();
+    }
     errno = EIO;
 }
 

@@ -31,6 +31,7 @@ namespace rig {
 struct state {
     kyt_handle list;  // survives being closed, as the file does
     bool is_open = false;
+    bool was_guard_installed = false;  // when kv_register was called
     strings calls;          // of the list, the card manager and the key store, in order; without kyt_next and kyt_get
     int open_errno = 0;     // not 0: kyt_open_rdwr fails with it
     int kv_errno = 0;       // not 0: kv_register fails with it
@@ -38,6 +39,7 @@ struct state {
     int marking_errno = 0;  // what kyt_mark_deleted leaves in errno
     std::function<void()> on_next;     // at the start of kyt_next
     std::function<void()> on_refresh;  // inside sdcard_refresh
+    std::function<void()> on_close;    // inside kyt_close_dirty
     std::function<void()> on_readdir;  // at the start of readdir
     std::function<void(const kyt_record*)> on_write;
     std::set<std::string> unknown_type;  // directory entries whose type the filesystem does not tell
