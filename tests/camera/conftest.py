@@ -22,12 +22,14 @@ from stand_ins import Tools  # noqa: E402
 from vcam import Camera, CameraError, GuestTimeout, wait_until  # noqa: E402
 
 SEQUENCE_S = 60  # a random sequence, on a busy host
+SWAP_S = 25  # a card swapped in a job, likewise
 DEADLINE_S = 1500  # a camera that is still there after this is killed
 
 
 def pytest_addoption(parser: pytest.Parser) -> None:
     parser.addoption("--pulls", type=int, default=5, help="how often the card is pulled in the middle of each thing")
     parser.addoption("--sequences", type=int, default=1, help="how many random sequences of card jobs are run")
+    parser.addoption("--swap-ms", type=int, default=1000, help="how far apart the moments are at which a card is swapped")
     parser.addoption("--seed", type=int, default=23, help="the seed of the first of them; the others' follow it")
 
 
@@ -62,7 +64,8 @@ def camera(_shared_camera: Camera, request: pytest.FixtureRequest) -> Camera:
             warnings.warn(f"the camera had to be started again: {error!r}\n{camera.log()[-1500:]}", stacklevel=1)
             camera.close()
     if not camera.running:
-        deadline = DEADLINE_S + SEQUENCE_S * int(request.config.getoption("--sequences"))
+        deadline = (DEADLINE_S + SEQUENCE_S * int(request.config.getoption("--sequences"))
+                    + SWAP_S * 2 * (6000 // int(request.config.getoption("--swap-ms"))))
         try:
             boot(camera, deadline)
         except (CameraError, ConnectionError, TimeoutError) as error:

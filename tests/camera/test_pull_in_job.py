@@ -85,8 +85,7 @@ def writes(camera: Camera) -> int:
 
 
 def between_the_end_of_fdisk_and_the_re_read(camera: Camera, tools: Tools) -> None:
-    """The daemon asleep, the card goes and fdisk ends: it then hears of the end first, and asks a disk that is gone for
-    its partition table."""
+    """The daemon asleep, the card goes and fdisk ends: it then hears of the end first, and finds no device node."""
     tools.stop_after("fdisk")
     mark = begin(camera, "mkfs")
     tools.wait_stopped("fdisk")
@@ -97,7 +96,7 @@ def between_the_end_of_fdisk_and_the_re_read(camera: Camera, tools: Tools) -> No
     wait_until(lambda: camera.run(ended).code == 0, 20, "the end of fdisk")
     camera.check("kill -CONT $(pidof vesk_sdcard)")
     text = wait_job(camera, "mkfs", "failed", mark)
-    assert "cl_mkfs: can not rescan partitions: " in text
+    assert "mkfs: the sdcard is not the one that the job began with" in text
 
 
 def after_the_events_of_the_pull(camera: Camera, tools: Tools) -> None:
@@ -109,7 +108,7 @@ def after_the_events_of_the_pull(camera: Camera, tools: Tools) -> None:
     camera.wait_log("Remove block mmcblk0", since=mark)
     tools.go("fdisk")
     text = wait_job(camera, "mkfs", "failed", mark)
-    assert "cl_mkfs: can not rescan partitions: Invalid argument" in text
+    assert "mkfs: the sdcard is not the one that the job began with" in text
 
 
 def test_pulled_out_of_a_format(probed: Camera, card: MakeCard, tools: Tools) -> None:
