@@ -480,6 +480,8 @@ TEST_F(card_jobs, a_held_card_is_refreshed_by_nobody_and_taken_by_no_second_job)
 
 // The card is held, somebody pulls it during the retries and puts in another one.
 TEST_F(card_jobs, a_card_that_came_in_during_the_retries_is_left_alone) {
+    PROMISE("a held card is pulled during the retries and another one put in",
+            "no tool runs on that one, the job fails with ENODEV, and its state is normal");
     const struct {
         const char* job;
         int (*start_job)();

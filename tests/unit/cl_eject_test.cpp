@@ -42,6 +42,9 @@ TEST_F(cl_eject, no_card) {
 }
 
 TEST_F(cl_eject, another_card_is_left_alone) {
+    PROMISE("another card is in after the unmount",
+            "it is not ejected: \"eject: the sdcard is not the one that the job began with\", the job fails with "
+            "ENODEV, and then the hold is released");
     for (const swap& how : swaps()) {
         SCOPED_TRACE(how.what);
         SetUp();

@@ -332,6 +332,7 @@ TEST_F(cl_execvp, status_that_is_no_end) {
 
 // The kernel's bit for a core dump, which this machine may not write.
 TEST_F(cl_execvp, killed_with_a_core_dump) {
+    PROMISE("the program is killed and its status has the core dump's bit", "failure -1, and the signal in the log");
     make_gate();
     start_sh("read x <&9");
     const pid_t pid = child_started->pid;
@@ -345,6 +346,7 @@ TEST_F(cl_execvp, killed_with_a_core_dump) {
 
 // The next step may run for minutes: the last one's pipes and memory are not to wait for it.
 TEST_F(cl_execvp, nothing_of_a_run_is_left_when_the_next_step_begins) {
+    PROMISE("the next step begins", "the run's pipes are closed and its memory is free");
     char buffer[8];
     const std::function<void()> ways[] = {
         [&] { start_sh("exit 0"); },
@@ -579,6 +581,8 @@ TEST_F(cl_execvp, child_that_ends_with_input_unread) {
 
 // Told of as writable and then full: what is left is not sent, as with any other error.
 TEST_F(cl_execvp, input_that_cannot_be_written) {
+    PROMISE("the pipe takes nothing more although it was told of as writable",
+            "what is left is not sent, and the program's exit code tells");
     make_gate();
     start_write("read x <&9", std::string(1 << 20, 'x'));
     ASSERT_EQ(io_started.size(), 1U);

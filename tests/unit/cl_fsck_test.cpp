@@ -125,6 +125,9 @@ TEST_F(cl_fsck, failures_of_the_stages) {
 }
 
 TEST_F(cl_fsck, another_card_is_left_alone) {
+    PROMISE("another card is in before fsck.fat",
+            "it is not run: \"fsck: the sdcard is not the one that the job began with\", the path is freed, what is "
+            "there is mounted, and the job fails with ENODEV");
     std::vector<swap> all = swaps();
     all.push_back({"by whose partition alone it shows", [] { world.strange_nodes = {"/dev/mmcblk0p1"}; }});
     for (const swap& how : all) {

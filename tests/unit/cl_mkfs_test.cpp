@@ -194,6 +194,9 @@ TEST_F(cl_mkfs, failures_of_the_stages) {
 constexpr char ANOTHER_CARD[] = "err mkfs: the sdcard is not the one that the job began with";
 
 TEST_F(cl_mkfs, another_card_is_left_alone) {
+    PROMISE("another card is in before fdisk, the re-read or mkfs.fat",
+            "that step is not run: \"mkfs: the sdcard is not the one that the job began with\", what is there is "
+            "mounted, and the job fails with ENODEV");
     const struct {
         const char* after;
         strings steps;
@@ -216,6 +219,7 @@ TEST_F(cl_mkfs, another_card_is_left_alone) {
 
 // It is not the disk's node alone that is looked at: mkfs.fat gets the partition's.
 TEST_F(cl_mkfs, partition_that_is_another_device_is_left_alone) {
+    PROMISE("only the partition's node is another device", "mkfs.fat is not run, and the job fails with ENODEV");
     world.strange_nodes = {"/dev/mmcblk0p1"};
     start(cl_next_mkfs);
     EXPECT_EQ(world.steps, (strings{"umount", FDISK, "partprobe", "mount", "done 3 19"}));
@@ -225,6 +229,8 @@ TEST_F(cl_mkfs, partition_that_is_another_device_is_left_alone) {
 // What goes wrong with the card that the job began with is told first, and a swap during mkfs.fat's run changes nothing
 // any more: what it has open is the old card.
 TEST_F(cl_mkfs, swap_beside_another_failure_is_not_told) {
+    PROMISE("the card is swapped and the tool has failed",
+            "the tool's failure is what is told; a swap while mkfs.fat runs changes nothing");
     swap_after("run fdisk", swaps()[0]);
     world.runs = {{CLOSURE_FAILED, 1}};
     start(cl_next_mkfs);
@@ -239,6 +245,7 @@ TEST_F(cl_mkfs, swap_beside_another_failure_is_not_told) {
 }
 
 TEST_F(cl_mkfs, next_job_begins_with_the_card_that_is_in_then) {
+    PROMISE("a format follows on one that met another card", "it is of the card that is in then");
     swap_after("umount", swaps()[0]);
     start(cl_next_mkfs);
     EXPECT_EQ(world.steps.back(), "done 3 19");

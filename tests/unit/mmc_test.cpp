@@ -229,6 +229,7 @@ TEST_F(mmc, new_disk_waits_a_second_before_it_is_opened) {
 
 // The end of a tool, for one, whose card was pulled and replaced while it ran.
 TEST_F(mmc, pause_for_a_new_disk_is_not_shortened_by_signals) {
+    PROMISE("signals come during the pause for a new disk", "it lasts its second all the same");
     interruptions = 2;
     mmc_new_block("mmcblk0", 0, MMC_BLOCK_DISK);
     EXPECT_EQ(slept_ms, 1000);
@@ -237,6 +238,7 @@ TEST_F(mmc, pause_for_a_new_disk_is_not_shortened_by_signals) {
 
 // The line names a disk that is open: it comes after the pause and the open, whose outcome it does not tell.
 TEST_F(mmc, new_disk_is_told_after_it_was_opened) {
+    PROMISE("a new disk is told of on standard output", "that comes after the pause and the open");
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
     fflush(stdout);
@@ -449,6 +451,8 @@ TEST_F(mmc, block_by_minor) {
 
 // The kernel gives no minor twice; events that were lost may leave it there.
 TEST_F(mmc, block_by_a_minor_that_occurs_twice) {
+    PROMISE("a minor occurs twice in the table",
+            "the disk counts before a partition, and the first partition before the others");
     mmc_new_block("mmcblk0", 1, MMC_BLOCK_DISK);
     mmc_new_block("mmcblk0p1", 1, MMC_BLOCK_PARTITION);
     mmc_new_block("mmcblk0p2", 2, MMC_BLOCK_PARTITION);
@@ -458,6 +462,7 @@ TEST_F(mmc, block_by_a_minor_that_occurs_twice) {
 }
 
 TEST_F(mmc, numbers_are_decimal_whatever_they_begin_with) {
+    PROMISE("a number of an event begins with 0 or 0x", "it is decimal, and ends where no digit follows");
     EXPECT_EQ(parse(datagram({.minor = "010"})), 0);
     EXPECT_EQ(m->disk.minor, 10U);
     EXPECT_EQ(parse(datagram({.major = "0xb3", .minor = "1"})), -1);
@@ -469,6 +474,8 @@ TEST_F(mmc, numbers_are_decimal_whatever_they_begin_with) {
 // --- which card it is ----------------------------------------------------------------------------------------------
 
 TEST_F(mmc, each_insertion_has_a_number_of_its_own) {
+    PROMISE("a disk comes that is not in the table by that minor, or one goes",
+            "that is another insertion; a repeated \"add\", a \"change\" and events of partitions are none");
     const auto disk = [](const char* action, const char* minor) {
         return datagram({.action = action, .minor = minor});
     };
@@ -504,6 +511,7 @@ TEST_F(mmc, each_insertion_has_a_number_of_its_own) {
 }
 
 TEST_F(mmc, card_that_does_not_open_is_an_insertion_too) {
+    PROMISE("a new disk cannot be opened", "it is another insertion all the same");
     kernel::fail("open", ENOENT);
     const uint32_t before = mmc_get_insertion();
     (void)parse(disk_event("add"));
@@ -511,6 +519,8 @@ TEST_F(mmc, card_that_does_not_open_is_an_insertion_too) {
 }
 
 TEST_F(mmc, rescan_counts_only_another_disk) {
+    PROMISE("the devices are scanned again",
+            "that is another insertion only when the disk's minor is another than before");
     kernel::make_dir("/sys/block/mmcblk0");
     kernel::write("/proc/partitions", " 179 0 1000 mmcblk0\n 179 1 999 mmcblk0p1\n");
     const uint32_t at_first = mmc_get_insertion();
@@ -529,6 +539,8 @@ TEST_F(mmc, rescan_counts_only_another_disk) {
 }
 
 TEST_F(mmc, node_is_known_when_it_is_the_device_in_the_table) {
+    PROMISE("a path is asked for",
+            "it is known when it is in the table and its node is a block device of major 179 with the table's minor");
     (void)parse(disk_event("add"));
     (void)parse(part_event("add", 1));
     (void)parse(part_event("add", 2));

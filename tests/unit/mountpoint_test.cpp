@@ -591,6 +591,8 @@ TEST_F(mountpoint, refresh_delay_forgets_a_failure_and_arms_the_timer) {
 
 // Each change counts from its own time, also while the timer runs from an earlier one.
 TEST_F(mountpoint, each_change_of_devices_puts_the_look_off_again) {
+    PROMISE("devices change, or the card is mounted on request, while the timer runs",
+            "the next look is two seconds from then on");
     mountpoint_refresh_delay();
     ev_sleep(0.05);
     ev_now_update(ev_default_loop(0));
@@ -899,7 +901,7 @@ TEST_F(mountpoint, mounts_that_are_gone_are_detached_one_by_one) {
 
 // What lies at our place is a card that has gone, and the kernel does not let go of it.
 TEST_F(mountpoint, detach_that_fails_ends_the_search) {
-    PROMISE("the detach fails, because the gone device is mounted elsewhere",
+    PROMISE("the detach of a gone device fails",
             "the search ends with nothing mounted; the next refresh may still mount the present card");
     m->mounted = MOUNT_OK;
     m->mask = 1;
@@ -917,6 +919,9 @@ TEST_F(mountpoint, detach_that_fails_ends_the_search) {
 // Somebody has mounted a card somewhere else; it has gone, and another one is in: whoever looks first at the first line
 // must not take the present card down for it.
 TEST_F(mountpoint, gone_card_mounted_elsewhere_leaves_the_present_one_alone) {
+    PROMISE(
+        "a device that is gone is still mounted elsewhere, and the present card at its place",
+        "the present card stays mounted and its recordings open; one warning for that minor, and nothing is detached");
     write_mountinfo(std::string(GONE_ELSEWHERE) + CARD_LINE);
     for (int i = 0; i < 5; ++i) {
         mountinfo_refresh_state();
@@ -931,6 +936,8 @@ TEST_F(mountpoint, gone_card_mounted_elsewhere_leaves_the_present_one_alone) {
 
 // The same from the beginning, on a kernel that keeps its own table: one mount is all there is to see.
 TEST_F(mountpoint, card_that_comes_in_beside_a_gone_one_is_mounted_once) {
+    PROMISE("a card comes in while one that is gone is still mounted elsewhere",
+            "it is mounted once and not taken down again");
     std::string table = std::string(ROOT_LINE) + GONE_ELSEWHERE;
     write_mountinfo(table);
     kernel::on().mount = [&table](const char*, const char*, const char*, unsigned long, const char*) {
@@ -958,6 +965,8 @@ TEST_F(mountpoint, card_that_comes_in_beside_a_gone_one_is_mounted_once) {
 }
 
 TEST_F(mountpoint, gone_card_mounted_elsewhere_over_an_empty_slot_is_warned_of_once) {
+    PROMISE("the slot is empty and a gone device is mounted elsewhere",
+            "nothing counts as mounted, one warning, and the recordings are not closed for it");
     block_devices = mmc_manager{};
     m->mounted = MOUNT_OK;
     write_mountinfo(std::string(ROOT_LINE) + GONE_ELSEWHERE);
@@ -971,6 +980,8 @@ TEST_F(mountpoint, gone_card_mounted_elsewhere_over_an_empty_slot_is_warned_of_o
 }
 
 TEST_F(mountpoint, each_gone_card_is_warned_of_once) {
+    PROMISE("many gone devices are mounted elsewhere",
+            "one warning for each minor, for 16 at most; a minor that a card has had since is warned of again");
     block_devices = mmc_manager{};
     const auto line = [](int minor) { return "20 15 179:" + std::to_string(minor) + " / /media rw\n"; };
     std::string table;
@@ -995,6 +1006,8 @@ TEST_F(mountpoint, each_gone_card_is_warned_of_once) {
 
 // Mounted at our place and elsewhere, by the same minor: detached here, passed over there, and one warning for both.
 TEST_F(mountpoint, gone_card_mounted_here_and_elsewhere) {
+    PROMISE("a gone device is mounted at our place and elsewhere",
+            "it is detached here and left there, with one warning for both");
     block_devices = mmc_manager{};
     m->mounted = MOUNT_OK;
     write_mountinfo(std::string(ROOT_LINE) + GONE_LINE + GONE_ELSEWHERE);
@@ -1010,6 +1023,7 @@ TEST_F(mountpoint, gone_card_mounted_here_and_elsewhere) {
 }
 
 TEST_F(mountpoint, mount_point_that_cannot_be_looked_at_is_not_detached) {
+    PROMISE("the mount point's device cannot be asked for", "nothing is detached");
     kernel::fail("stat", EIO, 1, kernel::FOREVER);
     write_mountinfo(std::string(GONE_LINE) + CARD_LINE);
     mountinfo_refresh_state();

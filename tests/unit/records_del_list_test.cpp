@@ -269,6 +269,8 @@ TEST_F(records_del_list, the_index_forgets_at_once_and_the_files_go_later) {
 // After a bus fault that was survived the loop thread has the signal blocked, and its threads begin like it. A fault in
 // one of them is to end the process with the dump.
 TEST_F(records_del_list, a_worker_has_bus_faults_delivered) {
+    PROMISE("the loop thread has SIGBUS blocked after a recovery",
+            "the threads that remove files unblock it for themselves");
     make(101);
     std::atomic<int> is_blocked = -1;
     const auto hold = kernel::on().before;

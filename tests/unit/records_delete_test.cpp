@@ -511,6 +511,7 @@ TEST_F(records_delete, bus_fault_closes_the_list_and_nothing_else) {
 
 // The guard belongs to the walk and to the recovery; it is taken away once, at the end of both.
 TEST_F(records_delete, bus_fault_leaves_the_guard_set_until_the_list_is_closed) {
+    PROMISE("a bus fault is recovered from", "the guard is taken away after the refresh and the closing of the list");
     record({101});
     rig::get().on_next = rig::fault;
     int guarded = 0;

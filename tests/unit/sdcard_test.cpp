@@ -267,6 +267,8 @@ TEST_F(sdcard, full_after_some_were_deleted) {
 // derivation settles for is the outcome of the deletion that it asked for, and a state kept back here would be wrong
 // whenever the inner refresh was the one that came too early. Those who watch the key see 3, 2, 3.
 TEST_F(sdcard, state_derived_inside_a_deletion_is_derived_over) {
+    PROMISE("a bus fault's recovery derives another state inside a deletion",
+            "both are published, the outer one last; the next refresh says the other again");
     start();
     fill();
     world.delete_errno = EFAULT;
@@ -288,6 +290,7 @@ TEST_F(sdcard, state_derived_inside_a_deletion_is_derived_over) {
 
 // Logging disturbs errno on a camera.
 TEST_F(sdcard, reasons_are_told_as_they_were) {
+    PROMISE("a log call disturbs errno", "the reasons in the messages are those of the failures");
     start();
     logged::disturb_errno(EPIPE);
     fill();
@@ -304,6 +307,7 @@ TEST_F(sdcard, reasons_are_told_as_they_were) {
 }
 
 TEST_F(sdcard, what_is_not_negative_is_a_start) {
+    PROMISE("a monitor's start returns a positive number", "that is no failure");
     world.mountpoint_init_result = 1;
     world.mmc_dev_init_result = 1;
     sdcard_init();
