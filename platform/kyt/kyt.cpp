@@ -26,7 +26,7 @@ constexpr uint32_t PERIOD_END_S = 300;  // a clip is announced at its end: an ho
 constexpr uint32_t NO_SLOT = UINT32_MAX;
 constexpr size_t SLOTS_BYTES = MAX_BYTES;  // somewhat more than the slots take
 constexpr size_t STORE_BYTES = SLOTS_BYTES + MAX_SECTORS * sizeof(uint64_t);
-constexpr size_t ORDER_BYTES = order::ROOM * sizeof(uint32_t);
+constexpr size_t ORDER_BYTES = (order::ROOM + order::ROOM / order::SPACING) * sizeof(uint32_t);
 
 // The first tombstone whose ts is not below `ts`.
 tombstone* find_tombstone(const kyt_handle* h, uint32_t ts) {
@@ -167,6 +167,7 @@ kyt_handle* kyt::handle_make() {
         h->list.slots = h->live.slots = static_cast<kyt_record*>(reserve(STORE_BYTES));
         h->list.sums = reinterpret_cast<uint64_t*>(h->list.slots + SLOTS_BYTES / sizeof(kyt_record));
         h->live.entries = static_cast<uint32_t*>(reserve(ORDER_BYTES));
+        h->live.samples = h->live.entries + order::ROOM;
         if (h->list.slots && h->live.entries) {
             return h;
         }

@@ -31,12 +31,21 @@ void give_back(order* o, uint32_t from, uint32_t to) {
     (void)madvise(o->entries + from, size_t{to - from} * sizeof(uint32_t), MADV_DONTNEED);
 }
 
+// After the entries from `from` to `to` have changed.
+void sample(order* o, uint32_t from, uint32_t to) {
+    for (uint32_t place = (from + order::SPACING - 1) / order::SPACING * order::SPACING; place < to;
+         place += order::SPACING) {
+        o->samples[place / order::SPACING] = o->ts_at(place);
+    }
+}
+
 void clean(order* o) {
     if (o->gone > 0) {
         const auto is_gone = [](uint32_t entry) { return (entry & order::GONE) != 0; };
         const uint32_t* const end = std::remove_if(o->entries + o->first, o->entries + o->end, is_gone);
         o->end = static_cast<uint32_t>(end - o->entries);
         o->gone = 0;
+        sample(o, o->first, o->end);
     }
 }
 
@@ -63,15 +72,13 @@ void order_sort(order* o) {
     uint32_t* const begin = o->entries + o->first;
     uint32_t* const end = o->entries + o->end;
     uint32_t* const second = std::is_sorted_until(begin, end, less);
-    if (second == end) {
-        return;
-    }
     // Slots that are used again one after the other make a ring.
-    if (std::is_sorted(second, end, less) && less(end[-1], *begin)) {
+    if (second != end && std::is_sorted(second, end, less) && less(end[-1], *begin)) {
         std::rotate(begin, second, end);
-    } else {
+    } else if (second != end) {
         std::sort(begin, end, less);
     }
+    sample(o, o->first, o->end);
 }
 
 void order_drop_doubles(order* o, array<uint32_t>* doubles) {
@@ -84,23 +91,21 @@ void order_drop_doubles(order* o, array<uint32_t>* doubles) {
         }
     }
     o->end = kept;
+    sample(o, o->first, o->end);
 }
 
 uint32_t order_place(const order& o, uint32_t ts) {
     if (o.first == o.end || o.ts_at(o.end - 1) < ts) {
         return o.end;
     }
-    uint32_t low = o.first;
-    uint32_t high = o.end - 1;
-    while (low < high) {
-        const uint32_t middle = low + (high - low) / 2;
-        if (o.ts_at(middle) < ts) {
-            low = middle + 1;
-        } else {
-            high = middle;
-        }
-    }
-    return low;
+    // The samples say between which two of them it is. One before the window may be outdated and is not asked.
+    uint32_t* const samples_end = o.samples + (o.end - 1) / order::SPACING + 1;
+    const uint32_t* const sample = std::lower_bound(o.samples + o.first / order::SPACING + 1, samples_end, ts);
+    const auto passed = static_cast<uint32_t>(sample - o.samples);
+    const uint32_t low = std::max(o.first, (passed - 1) * order::SPACING);
+    const uint32_t high = sample == samples_end ? o.end : passed * order::SPACING;
+    const auto is_before = [&](uint32_t entry, uint32_t wanted) { return o.slots[entry & order::SLOT].ts < wanted; };
+    return static_cast<uint32_t>(std::lower_bound(o.entries + low, o.entries + high, ts, is_before) - o.entries);
 }
 
 kyt_record* order_find(order* o, uint32_t ts) {
@@ -139,13 +144,14 @@ void order_insert(order* o, uint32_t slot) {
     if (o->first > 0 && place - o->first < o->end - place) {
         move_entries(o, o->first - 1, o->first, place - o->first);
         --o->first;
-        --place;
+        o->entries[--place] = slot;
         settle_first(o);
+        sample(o, o->first, place + 1);
     } else {
         move_entries(o, place + 1, place, o->end - place);
-        ++o->end;
+        o->entries[place] = slot;
+        sample(o, place, ++o->end);
     }
-    o->entries[place] = slot;
 }
 
 void order_remove(order* o, const kyt_record* record) {
@@ -159,10 +165,10 @@ void order_remove(order* o, const kyt_record* record) {
         }
     } else if (before < behind) {
         move_entries(o, o->first + 1, o->first, before);
-        ++o->first;
+        sample(o, ++o->first, place + 1);
     } else {
         move_entries(o, place, place + 1, behind - 1);
-        --o->end;
+        sample(o, place, --o->end);
     }
     settle_first(o);
 }
@@ -176,6 +182,7 @@ void order_tidy(order* o) {
         o->first = order::START;
         o->end = o->first + size;
         o->given_back = 0;
+        sample(o, o->first, o->end);
         const uint32_t kept = (o->end + order::STEP - 1) / order::STEP * order::STEP;
         give_back(o, std::min(kept, last_step), last_step);
     }

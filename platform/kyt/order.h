@@ -3,7 +3,9 @@
 // The array is a window that moves forward as the oldest clips go and new ones come, both in O(1). For a record in
 // between, the shorter side moves by one place, 4 bytes a record; a deletion far from both ends only marks the entry,
 // and one pass takes out the marks when there are many. Until its entry is gone, a deleted record must keep its ts.
-// Memory: 4 bytes a record; what the window has left behind goes back to the system in steps of 64 KiB.
+// A search first looks at a sample of every 64th ts, so that it touches few pages: a small processor knows its way to
+// 32 of them, and each further one is an exception. Memory: 4 bytes a record and 4 a sample; what the window has left
+// behind goes back to the system in steps of 64 KiB.
 #pragma once
 
 #include "array.h"
@@ -14,12 +16,14 @@ namespace kyt {
 struct order {
     static constexpr uint32_t ROOM = 2 * MAX_RECORDS;  // entries
     static constexpr uint32_t STEP = STEP_BYTES / sizeof(uint32_t);
+    static constexpr uint32_t SPACING = 64;
     static constexpr uint32_t START = STEP;              // of the window, at first: late clips may come before it
     static constexpr uint32_t GONE = uint32_t{1} << 31;  // marks the entry of a deleted record
     static constexpr uint32_t SLOT = GONE - 1;
 
     kyt_record* slots = nullptr;
     uint32_t* entries = nullptr;  // ROOM of them, in memory that is zero and takes no room until it is used
+    uint32_t* samples = nullptr;  // behind them: the ts of the entries whose places are multiples of SPACING
     uint32_t first = START;       // never a marked entry
     uint32_t end = START;
     uint32_t gone = 0;        // marked entries
@@ -31,8 +35,8 @@ struct order {
     uint32_t ts_at(uint32_t place) const { return slots[entries[place] & SLOT].ts; }
 };
 
-// While a list is opened: adds slots in any order, then sorts them. Of several slots with one ts the first one has the
-// flags and the duration, if any has; the others go to `doubles`.
+// While a list is opened: adds slots in any order, then sorts them; only then can they be found. Of several slots with
+// one ts the first one has the flags and the duration, if any has; the others go to `doubles`.
 void order_add(order* o, uint32_t slot);
 void order_sort(order* o);
 void order_drop_doubles(order* o, array<uint32_t>* doubles);
