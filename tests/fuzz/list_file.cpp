@@ -1,10 +1,14 @@
+// Input: the recipe of a list file, which is looked at and walked.
 #include "kyt_rdonly.h"
 #include "lists.h"
 #include "support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::make_lists(data, size);
+    kyt_health health;
+    fuzz::require(kyt_check(fuzz::folder().c_str(), &health) == 0, "a folder that can be looked over");
     kyt_handle* list = kyt_open_rdonly(fuzz::folder().c_str());
+    fuzz::require((list != nullptr) == (health.list[0] != 0), "read by one and by the other");
     if (list == nullptr) {
         return 0;
     }
@@ -16,7 +20,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         last = record->ts;
         ++count;
     }
-    fuzz::require(count == kyt_count(list), "as many as are counted");
+    fuzz::require(count == kyt_count(list) && count == health.records, "as many as are counted");
     kyt_close(list);
     return 0;
 }

@@ -1,3 +1,4 @@
+// Input: the recipes of a list file and of one that was set aside, which lie beside real clips when the list is opened.
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -45,6 +46,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     (void)is_made;
     fuzz::make_lists(data, size);
     const auto first = content();
+    kyt_health health;
+    fuzz::require(kyt_check(fuzz::folder().c_str(), &health) == 0, "a folder that can be looked over");
+    const bool is_sound = !health.header_damaged && !health.other_version && !health.open && !health.wrong_size;
+    fuzz::require(is_sound && health.list[0] != 0 && !health.other_byte_order, "a list that was closed in order");
+    fuzz::require(health.destroyed + health.twice + health.undeleted == 0, "nothing is left to repair");
     const auto second = content();
     fuzz::require(first == second, "a second open changes nothing");
     for (uint32_t ts : CLIPS) {
