@@ -82,6 +82,26 @@ bool makes_sense(const fault& f) {
     return !(f.forever && (f.errnum == EINTR || f.which == call::POLL || f.which == call::RECV));
 }
 
+// The daemon is stopped in the middle of the story's jobs, at every half second of each: it ends in good order, and
+// does not wait for them.
+bool ends_in_jobs(const task& whole) {
+    constexpr int64_t JOBS_MS[][2] = {{50'000, 58'000}, {75'000, 81'000}, {100'000, 102'000}, {245'000, 250'000}};
+    for (const auto& [from_ms, to_ms] : JOBS_MS) {
+        for (int64_t end_ms = from_ms; end_ms <= to_ms; end_ms += 500) {
+            task t = whole;
+            t.days = static_cast<double>(end_ms) / 86'400'000;
+            std::erase_if(t.plan, [end_ms](const event& e) { return e.at_ms >= end_ms; });
+            const outcome seen = run(t);
+            if (seen.what != verdict::GOOD) {
+                fprintf(stdout, "the story that ends after %lld ms: %s\n%s\n", static_cast<long long>(end_ms),
+                        seen.reason, seen.tail);
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 bool fail_every_call(int jobs, int max_nth, double max_minutes) {
@@ -96,6 +116,10 @@ bool fail_every_call(int jobs, int max_nth, double max_minutes) {
     const outcome clean = run(t);
     if (clean.what != verdict::GOOD) {
         fprintf(stdout, "the story itself: %s\n%s\n", clean.reason, clean.tail);
+        return false;
+    }
+
+    if (!ends_in_jobs(t)) {
         return false;
     }
 

@@ -182,6 +182,7 @@ enum class fd_kind : uint8_t {
     BUS
 };
 int open_descriptors(fd_kind kind);
+void check_inherited();       // what a tool would get of them
 bool is_open(const card& c);  // the daemon has a descriptor of it or of a partition
 std::string list_descriptors();
 int open_streams();  // directories and files with buffers

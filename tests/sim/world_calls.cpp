@@ -290,6 +290,16 @@ int open_descriptors(fd_kind kind) {
     return count;
 }
 
+void check_inherited() {
+    for (const descriptor& d : table) {
+        const bool is_own = d.kind == fd_kind::NETLINK || d.kind == fd_kind::MOUNTINFO || d.kind == fd_kind::DISK ||
+                            d.kind == fd_kind::SYSTEM || d.kind == fd_kind::PIPE_READ || d.kind == fd_kind::PIPE_WRITE;
+        if (is_own && !d.is_close_on_exec) {
+            violation("a tool inherits descriptors:%s", list_descriptors().c_str());
+        }
+    }
+}
+
 bool is_open(const card& c) {
     for (const descriptor& d : table) {
         if (d.kind == fd_kind::DISK && d.disk->serial == c.serial) {

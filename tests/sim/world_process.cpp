@@ -304,6 +304,7 @@ pid_t __wrap_fork(void) {
         spawn_failed = true;
         return -1;
     }
+    check_inherited();
     // The daemon looks for the program only in the child, so what it would find is settled before.
     fflush(stdout);
     int ends[2];
