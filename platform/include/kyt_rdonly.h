@@ -1,7 +1,9 @@
 // libkyt for tools: a look into the record list of any recordings folder, live or copied, without changing anything.
 //
-// Nothing is mapped, locked or written: the list is copied by plain reads, so a tool may look while the daemon records,
-// and a recordings folder may lie on a workstation of either byte order. Calls on one handle belong to one thread.
+// Nothing is mapped, and only kyt_repair locks or writes: the list is copied by plain reads, so a tool may look while
+// the daemon records, and a recordings folder may be on a workstation of either byte order. Such a look sees what has
+// been written: an added or deleted clip within milliseconds as a rule, a changed flag within a second. Calls on one
+// handle belong to one thread. All calls that name a folder wait for its disk.
 #pragma once
 
 #include "kyt.h"
@@ -10,10 +12,11 @@
 extern "C" {
 #endif
 
-// Copies the list of the recordings folder (the one that holds the period directories) into memory, as it is now; what
-// changes later is not seen. kyt_get, kyt_next and kyt_close work on the handle; kyt_write, kyt_mark_deleted and
+// Copies the list of the recordings folder (the one that holds the period directories) into memory, as its file is now;
+// what changes later is not seen. kyt_get, kyt_next and kyt_close work on the handle; kyt_write, kyt_mark_deleted and
 // kyt_optimise fail with EROFS. Damaged records are left out.
-// Null: errno says why (ENOENT: no folder or no list in it; EBADMSG: there is a list, but none that can be read).
+// Null: errno says why (ENOENT: no folder or no list in it; EBADMSG: there is a list, but none that can be read;
+// ENOMEM).
 kyt_handle* kyt_open_rdonly(const char* folder_path);
 
 // What a look at a recordings folder shows: the list beside the clips' names.
@@ -24,9 +27,9 @@ struct kyt_health {
     uint8_t open;                   // in use, or left behind by a power cut
     uint8_t other_byte_order;       // of a camera whose processor stores numbers the other way round
     uint8_t wrong_size;             // cut short, or made longer by somebody else
-    uint8_t out_of_order;           // clips that came late; put in order when the list is next opened
+    uint8_t out_of_order;           // always 0: records are in no order
     uint32_t card;                  // the FAT volume for which it was written; 0: not known
-    uint32_t volume;                // the one on which it lies; 0: not known
+    uint32_t volume;                // the one that it is on; 0: not known
     uint32_t records;               // clips in it
     uint32_t deleted;               // records of deleted clips
     uint32_t destroyed;             // records that are not whole
@@ -41,8 +44,8 @@ struct kyt_health {
 // Looks at a recordings folder and changes nothing. 0, or -1 with errno.
 int kyt_check(const char* folder_path, struct kyt_health* health);
 
-// Opens the list of any recordings folder as the camera does, with all repairs, and closes it in order. The log says
-// what was found and done. Not while a daemon uses the folder. 0, or -1 with errno.
+// Opens the list of any recordings folder as the camera does, with all repairs, and closes it cleanly. The log says
+// what was found and done. 0, or -1 with the errno of an opening: EBUSY, a program on this machine has the list open.
 int kyt_repair(const char* folder_path);
 
 // How many live records the list holds. Any kind of handle; 0 for null.
