@@ -109,11 +109,15 @@ struct session {
 std::string unreadable;
 
 // The keeper that is left by kyt_close_dirty ends by itself, as it must before a card is unmounted.
-void await_threads() {
-    constexpr nlink_t ALONE = 3;  // links of the folder of tasks: two of its own, and this thread
+nlink_t count_threads() {
     struct stat tasks = {};
+    return stat("/proc/self/task", &tasks) == 0 ? tasks.st_nlink : 0;  // a link for each thread's folder, and two
+}
+const nlink_t threads_at_start = count_threads();  // an emulator has some of its own
+
+void await_threads() {
     for (int wait = 0; wait < 200'000; ++wait) {
-        if (stat("/proc/self/task", &tasks) == 0 && tasks.st_nlink == ALONE) {
+        if (count_threads() <= threads_at_start) {
             return;
         }
         usleep(50);

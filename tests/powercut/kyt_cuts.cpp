@@ -89,7 +89,7 @@ std::mutex log_guard;
 std::vector<std::string> log_lines;
 std::string image_text;
 const char* workload = "";
-std::atomic<uint64_t> cuts;
+std::atomic<uint32_t> cuts;
 unsigned seed = 1;
 struct {
     uint64_t repairs_cut, slots_used_again, grown, long_lists, renames, nameless, turned, bad_pages, refused, lived,
@@ -97,7 +97,7 @@ struct {
 } counts;
 
 [[noreturn]] __attribute__((format(printf, 1, 2))) void fail(const char* format, ...) {
-    std::fprintf(stderr, "kyt_cuts: seed %u, %s, cut %" PRIu64 ": ", seed, workload, cuts.load());
+    std::fprintf(stderr, "kyt_cuts: seed %u, %s, cut %" PRIu32 ": ", seed, workload, cuts.load());
     va_list args;
     va_start(args, format);
     std::vfprintf(stderr, format, args);
@@ -131,7 +131,12 @@ struct rig {
 };
 
 thread_local bool is_cutting;
-thread_local nlink_t other_threads = 1;  // than those of lists that are left
+nlink_t threads() {
+    struct stat tasks = {};
+    return stat("/proc/self/task", &tasks) == 0 ? tasks.st_nlink - 2 : 0;  // two links of the folder's own
+}
+const nlink_t threads_at_start = threads();             // an emulator has some of its own
+thread_local nlink_t other_threads = threads_at_start;  // than those of lists that are left
 
 // --- images ---
 
@@ -312,11 +317,6 @@ void describe(image* made, const char* what) {
 
 // --- opening them ---
 
-nlink_t threads() {
-    struct stat tasks = {};
-    return stat("/proc/self/task", &tasks) == 0 ? tasks.st_nlink - 2 : 0;  // two links of the folder's own
-}
-
 // The thread of a list that was left ends by itself; until then it may write, and holds the lock.
 void await_threads() {
     for (int wait = 0; wait < 200'000; ++wait) {
@@ -474,7 +474,7 @@ void cut(rig* r) {
         check_image(r);
     }
     is_cutting = false;
-    other_threads = 1;
+    other_threads = threads_at_start;
 }
 
 // --- the card in use ---
@@ -819,7 +819,7 @@ int main(int argc, char** argv) {
             }
         }
     }
-    std::printf("kyt_cuts: %" PRIu64 " cuts from seed %u in %ld s, nothing lost that was on the card\n", cuts.load(),
+    std::printf("kyt_cuts: %" PRIu32 " cuts from seed %u in %ld s, nothing lost that was on the card\n", cuts.load(),
                 first, static_cast<long>(time(nullptr) - start));
     std::printf("  %" PRIu64 " repairs cut, %" PRIu64 " cuts lived on with, %" PRIu64 " slots used again, %" PRIu64
                 " times grown or cut shorter, %" PRIu64 " lists of more than 64 sectors\n",

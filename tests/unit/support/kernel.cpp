@@ -242,7 +242,8 @@ int __wrap_stat64(const char* path, struct stat* buffer) {
     if (enter("stat", path)) {
         return -1;
     }
-    return the_hooks.stat ? the_hooks.stat(path, buffer) : __real_stat64(lead(path).c_str(), buffer);
+    return the_hooks.stat && is_camera_path(path) ? the_hooks.stat(path, buffer)
+                                                  : __real_stat64(lead(path).c_str(), buffer);
 }
 int __wrap_stat(const char* path, struct stat* buffer) __attribute__((alias("__wrap_stat64")));
 

@@ -87,7 +87,8 @@ inline std::string with_header(std::string list, const std::function<void(kyt::l
 // As a machine of the other byte order would have written it.
 inline std::string of_other_order(std::string list) {
     for (uint32_t slot = 0; slot < used_slots(list); ++slot) {
-        list = with_record(std::move(list), slot, kyt::swapped(record_at(list, slot)));
+        const kyt_record record = kyt::swapped(record_at(list, slot));
+        list = with_record(std::move(list), slot, record);
     }
     return with_header(std::move(list), [](kyt::list_header* h) {
         for (uint32_t* field : {&h->byte_order, &h->version, &h->state, &h->records, &h->card, &h->live}) {

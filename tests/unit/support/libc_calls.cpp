@@ -60,7 +60,7 @@ std::atomic<bool> has_failed = false;
 std::atomic<size_t> most_at_once = SIZE_MAX;
 std::atomic<uint32_t> volume = 0;
 std::atomic<bool> has_time = false;
-std::atomic<int64_t> the_time = 0;
+std::atomic<time_t> the_time = 0;  // no wider than the target can store at one go
 
 std::mutex guard;
 std::condition_variable changed;
@@ -215,7 +215,7 @@ void set_volume(uint32_t number) {
     volume = number;
 }
 void set_time(int64_t seconds) {
-    the_time = seconds;
+    the_time = static_cast<time_t>(seconds);
     has_time = true;
 }
 std::string file_of(int fd) {
@@ -348,7 +348,7 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
 time_t __real_time(time_t*);
 time_t __wrap_time(time_t* out) {
     return make({.call = "time"}, time_t{-1}, [=] {
-        const time_t now = has_time ? static_cast<time_t>(the_time.load()) : __real_time(nullptr);
+        const time_t now = has_time ? the_time.load() : __real_time(nullptr);
         if (out != nullptr) {
             *out = now;
         }
@@ -360,7 +360,7 @@ int __wrap_clock_gettime(clockid_t clock, struct timespec* now) {
     return make({.call = "clock_gettime", .flags = clock}, -1, [=] {
         const int result = __real_clock_gettime(clock, now);
         if (has_time && clock == CLOCK_REALTIME) {
-            *now = {static_cast<time_t>(the_time.load()), 0};
+            *now = {the_time.load(), 0};
         }
         return result;
     });
