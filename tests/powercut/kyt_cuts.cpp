@@ -274,7 +274,7 @@ void damage(rig* r, image* made) {
     const uint32_t way = r->pick(40);
     if (way < 7) {
         hurt_sector(r, name, made);
-    } else if (way < 9) {
+    } else if (way < 9 && used_end(f.bytes) > PAGE) {
         const size_t page = 1 + r->pick((used_end(f.bytes) - 1) / PAGE);
         f.bad_pages.insert(page);
         for (const uint32_t ts : clips_in(f.bytes, page * PAGE, PAGE)) {
