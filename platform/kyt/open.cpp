@@ -233,8 +233,10 @@ int prepare_file(repair* r) {
     if (write_first) {
         writer w;
         w.list = h->list;
-        if (!write_changes(&w, h->list.used, true)) {
-            return -1;
+        while (!write_changes(&w, h->list.used, true)) {
+            if (errno != ENOSPC || !aside_remove_oldest(r->folder, &r->done)) {
+                return -1;
+            }
         }
         h->list.bytes = w.list.bytes;
         sealed = tail;
