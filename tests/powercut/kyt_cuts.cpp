@@ -211,6 +211,17 @@ void add_ambiguous(const std::string& bytes, image* made) {
     }
 }
 
+// Makes a sector's records what they were before anybody marked a clip.
+void take_marks(std::string* bytes, size_t at) {
+    for (size_t i = at; i < at + SECTOR; i += sizeof(kyt_record)) {
+        kyt_record record;
+        std::memcpy(&record, bytes->data() + i, sizeof record);
+        if (kyt::is_live(record)) {
+            (*bytes)[i + offsetof(kyt_record, flags)] = 0;
+        }
+    }
+}
+
 // One sector of a list is not what was written.
 void hurt_sector(rig* r, const std::string& name, image* made) {
     torn::file& f = made->files.files.at(name);
@@ -241,6 +252,10 @@ void hurt_sector(rig* r, const std::string& name, image* made) {
     } else if (sectors > 1) {
         const size_t from = PAGE + r->pick(sectors) * SECTOR;
         f.bytes.replace(at, SECTOR, f.bytes, from, SECTOR);
+        const bool is_old = at >= PAGE && at != from && r->pick(2) == 0;
+        if (is_old) {
+            take_marks(&f.bytes, at);
+        }
         add_records(f.bytes, at, SECTOR, &made->strays);
         // Deleted or free ones that are there twice say nothing.
         const auto live = [&](size_t sector) {
@@ -254,7 +269,8 @@ void hurt_sector(rig* r, const std::string& name, image* made) {
             return false;
         };
         made->is_silent |= !live(from);
-        made->text += ", sector " + std::to_string(from) + " also at " + std::to_string(at);
+        made->text += ", sector " + std::to_string(from) + " also at " + std::to_string(at) +
+                      (is_old ? " as it was before it had marks" : "");
     }
     made->is_damaged |= f.bytes.compare(at, SECTOR, before) != 0;
 }
