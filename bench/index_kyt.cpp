@@ -4,8 +4,8 @@
 #include <poll.h>
 
 #include "handle.h"
-#include "keeper.h"
 #include "index_engine.h"
+#include "keeper.h"
 
 namespace {
 

@@ -16,9 +16,9 @@ namespace kyt {
 
 // Finds the sectors of a list that are not in its file as they are in memory, and writes those.
 //
-// A sector is known by the sum of what was last written. When the card refuses a write or a synchronisation, all
-// sectors count as not written whose sums are not SYNCED. So what was refused is written again, and nothing else is.
-// Cost: the sums, 256 multiplications of 32 bits for each sector and second.
+// A sector is known by the sum of what was last written. A refused write forgets the sums of what it was to bring, and
+// a refused synchronisation those that are not SYNCED: these sectors are written again, and no others. Cost: the sums,
+// 256 multiplications of 32 bits for each sector and second.
 struct writer {
     store list;                          // its `used` does not count
     std::atomic<bool> abandoned{false};  // nothing may be written any more
