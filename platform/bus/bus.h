@@ -73,7 +73,8 @@ struct bus_options {
 bus_session* bus_open(struct ev_loop* loop, const bus_options* options);
 
 // Ends the session with a goodbye (the will is not published) and frees it; null is fine. No listener of it runs any
-// more, ever. Waits, at most 20 ms, only for a broker that still owes answers.
+// more, ever. Waits, at most 20 ms, only for a broker that still owes answers, and not after a bus_flush that ran out
+// of time.
 void bus_close(bus_session* session);
 
 // Adds another listener (four at most; -1 with errno ENOSPC), told after the earlier ones unless it takes a
@@ -86,7 +87,8 @@ void bus_unlisten(bus_session* session, const void* context);
 bool bus_connected(const bus_session* session);
 
 // Requests. They give a non-zero number, then on_answer or on_lost comes; 0: errno says why (EINVAL: topic or length;
-// ENOTCONN: lost, or a session with `reconnect` that is not connected; ENOBUFS: BUS_REQUESTS_MAX wait already; ENOMEM).
+// ENOTCONN: lost, if only by this request's own write, or a session with `reconnect` that is not connected; ENOBUFS:
+// BUS_REQUESTS_MAX wait already; ENOMEM): neither comes for it.
 // A session without `reconnect` queues what is asked of it before the broker has accepted it.
 
 // Publishes. quality: 0 or 1.
@@ -104,9 +106,15 @@ uint32_t bus_unsubscribe(bus_session* session, const char* filter);
 // itself.
 bool bus_read(bus_session* session);
 
-// Waits until the broker has answered every request, or time_ms has passed: for the last words before the end of a
-// process, whose loop no longer runs. 0, or -1 with errno (ETIMEDOUT, ENOTCONN).
+// Waits until the broker has answered every request, those that are still queued included, or time_ms has passed: for
+// the last words before a session is closed. 0, or -1 with errno (ETIMEDOUT, ENOTCONN).
 int bus_flush(bus_session* session, int time_ms);
+
+// What has become of a request of which no listener has been told: it waits for the broker to accept the session, the
+// broker may have it, or its answer waits to be told. After a loss QUEUED means that the broker cannot have it.
+enum class bus_fate { QUEUED, SENT, ANSWERED };
+// ANSWERED sets *reason, the other two leave it.
+bus_fate bus_request_fate(const bus_session* session, uint32_t id, int* reason);
 
 // Makes bus_open without `reconnect` fail for the next second, as after an attempt that failed.
 void bus_hold_off();

@@ -70,6 +70,7 @@ struct bus_session {
     int64_t attempt_ms;  // when the client was made
     bool accepted;       // the client's callback has seen the broker accept
     int refusal;         // or refuse, as errno
+    bool flush_failed;   // the last bus_flush ran out of time
 
     ev_io readable;
     ev_io writable;
@@ -82,6 +83,8 @@ struct bus_session {
     event* events;
     event** events_end;
     int event_count;
+    event loss;       // for a LOST that finds no memory
+    bool loss_waits;  // it is among the events
 
     int telling;  // how many on_tell are on the stack: a listener may run the loop
     bool closed;  // freed when the last of them returns
@@ -133,9 +136,14 @@ void tell_later(bus_session* session) {
     }
 }
 
-// Without memory the news is lost: a message like one that was never sent; an answer like one that never came.
+// Without memory the event is dropped: a message like one that was never sent; an answer like one that never came. A
+// loss is reported all the same: a listener that did not learn of it would wait for ever.
 void add_event(bus_session* session, news what, uint32_t id, int code, letter* mail) {
     auto* added = static_cast<event*>(malloc(sizeof(event)));
+    if (added == nullptr && what == news::LOST && !session->loss_waits) {
+        added = &session->loss;
+        session->loss_waits = true;
+    }
     if (added == nullptr) {
         free(mail);
         return;
@@ -159,10 +167,18 @@ event* take_event(bus_session* session) {
     return taken;
 }
 
+void free_event(bus_session* session, event* freed) {
+    if (freed == &session->loss) {
+        session->loss_waits = false;
+    } else {
+        free(freed);
+    }
+}
+
 void drop_events(bus_session* session) {
     while (event* dropped = take_event(session)) {
         free(dropped->mail);
-        free(dropped);
+        free_event(session, dropped);
     }
 }
 
@@ -454,19 +470,20 @@ void on_tell(struct ev_loop*, ev_timer* watcher, int) {
     auto* session = static_cast<bus_session*>(watcher->data);
     ++session->telling;
     for (int left = session->event_count; left > 0 && !session->closed; --left) {
-        event* told = take_event(session);
-        if (told == nullptr) {
+        event* taken = take_event(session);
+        if (taken == nullptr) {
             break;  // a listener ran the loop, which has told the rest
         }
+        const event told = *taken;
+        free_event(session, taken);
         if (session->events != nullptr) {
             tell_later(session);  // for a listener that runs the loop
         }
         for (int i = 0; i < LISTENERS_MAX && !session->closed; ++i) {
             const bus_listener to = session->listeners[i];
-            tell_listener(session, to, *told);
+            tell_listener(session, to, told);
         }
-        free(told->mail);
-        free(told);
+        free(told.mail);
     }
     --session->telling;
     if (session->closed && session->telling == 0) {
@@ -499,6 +516,10 @@ uint32_t add_request(bus_session* session, verb what, const bus_message& message
     ++session->request_count;
     if (session->now == state::CONNECTED) {
         send_requests(session);
+        if (session->now != state::CONNECTED) {  // the write has met a connection that was dead already
+            errno = ENOTCONN;
+            return 0;
+        }
     }
     return id;
 }
@@ -578,7 +599,8 @@ void bus_close(bus_session* session) {
     session->closed = true;
     ev_timer_stop(session->loop, &session->tick);
     ev_timer_stop(session->loop, &session->tell);
-    drop_client(session, session->now == state::CONNECTED && session->request_count > 0 ? LINGER_MS : 0);
+    const bool lingers = session->now == state::CONNECTED && session->request_count > 0 && !session->flush_failed;
+    drop_client(session, lingers ? LINGER_MS : 0);
     drop_events(session);
     free(session->will);
     if (session == shared_session) {
@@ -636,11 +658,27 @@ bool bus_read(bus_session* session) {
     return session->client != nullptr;
 }
 
+bus_fate bus_request_fate(const bus_session* session, uint32_t id, int* reason) {
+    for (const request* one = session->requests; one != nullptr; one = one->next) {
+        if (one->id == id) {
+            return one->unsent != nullptr ? bus_fate::QUEUED : bus_fate::SENT;
+        }
+    }
+    for (const event* one = session->events; one != nullptr; one = one->next) {
+        if (one->what == news::ANSWER && one->id == id) {
+            *reason = one->code;
+            return bus_fate::ANSWERED;
+        }
+    }
+    return session->accepted ? bus_fate::SENT : bus_fate::QUEUED;
+}
+
 int bus_flush(bus_session* session, int time_ms) {
     const int64_t deadline_ms = monotonic_ms() + time_ms;
     while (session->client != nullptr && session->request_count > 0) {
         const int64_t left_ms = deadline_ms - monotonic_ms();
         if (left_ms <= 0) {
+            session->flush_failed = true;
             errno = ETIMEDOUT;
             return -1;
         }

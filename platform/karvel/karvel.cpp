@@ -6,12 +6,24 @@
 //
 // A read is a subscription that asks for the retained value, followed at once by a second packet about the same key.
 // The broker answers packets in order, so once the second is answered the value has arrived or there is none.
+//
+// What this process has set to be kept is remembered across handles, in at most MEMORIES_MAX records:
+// - A set whose handle was closed before the service could have seen it goes out first on the next handle. Callers
+// reopen
+//   a link that does not answer, and believe such a set done.
+// - A set whose handle was closed before the answer came may have arrived or not. When the next handle is connected the
+//   key is read, and set only when the service has nothing or an older value of this process: any other one is somebody
+//   else's, and a request ("start") must not be made twice.
+// - A value that the service had acknowledged is set again when the service, read in the same way, has none at all: it
+//   has lost its memory. Never for a key that this process has registered for: its values are requests of others, and
+//   whoever made them does not expect them to come back.
 #include <bit>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <ev.h>
+#include <utility>
 
 #include "bus/bus.h"
 #include "response.h"
@@ -20,7 +32,10 @@ namespace {
 
 constexpr size_t VALUE_MAX = size_t{64} << 10;  // bytes
 constexpr int DEFAULT_TIMEOUT_S = 10;
-constexpr int REFUSED = 0x80;  // reason codes from here on mean failure
+constexpr int CLOSE_MS = 20;      // for a service that has not taken every set when the handle is closed
+constexpr int EARLIER_MAX = 8;    // values of a key that may be the one that the service has
+constexpr int MEMORIES_MAX = 32;  // keys
+constexpr int REFUSED = 0x80;     // reason codes from here on mean failure
 constexpr const char* PREFIX = "karvel/";
 
 enum class kind { SET, READ, REGISTRATION };
@@ -29,7 +44,11 @@ struct item {
     item* next;
     kind what;
     uint32_t id;          // of the packet whose answer ends it; REGISTRATION: confirms it
+    uint32_t first_id;    // READ: of the packet that asks for the value
     int64_t deadline_ms;  // SET, READ
+    bool own;             // SET, READ: made here and not by the caller: no callback, no deadline
+    bool refused;         // READ: the service does not let us ask
+    bool nothing;         // SET: of no value: succeeds by itself
     // SET: success; READ: completion; REGISTRATION: notification. Null for a read that has completed early: its packets
     // are still on their way, and what they bring must not be taken for the answer to a younger read of the same key.
     karvel_callback callback;
@@ -38,9 +57,9 @@ struct item {
     bool confirm;     // REGISTRATION: the confirmation has been asked for
     bool confirmed;   // REGISTRATION: the service has confirmed, notifications may follow
     uint32_t serial;  // REGISTRATION: rises with every one of the connection
-    char* value;      // READ: owned; null: none arrived
-    size_t value_length;
-    char topic[];  // karvel/<namespace>/<group>/<key>
+    char* value;      // owned; READ: null: none arrived; SET: what is to be kept, with a NUL; null: nothing to remember
+    size_t value_length;  // READ: bytes
+    char topic[];         // karvel/<namespace>/<group>/<key>
 };
 
 }  // namespace
@@ -60,8 +79,27 @@ struct karvel_connection {
 
 namespace {
 
+// What this process has set to be kept for one key. All values are owned.
+struct memory {
+    memory* next;
+    char* kept;                  // the last one that was acknowledged; null: none
+    char* unknown;               // a later one that was set on a handle that was closed; null: none
+    bool maybe;                  // the service may have the unknown one
+    char* earlier[EARLIER_MAX];  // others whose end is not known, the oldest first; null: no more
+    char topic[];
+};
+
+// A key that this process has registered for.
+struct listened {
+    listened* next;
+    char topic[];
+};
+
 karvel_connection* connections;  // the open ones
 uint32_t last_number;
+memory* memories;  // at most MEMORIES_MAX
+listened* listened_keys;
+char* known_address;  // owned; of the service that both lists are about; null: no handle has been opened yet
 
 int64_t now_ms() {
     timespec now{};
@@ -88,6 +126,18 @@ void release(karvel_connection* connection) {
 
 bool is_name(const char* name) {
     return name != nullptr && *name != '\0' && strpbrk(name, "/+#") == nullptr;
+}
+
+// A new item of the library's own; null when memory ran out.
+item* make_own_item(kind what, const char* topic) {
+    const size_t size = strlen(topic) + 1;
+    auto* made = static_cast<item*>(calloc(1, sizeof(item) + size));
+    if (made != nullptr) {
+        made->what = what;
+        made->own = true;
+        memcpy(made->topic, topic, size);
+    }
+    return made;
 }
 
 // A new item for a key; null when a name cannot be or memory ran out.
@@ -138,6 +188,187 @@ void unlink_item(karvel_connection* connection, const item* gone) {
     }
 }
 
+// --- What is remembered ----------------------------------------------------------------------------------------------
+
+bool is_listened(const char* topic) {
+    const listened* one = listened_keys;
+    while (one != nullptr && strcmp(one->topic, topic) != 0) {
+        one = one->next;
+    }
+    return one != nullptr;
+}
+
+// The link to a key's record; it points to null when there is none.
+memory** find_memory(const char* topic) {
+    memory** link = &memories;
+    while (*link != nullptr && strcmp((*link)->topic, topic) != 0) {
+        link = &(*link)->next;
+    }
+    return link;
+}
+
+void forget_earlier(memory* one) {
+    for (char*& value : one->earlier) {
+        free(std::exchange(value, nullptr));
+    }
+}
+
+// Takes the value over.
+void add_earlier(memory* one, char* value) {
+    int count = 0;
+    while (count < EARLIER_MAX && one->earlier[count] != nullptr) {
+        ++count;
+    }
+    if (count == EARLIER_MAX) {
+        free(one->earlier[0]);
+        memmove(one->earlier, one->earlier + 1, (EARLIER_MAX - 1) * sizeof one->earlier[0]);
+        --count;
+    }
+    one->earlier[count] = value;
+}
+
+void drop_memory(memory** link) {
+    memory* dropped = *link;
+    *link = dropped->next;
+    free(dropped->kept);
+    free(dropped->unknown);
+    forget_earlier(dropped);
+    free(dropped);
+}
+
+// What was set in one service is nothing to restore in another.
+void forget_other_service(const char* address) {
+    if (known_address != nullptr && strcmp(known_address, address) == 0) {
+        return;
+    }
+    free(known_address);
+    known_address = strdup(address);
+    while (memories != nullptr) {
+        drop_memory(&memories);
+    }
+    while (listened* one = listened_keys) {
+        listened_keys = one->next;
+        free(one);
+    }
+}
+
+// A key's record, made where there is none; null: there are enough, or no memory.
+memory* get_memory(const char* topic) {
+    memory** link = find_memory(topic);
+    if (*link != nullptr) {
+        return *link;
+    }
+    int count = 0;
+    for (const memory* one = memories; one != nullptr; one = one->next) {
+        ++count;
+    }
+    const size_t size = strlen(topic) + 1;
+    auto* made = count < MEMORIES_MAX ? static_cast<memory*>(calloc(1, sizeof(memory) + size)) : nullptr;
+    if (made != nullptr) {
+        memcpy(made->topic, topic, size);
+        *link = made;
+    }
+    return made;
+}
+
+void forget(const char* topic) {
+    memory** link = find_memory(topic);
+    if (*link != nullptr) {
+        drop_memory(link);
+    }
+}
+
+// What the caller sets now makes an earlier set of the key pointless.
+void supersede(const char* topic) {
+    memory* one = *find_memory(topic);
+    if (one != nullptr && one->unknown != nullptr) {
+        add_earlier(one, std::exchange(one->unknown, nullptr));
+    }
+}
+
+// The service has acknowledged this value; it is taken over. An empty one has taken the key's value away.
+void remember_kept(const char* topic, char* value) {
+    memory* one = *value == '\0' || is_listened(topic) ? nullptr : get_memory(topic);
+    if (one == nullptr) {
+        forget(topic);
+        free(value);
+        return;
+    }
+    free(one->kept);
+    one->kept = value;
+    forget_earlier(one);
+}
+
+// From now on the key's values are requests of others. False: no memory.
+bool add_listened(const char* topic) {
+    if (is_listened(topic)) {
+        return true;
+    }
+    const size_t size = strlen(topic) + 1;
+    auto* added = static_cast<listened*>(malloc(sizeof(listened) + size));
+    if (added == nullptr) {
+        return false;
+    }
+    memcpy(added->topic, topic, size);
+    added->next = listened_keys;
+    listened_keys = added;
+    memory* one = *find_memory(topic);
+    if (one != nullptr && one->unknown != nullptr && !one->maybe) {
+        free(std::exchange(one->kept, nullptr));  // what the service has not been told yet still goes out
+    } else {
+        forget(topic);
+    }
+    return true;
+}
+
+void set_has_succeeded(item* set) {
+    if (set->value == nullptr) {
+        return;
+    }
+    memory* one = *find_memory(set->topic);
+    if (set->own && one != nullptr) {
+        free(std::exchange(one->unknown, nullptr));
+    }
+    remember_kept(set->topic, std::exchange(set->value, nullptr));
+}
+
+// The set has failed, and the caller knows it; but the service may have the value, or get it.
+void set_has_failed(item* set) {
+    memory* one = set->value == nullptr || is_listened(set->topic) ? nullptr : get_memory(set->topic);
+    if (one != nullptr) {
+        add_earlier(one, std::exchange(set->value, nullptr));
+    }
+}
+
+// A set ends before its answer, and nobody is told: its handle is closed, or nobody has asked for it.
+void set_has_been_cut_off(const karvel_connection* connection, item* set) {
+    int reason = 0;
+    const bus_fate fate = bus_request_fate(connection->session, set->id, &reason);
+    if (set->value == nullptr || (fate == bus_fate::ANSWERED && reason >= REFUSED)) {
+        return;
+    }
+    if (fate == bus_fate::ANSWERED) {
+        set_has_succeeded(set);
+        return;
+    }
+    const bool maybe = fate == bus_fate::SENT;
+    if (maybe && is_listened(set->topic)) {
+        forget(set->topic);
+        return;
+    }
+    memory* one = set->own ? *find_memory(set->topic) : get_memory(set->topic);
+    if (one == nullptr) {
+        return;  // the key was set again since, or there is no memory
+    }
+    if (set->own) {
+        one->maybe = one->maybe || maybe;
+        return;
+    }
+    supersede(set->topic);
+    one->unknown = std::exchange(set->value, nullptr);
+    one->maybe = maybe;
+}
+
 // Calls back about an item. The callback may close the handle, which frees every item of the list, so everything is
 // taken from the item beforehand; one that is unlinked stays the caller's.
 // False: the handle is closed now.
@@ -174,7 +405,7 @@ int64_t deadline(int timeout_s) {
 }
 
 bool has_deadline(const item* one) {
-    return one->what == kind::SET || (one->what == kind::READ && one->callback != nullptr);
+    return !one->own && (one->what == kind::SET || (one->what == kind::READ && one->callback != nullptr));
 }
 
 void set_timer(karvel_connection* connection) {
@@ -213,7 +444,9 @@ bool end_overdue(karvel_connection* connection, item** link) {
         return call(connection, overdue, on_done, NO_VALUE, ETIMEDOUT);
     }
     *link = overdue->next;
-    const bool open = call(connection, overdue, overdue->on_fail, NO_VALUE, ETIMEDOUT);
+    set_has_failed(overdue);
+    const bool open = overdue->nothing ? call(connection, overdue, overdue->callback, NO_VALUE, 0)
+                                       : call(connection, overdue, overdue->on_fail, NO_VALUE, ETIMEDOUT);
     free_item(overdue);
     return open;
 }
@@ -242,6 +475,37 @@ void on_timer(struct ev_loop*, ev_timer* watcher, int) {
 // --- What the bus tells
 // --------------------------------------------------------------------------------------------------
 
+uint32_t publish(karvel_connection* connection, const char* topic, const char* value, bool retained) {
+    bus_message message{};
+    message.topic = topic;
+    message.payload = *value == '\0' ? nullptr : value;
+    message.length = strlen(value);
+    message.retained = retained;
+    return bus_publish(connection->session, &message, 1);
+}
+
+bool is_registered(const karvel_connection* connection, const char* topic) {
+    const item* one = connection->items;
+    while (one != nullptr && !(one->what == kind::REGISTRATION && strcmp(one->topic, topic) == 0)) {
+        one = one->next;
+    }
+    return one != nullptr;
+}
+
+// Asks the service for a key's value. False: the connection is lost.
+//
+// Quality 0, which no limit on unacknowledged messages can hold back until after the second answer. The second packet
+// puts things back as they were: unsubscribed, or subscribed as the registrations want it.
+bool ask(karvel_connection* connection, item* read) {
+    const bool registered = is_registered(connection, read->topic);
+    read->first_id = bus_subscribe(connection->session, read->topic, 0, bus_retained::SEND);
+    if (read->first_id != 0) {
+        read->id = registered ? bus_subscribe(connection->session, read->topic, 1, bus_retained::NEVER)
+                              : bus_unsubscribe(connection->session, read->topic);
+    }
+    return read->id != 0;
+}
+
 item* find_kind(karvel_connection* connection, kind what) {
     item* one = connection->items;
     while (one != nullptr && one->what != what) {
@@ -265,6 +529,11 @@ void on_lost(bus_session*, int error, void* context) {
                 break;
             }
             unlink_item(connection, one);
+            if (what == kind::SET && one->own) {
+                set_has_been_cut_off(connection, one);
+            } else if (what == kind::SET) {
+                set_has_failed(one);
+            }
             (void)call(connection, one, what == kind::READ ? one->callback : one->on_fail, NO_VALUE, error);
             free_item(one);
         }
@@ -275,12 +544,71 @@ void on_lost(bus_session*, int error, void* context) {
 void answer_set(karvel_connection* connection, item* set, int reason) {
     unlink_item(connection, set);
     const bool refused = reason >= REFUSED;
+    if (!refused) {
+        set_has_succeeded(set);
+    } else if (set->own) {
+        supersede(set->topic);
+    }
     (void)call(connection, set, refused ? set->on_fail : set->callback, NO_VALUE, refused ? EACCES : 0);
     free_item(set);
 }
 
+bool has_set(const karvel_connection* connection, const char* topic) {
+    const item* one = connection->items;
+    while (one != nullptr && !(one->what == kind::SET && !one->nothing && strcmp(one->topic, topic) == 0)) {
+        one = one->next;
+    }
+    return one != nullptr;
+}
+
+void set_again(karvel_connection* connection, const char* topic, const char* value) {
+    item* set = make_own_item(kind::SET, topic);
+    char* copy = strdup(value);
+    if (set != nullptr && copy != nullptr) {
+        set->value = std::exchange(copy, nullptr);
+        set->id = publish(connection, topic, value, true);
+    }
+    free(copy);
+    if (set != nullptr && set->id != 0) {
+        append(connection, set);
+    } else if (set != nullptr) {
+        free_item(set);
+    }
+}
+
+// The service has been asked for a key that this process has set before.
+void restore(karvel_connection* connection, const item* read) {
+    memory* one = *find_memory(read->topic);
+    if (one == nullptr || read->refused || is_listened(read->topic) || has_set(connection, read->topic)) {
+        return;
+    }
+    const auto is_there = [read](const char* value) {
+        return value != nullptr && strlen(value) == read->value_length &&
+               (read->value_length == 0 || memcmp(value, read->value, read->value_length) == 0);
+    };
+    bool is_ours = read->value == nullptr || is_there(one->kept);
+    for (const char* value : one->earlier) {
+        is_ours = is_ours || is_there(value);
+    }
+    if (one->unknown == nullptr) {
+        if (read->value == nullptr && one->kept != nullptr) {
+            set_again(connection, read->topic, one->kept);
+        }
+    } else if (is_there(one->unknown)) {
+        char* value = std::exchange(one->unknown, nullptr);
+        remember_kept(read->topic, value);
+    } else if (is_ours) {
+        set_again(connection, read->topic, one->unknown);
+    } else {
+        forget(read->topic);
+    }
+}
+
 void answer_read(karvel_connection* connection, item* read) {
     unlink_item(connection, read);
+    if (read->own) {
+        restore(connection, read);
+    }
     (void)call(connection, read, read->callback, karvel_xvalue{read->value, read->value_length}, 0);
     free_item(read);
 }
@@ -304,11 +632,15 @@ void answer_registration(karvel_connection* connection, item* registration, int 
 void on_answer(bus_session*, uint32_t request, int reason, void* context) {
     auto* connection = static_cast<karvel_connection*>(context);
     item* one = connection->items;
-    while (one != nullptr && one->id != request) {
+    while (one != nullptr && one->id != request && one->first_id != request) {
         one = one->next;
     }
     if (one == nullptr) {
         return;  // overdue or replaced meanwhile
+    }
+    if (one->first_id == request) {
+        one->refused = reason >= REFUSED;
+        return;
     }
     ++connection->held;
     switch (one->what) {
@@ -367,6 +699,24 @@ void notify(karvel_connection* connection, const bus_message* message) {
     }
 }
 
+// After what the caller has asked for since it opened the handle. The keys that it has set itself are not read, and
+// those whose set goes out by itself neither.
+void on_connected(bus_session*, void* context) {
+    auto* connection = static_cast<karvel_connection*>(context);
+    for (const memory* one = memories; one != nullptr; one = one->next) {
+        if ((one->kept == nullptr && one->unknown == nullptr) || is_listened(one->topic) ||
+            has_set(connection, one->topic)) {
+            continue;
+        }
+        item* read = make_own_item(kind::READ, one->topic);
+        if (read == nullptr || !ask(connection, read)) {
+            free(read);
+            return;  // the next connection tries again
+        }
+        append(connection, read);
+    }
+}
+
 void on_message(bus_session*, const bus_message* message, void* context) {
     auto* connection = static_cast<karvel_connection*>(context);
     if (message->length > VALUE_MAX) {
@@ -391,7 +741,7 @@ karvel_handle* karvel_open(struct ev_loop* loop) {
     if (connection == nullptr) {
         return nullptr;
     }
-    const bus_options options{{nullptr, on_lost, on_message, on_answer, connection}, false, nullptr};
+    const bus_options options{{on_connected, on_lost, on_message, on_answer, connection}, false, nullptr};
     connection->session = bus_open(loop, &options);
     if (connection->session == nullptr) {
         const int error = errno;
@@ -399,6 +749,7 @@ karvel_handle* karvel_open(struct ev_loop* loop) {
         errno = error;
         return nullptr;
     }
+    forget_other_service(bus_address());
     connection->loop = loop;
     ev_timer_init(&connection->timer, on_timer, 0., 0.);
     connection->timer.data = connection;
@@ -408,6 +759,11 @@ karvel_handle* karvel_open(struct ev_loop* loop) {
     connection->number = last_number;
     connection->next = connections;
     connections = connection;
+    for (const memory* one = memories; one != nullptr; one = one->next) {
+        if (one->unknown != nullptr && !one->maybe) {
+            set_again(connection, one->topic, one->unknown);
+        }
+    }
     return std::bit_cast<karvel_handle*>(uintptr_t{connection->number});
 }
 
@@ -424,6 +780,14 @@ void libkarvel_close(karvel_handle* handle) {
     ++connection->held;
     connection->closed = true;
     ev_timer_stop(connection->loop, &connection->timer);
+    if (find_kind(connection, kind::SET) != nullptr) {
+        (void)bus_flush(connection->session, CLOSE_MS);  // what it leaves is remembered
+    }
+    for (item* one = connection->items; one != nullptr; one = one->next) {
+        if (one->what == kind::SET) {
+            set_has_been_cut_off(connection, one);
+        }
+    }
     bus_close(connection->session);
     while (item* one = connection->items) {
         connection->items = one->next;
@@ -436,7 +800,7 @@ bool libkarvel_set_value(karvel_handle* handle, const char* name_space, const ch
                          const char* value, karvel_callback on_ok, karvel_callback on_fail, int timeout_s,
                          void* context) {
     karvel_connection* connection = find(handle);
-    if (connection == nullptr || connection->lost || value == nullptr || strnlen(value, VALUE_MAX + 1) > VALUE_MAX) {
+    if (connection == nullptr || connection->lost || (value != nullptr && strnlen(value, VALUE_MAX + 1) > VALUE_MAX)) {
         return false;
     }
     item* set = make_item(kind::SET, name_space, group, key);
@@ -446,16 +810,20 @@ bool libkarvel_set_value(karvel_handle* handle, const char* name_space, const ch
     set->callback = on_ok;
     set->on_fail = on_fail;
     set->context = context;
-    set->deadline_ms = deadline(timeout_s);
-    bus_message message{};
-    message.topic = set->topic;
-    message.payload = *value == '\0' ? nullptr : value;
-    message.length = strlen(value);
-    message.retained = keep != 0;
-    set->id = bus_publish(connection->session, &message, 1);
-    if (set->id == 0) {
-        free_item(set);
-        return false;
+    set->nothing = value == nullptr;
+    set->deadline_ms = deadline(set->nothing ? 0 : timeout_s);
+    if (!set->nothing) {
+        set->value = keep != 0 ? strdup(value) : nullptr;
+        if (keep == 0 || set->value != nullptr) {
+            set->id = publish(connection, set->topic, value, keep != 0);
+        }
+        if (set->id == 0) {
+            free_item(set);
+            return false;
+        }
+        if (keep != 0) {
+            supersede(set->topic);
+        }
     }
     append(connection, set);
     set_timer(connection);
@@ -473,7 +841,9 @@ bool libkarvel_register_notification(karvel_handle* handle, const char* name_spa
     if (added == nullptr) {
         return false;
     }
-    added->id = bus_subscribe(connection->session, added->topic, 1, bus_retained::NEVER);
+    if (add_listened(added->topic)) {
+        added->id = bus_subscribe(connection->session, added->topic, 1, bus_retained::NEVER);
+    }
     if (added->id == 0) {
         free_item(added);
         return false;
@@ -498,18 +868,6 @@ bool libkarvel_register_notification(karvel_handle* handle, const char* name_spa
     return true;
 }
 
-namespace {
-
-bool is_registered(const karvel_connection* connection, const char* topic) {
-    const item* one = connection->items;
-    while (one != nullptr && !(one->what == kind::REGISTRATION && strcmp(one->topic, topic) == 0)) {
-        one = one->next;
-    }
-    return one != nullptr;
-}
-
-}  // namespace
-
 bool libkarvel_get_value(karvel_handle* handle, const char* name_space, const char* group, const char* key,
                          karvel_callback on_done, void* unused, int timeout_s, void* context) {
     (void)unused;
@@ -521,14 +879,7 @@ bool libkarvel_get_value(karvel_handle* handle, const char* name_space, const ch
     if (read == nullptr) {
         return false;
     }
-    // Quality 0, which no limit on unacknowledged messages can hold back until after the second answer. The second
-    // packet puts things back as they were: unsubscribed, or subscribed as the registrations want it.
-    const bool registered = is_registered(connection, read->topic);
-    if (bus_subscribe(connection->session, read->topic, 0, bus_retained::SEND) != 0) {
-        read->id = registered ? bus_subscribe(connection->session, read->topic, 1, bus_retained::NEVER)
-                              : bus_unsubscribe(connection->session, read->topic);
-    }
-    if (read->id == 0) {
+    if (!ask(connection, read)) {
         free_item(read);
         return false;
     }

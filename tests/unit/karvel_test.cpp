@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <ev.h>
 #include <fstream>
 #include <functional>
@@ -365,7 +366,6 @@ TEST_F(Karvel, ValuesAreBytesUpTo64KiB) {
     EXPECT_EQ(times("watch mem:default:k=" + longest), 1);
     EXPECT_EQ(stored("k"), "got " + longest);
     EXPECT_FALSE(set(other, "k", (longest + "x").c_str()));
-    EXPECT_FALSE(set(other, "k", nullptr));
     // Bytes that no C string holds come from other clients of the bus.
     const bus_options options{{}, false, nullptr};
     bus_session* raw = bus_open(ev_default_loop(0), &options);
@@ -747,6 +747,228 @@ TEST_F(Karvel, ARefusedRegistrationFailsAndHoldsTheNextOpenOff) {
 }
 
 PROMISES("karvel", "Closing and losing");
+TEST_F(Karvel, ANullValueChangesNothingAndSucceedsLater) {
+    ASSERT_TRUE(set(other, "k", "v"));
+    ASSERT_TRUE(watch(other, "k"));
+    ASSERT_TRUE(told_within(2));
+    told.clear();
+    ASSERT_TRUE(set(handle, "k", nullptr));
+    EXPECT_FALSE(set(handle, "a/b", nullptr));
+    EXPECT_EQ(told, Told{}) << "a callback ran inside the call";
+    ASSERT_TRUE(told_within(1));
+    EXPECT_EQ(stored("k"), "got v");
+    EXPECT_EQ(told, Told{"set ok"}) << "nothing was published";
+    broker.kill();
+    ASSERT_TRUE(run_until([&] { return !set(handle, "k", nullptr); })) << "false from the loss on";
+}
+
+// The loop has not run since the broker went, so that only the write itself can find out.
+TEST_F(Karvel, ASetThatMeetsADeadConnectionIsRefused) {
+    ASSERT_TRUE(watch(handle, "k"));
+    ASSERT_TRUE(set(handle, "before", "1"));
+    ASSERT_TRUE(told_within(2));
+    told.clear();
+    broker.kill();
+    broker.start();
+    EXPECT_FALSE(set(handle, "k", "v"));
+    EXPECT_FALSE(get(handle, "k"));
+    EXPECT_FALSE(watch(handle, "l"));
+    ASSERT_TRUE(told_within(1));
+    run_for(50);
+    EXPECT_EQ(told, Told{"watch fail"}) << "no callback of what was refused";
+}
+
+TEST_F(Karvel, AHandleThatIsClosedAtOnceHasStillSet) {
+    karvel_handle* brief = open();
+    ASSERT_TRUE(set(brief, "k", "v"));
+    libkarvel_close(brief);
+    EXPECT_EQ(stored("k"), "got v");
+    EXPECT_EQ(told, Told{});
+}
+
+TEST_F(Karvel, WhatWasQueuedWhenItsHandleWasClosedGoesOutWithTheNext) {
+    EXPECT_EQ(stored("k"), "none");
+    libkarvel_close(std::exchange(handle, nullptr));
+    broker.freeze();
+    // Two closed handles, so that what the first had is handed on twice; the second sets one of the keys itself.
+    handle = open();
+    ASSERT_TRUE(set(handle, "k", "1"));
+    ASSERT_TRUE(set(handle, "l", "1"));
+    ASSERT_TRUE(set(handle, "l", "2"));
+    ASSERT_TRUE(set(handle, "relayed", "1", "set", 0));
+    libkarvel_close(handle);
+    handle = open();
+    ASSERT_TRUE(set(handle, "k", "2"));
+    libkarvel_close(handle);
+    handle = open();
+    broker.go_on();
+    EXPECT_TRUE(run_until([&] { return stored("k") == "got 2"; }, 3'000)) << stored("k");
+    EXPECT_TRUE(run_until([&] { return stored("l") == "got 2"; }, 3'000)) << stored("l");
+    EXPECT_EQ(stored("relayed"), "none") << "it was for that moment";
+    EXPECT_EQ(told, Told{});
+    // And it is done with: a later value of somebody else stays.
+    ASSERT_TRUE(set(other, "k", "3"));
+    ASSERT_TRUE(told_within(1));
+    libkarvel_close(handle);
+    handle = open();
+    run_for(200);
+    EXPECT_EQ(stored("k"), "got 3");
+}
+
+TEST_F(Karvel, WhatWasQueuedIsSupersededByTheNextSet) {
+    EXPECT_EQ(stored("k"), "none");
+    libkarvel_close(std::exchange(handle, nullptr));
+    broker.freeze();
+    handle = open();
+    ASSERT_TRUE(set(handle, "k", "1"));
+    libkarvel_close(handle);
+    handle = open();
+    ASSERT_TRUE(set(handle, "k", "2"));
+    broker.go_on();
+    ASSERT_TRUE(told_within(1));
+    run_for(200);
+    EXPECT_EQ(stored("k"), "got 2");
+}
+
+// The broker is killed with the set unread, or has read it: the handle that asked cannot tell one from the other.
+TEST_F(Karvel, ASetThatWasCutOffIsMadeAgainOnlyWhereItDidNotArrive) {
+    ASSERT_TRUE(watch(handle, "request"));
+    for (const char* key : {"lost", "arrived", "replaced", "request", "halfway"}) {
+        ASSERT_TRUE(set(handle, key, "1"));
+    }
+    ASSERT_TRUE(run_until([] { return times("set ok") == 5; }));
+    run_for(300);  // on disk a moment after the acknowledgement
+    broker.freeze();
+    for (const char* key : {"lost", "arrived", "replaced", "request", "none yet", "halfway"}) {
+        ASSERT_TRUE(set(handle, key, "2"));
+    }
+    ASSERT_TRUE(set(handle, "halfway", "3"));
+    libkarvel_close(std::exchange(handle, nullptr));
+    libkarvel_close(std::exchange(other, nullptr));
+    broker.kill();
+    broker.start();
+    // Meanwhile another program.
+    const bus_options options{{}, false, nullptr};
+    bus_session* raw = nullptr;
+    ASSERT_TRUE(run_until([&] { return (raw = bus_open(ev_default_loop(0), &options)) != nullptr; }));
+    for (const auto& [topic, value] :
+         {std::pair("karvel/mem/default/arrived", "2"), std::pair("karvel/mem/default/replaced", "3"),
+          std::pair("karvel/mem/default/halfway", "2")}) {
+        const bus_message message{topic, value, 1, true, nullptr, nullptr, 0};
+        ASSERT_NE(bus_publish(raw, &message, 1), 0U);
+    }
+    ASSERT_EQ(bus_flush(raw, 5'000), 0);
+    bus_close(raw);
+    told.clear();
+    handle = open();
+    other = open();
+    EXPECT_TRUE(run_until([&] { return stored("lost") == "got 2"; }, 3'000)) << stored("lost");
+    EXPECT_TRUE(run_until([&] { return stored("none yet") == "got 2"; }, 3'000)) << stored("none yet");
+    EXPECT_TRUE(run_until([&] { return stored("halfway") == "got 3"; }, 3'000)) << stored("halfway");
+    EXPECT_EQ(stored("arrived"), "got 2");
+    EXPECT_EQ(stored("replaced"), "got 3");
+    EXPECT_EQ(stored("request"), "got 1") << "a request must not be made twice";
+    EXPECT_EQ(told, Told{});
+}
+
+TEST_F(Karvel, AServiceThatHasLostItsMemoryGetsItBackOnce) {
+    ASSERT_TRUE(watch(handle, "request"));
+    for (const char* key : {"kept", "changed", "removed", "request", "registered later"}) {
+        ASSERT_TRUE(set(handle, key, "1"));
+    }
+    ASSERT_TRUE(set(handle, "relayed", "1", "set", 0));
+    ASSERT_TRUE(run_until([] { return times("set ok") == 6; }));
+    ASSERT_TRUE(set(handle, "changed", "2"));
+    ASSERT_TRUE(set(handle, "removed", ""));
+    ASSERT_TRUE(watch(handle, "registered later"));
+    ASSERT_TRUE(run_until([] { return times("set ok") == 8; }));
+    libkarvel_close(std::exchange(other, nullptr));
+    broker.forget();
+    ASSERT_TRUE(run_until([] { return times("watch fail") == 2; }));
+    libkarvel_close(handle);
+    told.clear();
+    handle = open();
+    ASSERT_TRUE(set(handle, "own", "1"));
+    ASSERT_TRUE(told_within(1));
+    other = open();
+    EXPECT_TRUE(run_until([&] { return stored("kept") == "got 1"; }, 3'000)) << stored("kept");
+    EXPECT_EQ(stored("changed"), "got 2");
+    for (const char* key : {"removed", "request", "registered later", "relayed"}) {
+        EXPECT_EQ(stored(key), "none") << key;
+    }
+    EXPECT_EQ(told, Told{"set ok"}) << "nobody is told of it";
+
+    // A value that is there stays, whoever wrote it; and it is read once, not whenever it goes.
+    ASSERT_TRUE(set(other, "kept", "theirs"));
+    ASSERT_TRUE(told_within(2));
+    libkarvel_close(handle);
+    handle = open();
+    run_for(200);
+    EXPECT_EQ(stored("kept"), "got theirs");
+    const bus_options options{{}, false, nullptr};
+    bus_session* raw = bus_open(ev_default_loop(0), &options);
+    const bus_message nothing{"karvel/mem/default/changed", nullptr, 0, true, nullptr, nullptr, 0};
+    ASSERT_NE(raw, nullptr);
+    ASSERT_NE(bus_publish(raw, &nothing, 1), 0U);
+    ASSERT_EQ(bus_flush(raw, 5'000), 0);
+    bus_close(raw);
+    run_for(200);
+    EXPECT_EQ(stored("changed"), "none");
+}
+
+TEST_F(Karvel, ThirtyTwoKeysAreRemembered) {
+    const auto key = [](int number) { return "many" + std::to_string(number); };
+    for (int i = 0; i < 50; ++i) {
+        ASSERT_TRUE(set(handle, key(i).c_str(), "1"));
+    }
+    ASSERT_TRUE(told_within(50));
+    libkarvel_close(handle);
+    libkarvel_close(std::exchange(other, nullptr));
+    broker.forget();
+    told.clear();
+    handle = open();
+    other = open();
+    run_for(300);
+    int restored = 0;
+    for (int i = 0; i < 50; ++i) {
+        restored += stored(key(i).c_str()) == "got 1" ? 1 : 0;
+    }
+    EXPECT_EQ(restored, 32);
+}
+
+// The caller's own sets come first, and what they set is not touched.
+TEST_F(Karvel, OwnSetsComeBeforeWhatIsRestored) {
+    ASSERT_TRUE(set(handle, "first", "old"));
+    ASSERT_TRUE(set(handle, "second", "old"));
+    ASSERT_TRUE(told_within(2));
+    libkarvel_close(handle);
+    libkarvel_close(std::exchange(other, nullptr));
+    broker.forget();
+    told.clear();
+    bus_session* raw = nullptr;
+    std::vector<std::string> published;
+    bus_options options{{}, false, nullptr};
+    options.listener.context = &published;
+    options.listener.on_message = [](bus_session*, const bus_message* message, void* context) {
+        if (!message->retained) {
+            static_cast<std::vector<std::string>*>(context)->push_back(
+                std::string(message->topic).substr(strlen("karvel/mem/default/")) + "=" +
+                std::string(static_cast<const char*>(message->payload), message->length));
+        }
+    };
+    ASSERT_TRUE(run_until([&] { return (raw = bus_open(ev_default_loop(0), &options)) != nullptr; }));
+    ASSERT_NE(bus_subscribe(raw, "karvel/#", 1, bus_retained::NEVER), 0U);
+    ASSERT_EQ(bus_flush(raw, 5'000), 0);
+    handle = open();
+    ASSERT_TRUE(set(handle, "third", "new"));
+    ASSERT_TRUE(set(handle, "first", "new"));
+    const auto at = [&](const char* what) { return std::find(published.begin(), published.end(), what); };
+    EXPECT_TRUE(run_until([&] { return at("second=old") != published.end(); }, 3'000));
+    EXPECT_LT(at("third=new"), at("second=old"));
+    EXPECT_LT(at("first=new"), at("second=old"));
+    EXPECT_EQ(at("first=old"), published.end());
+    bus_close(raw);
+}
 
 TEST_F(Karvel, XhandleResponseReadsWhatHasArrived) {
     PROMISE("responses are handled by hand", "true while the connection is whole; a loss is noticed there too");

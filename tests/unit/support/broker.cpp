@@ -57,8 +57,14 @@ void on_beat(struct ev_loop*, ev_timer*, int) {}
 }  // namespace
 
 Broker::Broker() : port_(free_port()) {
-    char name[] = "/tmp/broker.XXXXXX";
-    if (mkdtemp(name) == nullptr) {
+    // In memory where that can be, as on a camera: the broker waits for each of its files to be on the disk.
+    char in_memory[] = "/dev/shm/broker.XXXXXX";
+    char on_disk[] = "/tmp/broker.XXXXXX";
+    const char* name = mkdtemp(in_memory);
+    if (name == nullptr) {
+        name = mkdtemp(on_disk);
+    }
+    if (name == nullptr) {
         die("mkdtemp");
     }
     folder_ = name;
@@ -131,6 +137,18 @@ void Broker::go_on() {
         die("go on: no broker");
     }
     ::kill(pid_, SIGCONT);
+}
+
+void Broker::forget() {
+    kill();
+    std::filesystem::remove(folder_ + "/mosquitto.db");
+    start();
+}
+
+bool Broker::has_saved(const std::string& bytes) const {
+    std::ifstream file(folder_ + "/mosquitto.db", std::ios::binary);
+    const std::string all{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    return all.find(bytes) != std::string::npos;
 }
 
 std::string Broker::address() const {

@@ -15,11 +15,13 @@ class Broker {
     Broker(const Broker&) = delete;
     Broker& operator=(const Broker&) = delete;
 
-    void configure(const std::string& lines);  // added to its configuration; started again with them
-    void start();                              // returns when it takes connections
-    void kill();                               // SIGKILL, reaped
-    void freeze();                             // SIGSTOP, returns when it stands
-    void go_on();                              // SIGCONT
+    void configure(const std::string& lines);        // added to its configuration; started again with them
+    void start();                                    // returns when it takes connections
+    void kill();                                     // SIGKILL, reaped
+    void freeze();                                   // SIGSTOP, returns when it stands
+    void go_on();                                    // SIGCONT
+    void forget();                                   // killed, and started again without what it had kept
+    bool has_saved(const std::string& bytes) const;  // they are in the file from which its successor starts
     std::string address() const;
     std::string folder() const;
     int port() const;  // loopback TCP as well
