@@ -40,6 +40,21 @@ void open_standard_descriptors() {
     }
 }
 
+// A mask and ignored signals are inherited. Blocked, the end of a child would never be seen, nor the request to end; a
+// bus fault would kill without the dump. Handlers are the callers' business and stay.
+void accept_signals() {
+    sigset_t ours;
+    sigemptyset(&ours);
+    for (const int number : {SIGCHLD, SIGTERM, SIGBUS}) {
+        struct sigaction action = {};
+        sigaddset(&ours, number);
+        if (sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) {
+            (void)signal(number, SIG_DFL);
+        }
+    }
+    (void)sigprocmask(SIG_UNBLOCK, &ours, nullptr);
+}
+
 }  // namespace
 
 int app_init(const vesk_app_descriptor* descriptor, int argc, char** argv) {
@@ -68,6 +83,7 @@ int app_init(const vesk_app_descriptor* descriptor, int argc, char** argv) {
     }
 
     log_open(app_name, options.log_level, log_choose_target(options.foreground));
+    accept_signals();
     // A broker or a child that goes away must not take the daemon along.
     (void)signal(SIGPIPE, SIG_IGN);
 
@@ -92,4 +108,5 @@ int app_run() {
 
 void app_fini() {
     actions_stop();
+    log_finish();
 }

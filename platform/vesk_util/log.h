@@ -13,5 +13,8 @@ log_target log_choose_target(bool foreground);
 // Sets target, least urgent level (a syslog number) and the name that syslog shows. The name must stay valid.
 void log_open(const char* name, int level, log_target target);
 
+// Tells how many messages could not be written, if any and if that can be written now. The log goes on working.
+void log_finish();
+
 // The level of "crit", "err", "warning", "info" or "debug" as its syslog number, -1 for any other text.
 int log_level_of(std::string_view name);

@@ -8,6 +8,8 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <ev.h>
 #include <fcntl.h>
 #include <functional>
 #include <gtest/gtest.h>
@@ -16,9 +18,13 @@
 #include <sstream>
 #include <string>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <syslog.h>
+#include <termios.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -26,17 +32,24 @@
 #include "support/capture.h"
 #include "support/promise.h"
 
-// The C library's syslog, replaced for the library under test: what goes there is shown on standard output.
-extern "C" void openlog(const char* ident, int /*option*/, int facility) {
-    dprintf(STDOUT_FILENO, "openlog %s %d\n", ident, facility);
-}
-extern "C" void syslog(int priority, const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    char text[8192];
-    vsnprintf(text, sizeof text, format, args);
-    va_end(args);
-    dprintf(STDOUT_FILENO, "syslog %d %s\n", priority, text);
+namespace {
+
+// Where the library under test finds the receiver of the system's log instead of at /dev/log.
+std::string syslog_socket = "/tmp/no/syslog/here";
+
+}  // namespace
+
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the C library's names are reserved ones
+extern "C" int connect(int fd, const sockaddr* address, socklen_t length) {
+    sockaddr_un at = {};
+    const auto* path = reinterpret_cast<const sockaddr_un*>(address)->sun_path;
+    if (address->sa_family == AF_UNIX && strcmp(path, "/dev/log") == 0) {
+        at.sun_family = AF_UNIX;
+        strncpy(at.sun_path, syslog_socket.c_str(), sizeof at.sun_path - 1);
+        address = reinterpret_cast<const sockaddr*>(&at);
+        length = sizeof at;
+    }
+    return static_cast<int>(syscall(SYS_connect, fd, address, length));
 }
 
 namespace {
@@ -88,6 +101,48 @@ outcome in_child(const std::function<int()>& body) {
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
     return result;
 }
+
+// The receiver of the system's log, of either kind, until the end of the process or the object.
+class Syslog {
+  public:
+    explicit Syslog(int type) : fd_(socket(AF_UNIX, type | SOCK_CLOEXEC, 0)) {
+        char name[] = "/tmp/syslog.XXXXXX";
+        folder_ = mkdtemp(name);
+        syslog_socket = folder_ + "/log";
+        sockaddr_un at = {};
+        at.sun_family = AF_UNIX;
+        strncpy(at.sun_path, syslog_socket.c_str(), sizeof at.sun_path - 1);
+        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr*>(&at), sizeof at), 0);
+        if (type == SOCK_STREAM) {
+            EXPECT_EQ(listen(fd_, 8), 0);
+        }
+    }
+    Syslog(const Syslog&) = delete;
+    Syslog& operator=(const Syslog&) = delete;
+    ~Syslog() {
+        close(fd_);
+        unlink(syslog_socket.c_str());
+        rmdir(folder_.c_str());
+    }
+    // The next message, or what is there of it after 100 ms.
+    std::string next(int type = SOCK_DGRAM) const {
+        char text[8192];
+        pollfd waiting = {fd_, POLLIN, 0};
+        if (poll(&waiting, 1, 100) != 1) {
+            return "";
+        }
+        const int from = type == SOCK_STREAM ? accept(fd_, nullptr, nullptr) : fd_;
+        const ssize_t got = recv(from, text, sizeof text, 0);
+        if (from != fd_) {
+            close(from);
+        }
+        return {text, static_cast<size_t>(std::max<ssize_t>(got, 0))};
+    }
+
+  private:
+    int fd_;
+    std::string folder_;
+};
 
 constexpr int READY = 50;
 constexpr int SAID_EINVAL = 51;
@@ -239,6 +294,154 @@ TEST(Log, GivesUpOnAFullPipeThatDoesNotBlock) {
     EXPECT_EQ(full.status, 0);
 }
 
+// What a reader finds after `made` messages to a full standard error and one more behind them: the first ones, the line
+// that counts the rest, and the last.
+void expect_counted(const std::string& text, int made) {
+    int seen = 0;
+    int counted = 0;
+    std::istringstream lines(text);
+    std::string line;
+    std::string last;
+    while (std::getline(lines, line)) {
+        last = line;
+        seen += line.substr(0, 4) == "<3>x" ? 1 : 0;
+        int lost = 0;  // a last short line may find room for the count so far
+        if (sscanf(line.c_str(), "<4>log: %d messages could not be written", &lost) == 1) {
+            counted += lost;
+        }
+    }
+    EXPECT_GT(seen, 0);
+    EXPECT_GT(counted, 0) << text.substr(text.size() > 300 ? text.size() - 300 : 0);
+    EXPECT_EQ(seen + counted, made);
+    EXPECT_EQ(last, "<3>once more");
+}
+
+constexpr int FLOOD = 2000;
+constexpr int64_t FLOOD_LIMIT_MS = 5'000;  // a single write that waited would take for ever
+
+int64_t real_ms() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+}
+
+// Fills standard error, which nobody reads, empties it, and logs once more. The flags stay those that were inherited.
+std::string flood(int reader, int writer) {
+    const int saved = dup(STDERR_FILENO);
+    dup2(writer, STDERR_FILENO);
+    const int flags = fcntl(STDERR_FILENO, F_GETFL);
+    const int64_t began_ms = real_ms();
+    alarm(30);
+    for (int i = 0; i < FLOOD; ++i) {
+        log_err("%s", std::string(1000, 'x').c_str());
+    }
+    alarm(0);
+    EXPECT_LT(real_ms() - began_ms, FLOOD_LIMIT_MS);
+    EXPECT_EQ(fcntl(STDERR_FILENO, F_GETFL), flags);
+    std::string text;
+    const auto empty = [&] {
+        char part[4096];
+        for (pollfd waiting = {reader, POLLIN, 0}; poll(&waiting, 1, 100) == 1;) {
+            const ssize_t got = read(reader, part, sizeof part);
+            if (got <= 0) {
+                return;
+            }
+            text.append(part, static_cast<size_t>(got));
+        }
+    };
+    empty();
+    log_err("once more");
+    empty();
+    EXPECT_EQ(fcntl(STDERR_FILENO, F_GETFL), flags);
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    return text;
+}
+
+TEST(Log, AReaderThatHangsStopsNobody) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    expect_counted(flood(ends[0], ends[1]), FLOOD);
+    close(ends[0]);
+    close(ends[1]);
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    expect_counted(flood(ends[0], ends[1]), FLOOD);
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST(Log, AStoppedTerminalStopsNobody) {
+    const int own = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_TRUE(own >= 0 && grantpt(own) == 0 && unlockpt(own) == 0);
+    const int terminal = open(ptsname(own), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_GE(terminal, 0);
+    ASSERT_EQ(tcflow(terminal, TCOOFF), 0);
+    const int saved = dup(STDERR_FILENO);
+    dup2(terminal, STDERR_FILENO);
+    const int64_t began_ms = real_ms();
+    alarm(30);
+    for (int i = 0; i < 100; ++i) {
+        log_err("%s", std::string(1000, 'x').c_str());
+    }
+    alarm(0);
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    EXPECT_LT(real_ms() - began_ms, FLOOD_LIMIT_MS);
+    close(terminal);
+    close(own);
+    Capture rest;
+    log_err("told");  // and what is counted is told elsewhere, if standard error has become another one
+    EXPECT_EQ(rest.count("messages could not be written"), 1);
+}
+
+TEST(Log, ASystemLogThatHangsStopsNobody) {
+    const Syslog receiver(SOCK_DGRAM);
+    const outcome result = in_child([&] {
+        if (init({}) != READY) {
+            return 1;
+        }
+        const int64_t began_ms = real_ms();
+        for (int i = 0; i < FLOOD; ++i) {
+            log_err("x");
+        }
+        if (real_ms() - began_ms > FLOOD_LIMIT_MS) {
+            return 2;
+        }
+        int seen = 0;
+        while (!receiver.next().empty()) {
+            ++seen;
+        }
+        log_err("once more");
+        const std::string counted = receiver.next();
+        const std::string last = receiver.next();
+        printf("%s|%s", counted.substr(counted.find(": ")).c_str(), last.substr(last.find(": ")).c_str());
+        return seen > 0 && contains(counted, "log: " + std::to_string(FLOOD - seen) + " messages could not be written")
+                   ? 0
+                   : 3;
+    });
+    EXPECT_EQ(result.status, 0) << result.out;
+    EXPECT_TRUE(contains(result.out, "|: once more")) << result.out;
+}
+
+TEST(Log, WhatWasLostIsToldAtTheEndAtLast) {
+    const outcome result = in_child([] {
+        int ends[2];
+        if (init({"--foreground"}) != READY || pipe(ends) < 0) {
+            return 1;
+        }
+        const int saved = dup(STDERR_FILENO);
+        dup2(ends[1], STDERR_FILENO);
+        for (int i = 0; i < 100; ++i) {
+            log_err("%s", std::string(1000, 'x').c_str());
+        }
+        dup2(saved, STDERR_FILENO);
+        app_fini();
+        return 0;
+    });
+    EXPECT_EQ(result.status, 0);
+    EXPECT_TRUE(contains(result.err, "messages could not be written\n")) << result.err;
+}
+
 TEST(Log, FiltersByLevel) {
     PROMISE("a level is chosen, or none", "that one and what is more urgent is logged; info without a choice");
     const struct {
@@ -295,19 +498,26 @@ TEST(Log, ChoosesItsTarget) {
         {"the journal of a parent", [] { setenv("JOURNAL_STREAM", "1:1", 1); }, {}, true},
     };
     for (const auto& row : rows) {
-        const outcome result = in_child([&] {
-            row.prepare();
-            const int ready = init(row.arguments);
-            log_warning("a\nb\n");
-            return ready;
-        });
-        EXPECT_EQ(result.status, READY) << row.name;
-        if (row.to_syslog) {
-            EXPECT_EQ(result.out, "openlog tester " + std::to_string(LOG_DAEMON) + "\nsyslog 4 a\\nb\n") << row.name;
-            EXPECT_EQ(result.err, "") << row.name;
-        } else {
-            EXPECT_EQ(result.err, "<4>a\\nb\n") << row.name;
-            EXPECT_EQ(result.out, "") << row.name;
+        for (const int type : {SOCK_DGRAM, SOCK_STREAM}) {
+            const Syslog receiver(type);
+            const outcome result = in_child([&] {
+                row.prepare();
+                const int ready = init(row.arguments);
+                printf("%d", static_cast<int>(getpid()));
+                log_warning("a\nb\n");
+                return ready;
+            });
+            EXPECT_EQ(result.status, READY) << row.name;
+            std::string message = receiver.next(type);
+            if (row.to_syslog) {
+                const std::string expected =
+                    "<" + std::to_string(LOG_DAEMON | 4) + ">tester[" + result.out + "]: a\\nb";
+                EXPECT_EQ(message, type == SOCK_STREAM ? expected + '\0' : expected) << row.name;
+                EXPECT_EQ(result.err, "") << row.name;
+            } else {
+                EXPECT_EQ(result.err, "<4>a\\nb\n") << row.name;
+                EXPECT_EQ(message, "") << row.name;
+            }
         }
     }
 }
@@ -364,17 +574,20 @@ TEST(Log, KeepsTheLinesOfThreadsApart) {
     reader.join();
     close(ends[0]);
 
-    int counts[3] = {0, 0, 0};
+    int whole = 0;
     std::istringstream lines(all);
     for (std::string line; std::getline(lines, line);) {
+        int lost = 0;
+        if (sscanf(line.c_str(), "<4>log: %d messages could not be written", &lost) == 1) {
+            whole += lost;  // the reader was too slow
+            continue;
+        }
         ASSERT_EQ(line.size(), 1503U);
         ASSERT_EQ(line.substr(0, 3), "<6>");
         ASSERT_EQ(line.substr(3), std::string(1500, line[3]));
-        ++counts[line[3] - 'a'];
+        ++whole;
     }
-    EXPECT_EQ(counts[0], MESSAGES);
-    EXPECT_EQ(counts[1], MESSAGES);
-    EXPECT_EQ(counts[2], MESSAGES);
+    EXPECT_EQ(whole, 3 * MESSAGES);
 }
 
 TEST(Log, WorksUntilTheProcessEnds) {
@@ -498,6 +711,69 @@ TEST(App, IgnoresSigpipe) {
         const int ready = init({});
         sigaction(SIGPIPE, nullptr, &action);
         return ready == READY && action.sa_handler == SIG_IGN ? 0 : 1;
+    });
+    EXPECT_EQ(result.status, 0);
+}
+
+// What a program that was started by one that waits for signals, or that a shell has put aside, has inherited.
+TEST(App, TakesItsSignalsWhateverWasInherited) {
+    const outcome result = in_child([] {
+        sigset_t all;
+        sigfillset(&all);
+        sigprocmask(SIG_BLOCK, &all, nullptr);
+        for (const int number : {SIGCHLD, SIGTERM, SIGBUS}) {
+            (void)signal(number, SIG_IGN);
+        }
+        if (init({}) != READY) {
+            return 1;
+        }
+        sigset_t now;
+        sigprocmask(SIG_BLOCK, nullptr, &now);
+        for (const int number : {SIGCHLD, SIGTERM, SIGBUS}) {
+            struct sigaction action = {};
+            sigaction(number, nullptr, &action);
+            if (sigismember(&now, number) != 0 || action.sa_handler == SIG_IGN) {
+                return 2;
+            }
+        }
+        if (sigismember(&now, SIGUSR1) != 1) {
+            return 3;  // none of ours
+        }
+        // And to the end: a child's exit and the request to end arrive on the loop.
+        static int told;
+        struct ev_loop* loop = ev_default_loop(0);
+        ev_signal ends;
+        ev_signal_init(
+            &ends, [](struct ev_loop*, ev_signal*, int) { told |= 1; }, SIGTERM);
+        ev_signal_start(loop, &ends);
+        const pid_t pid = fork();
+        if (pid == 0) {
+            _exit(0);
+        }
+        ev_child child;
+        ev_child_init(
+            &child, [](struct ev_loop*, ev_child*, int) { told |= 2; }, pid, 0);
+        ev_child_start(loop, &child);
+        kill(getpid(), SIGTERM);
+        for (const int64_t deadline_ms = real_ms() + 10'000; told != 3 && real_ms() < deadline_ms;) {
+            ev_run(loop, EVRUN_NOWAIT);
+            usleep(1000);
+        }
+        return told == 3 ? 0 : 4;
+    });
+    EXPECT_EQ(result.status, 0);
+}
+
+// A handler that somebody has installed is not taken away: libev's own for children is there before.
+TEST(App, LeavesHandlersAlone) {
+    const outcome result = in_child([] {
+        (void)signal(SIGTERM, [](int) {});
+        struct sigaction before = {};
+        struct sigaction after = {};
+        sigaction(SIGTERM, nullptr, &before);
+        const int ready = init({});
+        sigaction(SIGTERM, nullptr, &after);
+        return ready == READY && before.sa_handler == after.sa_handler ? 0 : 1;
     });
     EXPECT_EQ(result.status, 0);
 }
