@@ -1,8 +1,10 @@
 #include "main.h"
 
 #include <charconv>
+#include <errno.h>
 #include <ev.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -23,6 +25,7 @@ namespace {
 constexpr int64_t NS_PER_S = 1'000'000'000;
 constexpr int32_t SLOW_BATCH_NS = NS_PER_S + 1;
 constexpr size_t DUMP_READ_BYTES = 80;
+constexpr int DUMP_PATIENCE_MS = 5'000;
 
 constexpr vesk_app_descriptor descriptor = {.name = "vesk_sdcard", .actions = action_table, .reserved = {}};
 
@@ -52,10 +55,15 @@ void on_invoke_pending(struct ev_loop* loop) {
 }
 
 // The dump is written with nothing but what a signal handler may call: snprintf may lock or allocate, write does not.
-// A descriptor 2 that refuses a piece costs this piece of the dump, never the abort behind it.
+// It is written whole, also where whoever started us has made descriptor 2 one that does not wait. A piece that it
+// refuses, or has no room for within DUMP_PATIENCE_MS, is lost, never the abort after it.
 void dump(std::string_view text) {
     while (!text.empty()) {
         const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
+        pollfd room = {STDERR_FILENO, POLLOUT, 0};
+        if (written < 0 && (errno == EINTR || (errno == EAGAIN && poll(&room, 1, DUMP_PATIENCE_MS) == 1))) {
+            continue;
+        }
         if (written <= 0) {
             return;
         }

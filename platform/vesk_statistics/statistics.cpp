@@ -20,8 +20,9 @@ namespace {
 
 constexpr uint32_t WAITING_MAX = 64;
 constexpr uint32_t UNANSWERED_MAX = 8;
-constexpr size_t EVENT_NAME_MAX = 255;  // bytes
-constexpr int AT_LEAST_ONCE = 1;        // the bus's quality: the broker answers
+constexpr size_t EVENT_NAME_MAX = 255;           // bytes
+constexpr size_t REPORT_MAX = size_t{64} << 10;  // bytes; 64 of them wait
+constexpr int AT_LEAST_ONCE = 1;                 // the bus's quality: the broker answers
 
 struct record {
     char* waiting[WAITING_MAX];           // ring; event name, NUL, JSON text, NUL; ours
@@ -91,6 +92,15 @@ void send_waiting() {
     }
 }
 
+// What waits when the process ends is dropped with it. Not at the end of the application: it may begin once more.
+__attribute__((destructor)) void tell_at_exit() {
+    for (const uint32_t one : state.unanswered) {
+        state.lost += one != 0 ? 1 : 0;
+    }
+    state.dropped += state.count;
+    tell_missing();
+}
+
 void on_connected(bus_session* /*session*/, void* /*context*/) {
     send_waiting();
 }
@@ -147,7 +157,7 @@ char* pack(const char* event_name, json_object* object) {
         return nullptr;
     }
     const size_t text_size = strlen(text) + 1;
-    if (text_size - 1 > BUS_PAYLOAD_MAX) {
+    if (text_size - 1 > REPORT_MAX) {
         errno = EMSGSIZE;
         return nullptr;
     }

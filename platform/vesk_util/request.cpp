@@ -28,6 +28,29 @@ bool has_foreign_word(std::string_view text) {
     return false;
 }
 
+// How many values a text has if it is JSON; of what is none the number means nothing.
+size_t count_values(std::string_view text) {
+    bool in_string = false;
+    bool opened = false;  // nothing but space since an array or object began
+    size_t count = 1;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (in_string) {
+            i += c == '\\' ? 1 : 0;
+            in_string = c != '"';
+            continue;
+        }
+        if (c == ' ' || c == '\t' || c == '\n' || c == '\r') {
+            continue;
+        }
+        count += opened && c != ']' && c != '}' ? 1 : 0;
+        count += c == ',' ? 1 : 0;
+        in_string = c == '"';
+        opened = c == '[' || c == '{';
+    }
+    return count;
+}
+
 // The parsed parameters, the caller's to put. text has a NUL at text[length]. Null: not JSON, or no memory.
 json_object* parse(const char* text, size_t length) {
     json_tokener* tokener = json_tokener_new_ex(DEPTH_MAX);
@@ -83,7 +106,7 @@ const remote_action* request_find(const remote_action* table, const char* name) 
 }
 
 char* request_run(const remote_action* action, const void* payload, size_t length, int32_t* code) {
-    if (length > PARAMETERS_MAX) {
+    if (length > PARAMETERS_MAX || count_values({static_cast<const char*>(payload), length}) > VALUES_MAX) {
         *code = CODE_TOO_LARGE;
         return request_refuse(*code);
     }

@@ -169,6 +169,54 @@ TEST_F(Bus, MessagesCarryEverything) {
     EXPECT_FALSE(client.has("new t/a unheard"));
 }
 
+TEST_F(Bus, ARequestThatMeetsADeadConnectionIsRefused) {
+    Client client;
+    ASSERT_TRUE(open(&client));
+    ASSERT_TRUE(client.hears("connected"));
+    broker.kill();
+    errno = 0;
+    EXPECT_EQ(client.publish("t", "x"), 0U);  // the loop has not run: the write finds out
+    EXPECT_EQ(errno, ENOTCONN);
+    ASSERT_TRUE(run_until([&] { return client.told.size() == 2; }));
+    EXPECT_EQ(client.told[1].substr(0, 4), "lost");
+}
+
+// The probe takes the last place in the queue of a broker that is frozen, so the connect after it finds none.
+TEST_F(Bus, AQueueWithOnePlaceLeftBlocksNothing) {
+    broker.freeze();
+    const std::string path = broker.folder() + "/sock";
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    std::vector<int> places;
+    const auto take = [&] {
+        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        places.push_back(fd);
+        return connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+    };
+    int room = 0;
+    while (take()) {
+        ++room;
+    }
+    broker.kill();
+    broker.start();
+    broker.freeze();
+    for (int i = 0; i < room - 1; ++i) {
+        ASSERT_TRUE(take());
+    }
+    run_for(1'000);  // past the hold-off of whichever test was before
+    alarm(20);
+    const int64_t began_ms = test_now_ms();
+    Client client;
+    EXPECT_FALSE(client.open());
+    EXPECT_LT(test_now_ms() - began_ms, BLOCKED_MS);
+    alarm(0);
+    EXPECT_FALSE(take()) << "there was more than one place";
+    for (const int fd : places) {
+        close(fd);
+    }
+}
+
 TEST_F(Bus, KeptMessagesComeOnlyWhenAskedFor) {
     PROMISE("a subscription is made", "what the broker has kept comes only if it was asked for");
     Client client;

@@ -599,6 +599,18 @@ TEST_F(MainTest, DumpReadsMapsByEightyBytesUntilAReadFails) {
     EXPECT_EQ(outcome.error.substr(0, expected.size()), expected);
 }
 
+TEST_F(MainTest, DumpIsWholeOnADescriptorThatDoesNotWait) {
+    const std::string maps = text_of_length(300'000);  // more than a pipe takes
+    kernel::write(MAPS, maps);
+    const auto outcome = child::run([] {
+        fcntl(STDERR_FILENO, F_SETFL, fcntl(STDERR_FILENO, F_GETFL) | O_NONBLOCK);
+        on_sigbus(SIGBUS, nullptr, nullptr);
+    });
+    EXPECT_TRUE(outcome.killed_by(SIGABRT)) << outcome.status;
+    const std::string expected = std::string(NIL_LINE) + maps + std::string(END);
+    EXPECT_EQ(outcome.error.substr(0, expected.size()), expected);
+}
+
 TEST_F(MainTest, DumpComesAfterTheDefaultActionAndClosesTheMaps) {
     PROMISE("the dump begins", "SIGBUS has its default action already, so that a second fault ends the process");
     PROMISE("the memory map is copied",

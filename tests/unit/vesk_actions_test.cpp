@@ -144,21 +144,47 @@ TEST_F(Actions, AnswerWithCodes) {
     }
 }
 
-TEST_F(Actions, TakeAMebibyteAndNoByteMore) {
-    PROMISE("the parameters have a mebibyte, or a byte more", "they are taken; -7");
+TEST_F(Actions, TakeSoMuchAndNoMore) {
+    PROMISE("the parameters have 128 KiB or 12,000 values, or one more", "they are taken; -7, and the handler does not run");
+    constexpr size_t BYTES_MAX = size_t{128} << 10;
+    constexpr size_t VALUES_MAX = 12'000;
+    const auto list = [](const std::string& one, size_t count) {
+        std::string text = "[";
+        for (size_t i = 0; i < count; ++i) {
+            text += (i > 0 ? "," : "") + one;
+        }
+        return text + "]";
+    };
+    const struct {
+        const char* name;
+        std::string parameters;
+        bool taken;
+    } rows[] = {
+        {"bytes", '"' + std::string(BYTES_MAX - 2, 'x') + '"', true},
+        {"bytes, one more", '"' + std::string(BYTES_MAX - 1, 'x') + '"', false},
+        {"a mebibyte", '"' + std::string(BUS_PAYLOAD_MAX - 1, 'x') + '"', false},
+        {"numbers", list("0", VALUES_MAX - 1), true},
+        {"numbers, one more", list("0", VALUES_MAX), false},
+        {"empty objects", list("{}", VALUES_MAX - 1), true},
+        {"empty objects, one more", list(" { } ", VALUES_MAX), false},
+        {"members", list(R"({"a":1})", (VALUES_MAX - 1) / 2), true},
+        {"members, more", list(R"({"a":1})", VALUES_MAX / 2), false},
+        {"a text that looks like many", "[\"" + std::string(2 * VALUES_MAX, ',') + R"(\"[[{"])", true},
+    };
     start();
-    for (const size_t length : {BUS_PAYLOAD_MAX, BUS_PAYLOAD_MAX + 1}) {
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
         seen.clear();
         runs = 0;
         const std::string file = broker.folder() + "/payload";
-        std::ofstream(file) << '"' + std::string(length - 2, 'x') + '"';
+        std::ofstream(file) << row.parameters;
         const std::string command = "mosquitto_pub --unix " + broker.folder() + "/sock -q 1 -t " + ACTION + "echo -f " +
                                     file + " &";  // in the background: the reply needs our loop
         ASSERT_EQ(system(command.c_str()), 0);
         const std::string topic = ACTION + "echo/reply";
         ASSERT_TRUE(wait_for(topic, 1));
-        EXPECT_EQ(on(topic)[0].payload, length > BUS_PAYLOAD_MAX ? R"({"code": -7})" : R"({"code": 0})");
-        EXPECT_EQ(runs, length > BUS_PAYLOAD_MAX ? 0 : 1);
+        EXPECT_EQ(on(topic)[0].payload, row.taken ? R"({"code": 0})" : R"({"code": -7})");
+        EXPECT_EQ(runs, row.taken ? 1 : 0);
     }
 }
 

@@ -2,10 +2,14 @@
 #include "vesk_statistics.h"
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 #include <string>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "support/app.h"
 #include "support/promise.h"
@@ -178,9 +182,13 @@ TEST_F(Statistics, OneThatCannotBeSentDoesNotHoldUpTheRest) {
     ASSERT_TRUE(wait_for(REPORT + "good", 1));
     EXPECT_EQ(log.count("can not be sent"), 1);
     json_object* huge = json_object_new_object();
-    json_object_object_add(huge, "x", json_object_new_string(std::string(BUS_PAYLOAD_MAX, 'x').c_str()));
+    json_object_object_add(huge, "x", json_object_new_string(std::string((64 << 10) - 7, 'x').c_str()));
     EXPECT_EQ(report_stat_object("huge", huge), -1);
     EXPECT_EQ(errno, EMSGSIZE);
+    json_object* large = json_object_new_object();
+    json_object_object_add(large, "x", json_object_new_string(std::string((64 << 10) - 8, 'x').c_str()));
+    EXPECT_EQ(report_stat_object("large", large), 0);
+    EXPECT_TRUE(wait_for(REPORT + "large", 1)) << "64 KiB";
 }
 
 TEST_F(Statistics, OneThatTheBrokerRefusesIsSaid) {
@@ -196,6 +204,35 @@ TEST_F(Statistics, OneThatTheBrokerRefusesIsSaid) {
     ASSERT_TRUE(wait_for(REPORT + "good", 1)) << "a refusal is an answer: the next one goes out";
     EXPECT_EQ(log.count("<4>statistics: the broker refused one: reason 0x87"), UNANSWERED_MAX + 1) << log.text();
     EXPECT_TRUE(on(REPORT + "shut").empty());
+}
+
+// The loop has not run since the broker went: the write of the first one finds out, and it waits like the second.
+TEST_F(Statistics, TheFirstAfterADeadConnectionIsNotLost) {
+    start();
+    broker.kill();
+    watch_anew(REPORT + "#");
+    report(1, 2);
+    ASSERT_TRUE(wait_for(REPORT + "sdcard.info", 2));
+    EXPECT_EQ(on(REPORT + "sdcard.info")[0].payload, text_of(1));
+    EXPECT_EQ(log.count("got no answer"), 0) << log.text();
+}
+
+TEST_F(Statistics, ThoseThatWaitAtTheEndAreCounted) {
+    broker.kill();
+    fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        alarm(20);
+        start_app(nullptr);
+        for (int number = 0; number < 3; ++number) {
+            report_stat_object("sdcard.info", numbered(number));
+        }
+        stop_app();
+        exit(0);  // NOLINT(concurrency-mt-unsafe): as the daemon's main does
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(log.count(" 3 reports were dropped, 0 sent ones"), 1) << log.text();
 }
 
 TEST_F(Statistics, ReachTheBrokerBeforeTheEnd) {
