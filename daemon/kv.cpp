@@ -4,7 +4,8 @@
 // library has taken its value. What others set comes only as notifications, which go to the registered callbacks and
 // never into the table.
 //
-// The link has one way to heal: after any failure the reopen timer closes and opens it once a second. An open pushes
+// The link heals by being closed and opened: at once when a registration fails or a watched descriptor breaks, else by
+// the reopen timer, once a second until it succeeds. An open pushes
 // what is dirty first and subscribes second; a push that fails makes the open a failed one.
 #include "kv.h"
 
@@ -46,7 +47,7 @@ struct kv_registration {
     void* context;
     kv_callback callback;
     uint32_t id;       // the library's; 0 while not subscribed
-    int32_t awaiting;  // 1: subscribed and not notified since; counted in pengding_count
+    int32_t awaiting;  // 1: subscribed and not notified since; a close leaves it and resets the count
     kv_registration* prev;
     kv_registration* next;
 };
@@ -137,14 +138,17 @@ void on_set_ok(karvel_response*, void*) {
 }
 
 // kv_dirty stays as it is: the value goes out again with the next kv_set_str of any key, not by itself. A service that
-// refuses a value would otherwise be sent it again and again.
+// refuses a value would otherwise be sent it again and again. The price is that what was pushed to a service which then
+// stayed silent for SET_ALLOWED_S is published with the next change only: who watches "sdcard_status" sees the state
+// late.
 void on_set_fail(karvel_response*, void* context) {
     pending_dec();
     static_cast<kv_entry*>(context)->dirty = 1;
 }
 
-// Hands all dirty entries to the library. 0: nothing is dirty any more. -1: the library took no more; the rest stays
-// dirty for the next open. An entry without a value is no exception: it goes out with a null one.
+// Hands all dirty entries to the library, if a set has made one dirty since the last time. 0: it took them all. -1: it
+// took no more; the rest stays dirty for the next open. An entry without a value is no exception: it goes out with a
+// null one.
 int kv_commit() {
     if (kv_dirty == 0) {
         return 0;
@@ -275,7 +279,7 @@ void kv_link_close() {
     }
 }
 
-// 0: open, everything dirty is pushed. -1: closed, and tried again in a second.
+// 0: open, and what kv_commit pushes is pushed. -1: closed, and tried again in a second.
 int kv_link_open() {
     struct ev_loop* const loop = ev_default_loop(0);
     kv_link_close();
@@ -400,6 +404,7 @@ void kv_set_str(const char* name_space, const char* key, const char* value, size
     } else {
         entry = entry_add(name_space, key, copy);
         if (entry == nullptr) {
+            // The copy, as far as it was asked for: the caller's bytes need have no end.
             log_err("[config] can not create new key \"%s\" with value \"%s\".", key, copy);
             free(copy);
             return;

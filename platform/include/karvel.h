@@ -33,15 +33,20 @@ karvel_handle* libkarvelev_config_open(struct ev_loop* loop, int flags);
 
 // --- libkarvel -----------------------------------------------------------------------------------------------------
 
-// Closes the connection. From then on no callback of the handle runs, ever. Nothing happens for a null or closed
-// handle.
+// Closes the connection. From then on no callback of the handle runs, ever. Waits, at most 20 ms, for a service that
+// has not answered every set. What was set to be kept and has not reached it by then goes out with the next handle that
+// this process opens; what may have reached it is set again there if the service still has an older value of this
+// process. Nothing happens for a null or closed handle.
 void libkarvel_close(karvel_handle* handle);
 
 // Sets a key. keep: 1 keeps the value in the service, 0 only relays it. value: a NUL-terminated string, copied; an
-// empty one takes the key's value away. timeout_s: seconds allowed, -1 for 10.
-// True: handed to the connection; then exactly one of the two callbacks runs: on_ok when the service acknowledged,
-// on_fail when it refused, the time ran out or the connection was lost. False: nothing happens (null, closed or lost
-// handle, a name or value that cannot be).
+// empty one takes the key's value away; a null one changes nothing, and its success is told like any other.
+// timeout_s: seconds allowed, -1 for 10.
+// True: handed to a connection that lived when the call returned; then exactly one of the two callbacks runs, unless
+// the handle is closed first: on_ok when the service acknowledged, on_fail when it refused, the time ran out or the
+// connection was lost. False: nothing happens (null, closed or lost handle, a name or value that cannot be, no memory).
+// A value that was to be kept, and was acknowledged, is set again once after a reconnect if the service has none at all
+// then: at most 32 keys, and never one that this process has registered for.
 bool libkarvel_set_value(karvel_handle* handle, const char* name_space, const char* group, const char* key, int keep,
                          const char* value, karvel_callback on_ok, karvel_callback on_fail, int timeout_s,
                          void* context);
@@ -55,7 +60,8 @@ bool libkarvel_register_notification(karvel_handle* handle, const char* name_spa
                                      void* context);
 
 // Reads a key's value. unused: null. timeout_s: seconds allowed, -1 for 10.
-// True: on_done runs exactly once whatever happens; xcontrol_get_response tells the value or that there is none.
+// True: on_done runs exactly once whatever happens, unless the handle is closed first; xcontrol_get_response tells the
+// value or that there is none.
 bool libkarvel_get_value(karvel_handle* handle, const char* name_space, const char* group, const char* key,
                          karvel_callback on_done, void* unused, int timeout_s, void* context);
 

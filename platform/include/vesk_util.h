@@ -34,10 +34,10 @@ struct vesk_app_descriptor {
 };
 
 // Reads the command line (--bus, --foreground, --log-level, --version, --help), opens the log, ignores SIGPIPE, takes
-// SIGCHLD, SIGTERM and SIGBUS even where they were blocked or ignored at the start, and starts the remote actions on the
-// default loop. A broker that is absent is no failure: it is reached later.
-// 0: ready. -1: errno says why (EINVAL for a command line that makes no sense, already explained on standard
-// error). --help and --version answer on standard output and end the process with 0. Main thread, once.
+// SIGCHLD, SIGTERM and SIGBUS even where they were blocked or ignored at the start, and starts the remote actions on
+// the default loop. A broker that is absent is no failure: it is reached later. 0: ready. -1: errno says why (EINVAL
+// for a command line that makes no sense, already explained on standard error). --help and --version answer on standard
+// output and end the process with 0. Main thread, once.
 int app_init(const struct vesk_app_descriptor* descriptor, int argc, char** argv);
 
 // Runs libev's default loop until somebody breaks it. Always 0. Main thread.
@@ -51,8 +51,8 @@ int rand_range(int a, int b);
 
 // The log: one line a message whatever it contains, to standard error with syslog-style priority marks ("<3>") in the
 // foreground and under a service manager, to syslog otherwise. Any thread, at any time until the process ends.
-// A log that fails or whose reader hangs never fails or stops its caller: what could not be written is counted, and told
-// in one line later. errno is the same after the call as before it.
+// A log that fails or whose reader hangs never fails or stops its caller: what could not be written is counted, and
+// told in one line later. errno is the same after the call as before it.
 void log_crit(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void log_err(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void log_warning(const char* format, ...) __attribute__((format(printf, 1, 2)));

@@ -151,6 +151,17 @@ def test_listens_on_nothing_but_its_socket_unless_asked() -> None:
         broker.close()
 
 
+def test_does_not_log_who_comes_and_goes() -> None:
+    broker = Karveld(tcp=True)
+    try:
+        for user in (None, None, "admin"):
+            broker.publish(user, "karvel/mem/default/sdcard_status", "1", "-r")
+        lines = (broker.root / "log").read_text().splitlines()
+        assert [line for line in lines if "Loading config file" not in line] == []
+    finally:
+        broker.close()
+
+
 def test_keeps_keys_when_it_is_killed() -> None:
     broker = Karveld(tcp=True)
     try:

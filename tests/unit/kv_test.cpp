@@ -27,6 +27,7 @@ struct karvel_response {
     bool has_value = false;
     std::string value;
     std::string behind;  // bytes that follow the value and are none of it
+    int refusal = 0;     // what a read without a value gets instead of 1
 };
 
 namespace {
@@ -158,6 +159,7 @@ bool libkarvel_set_value(karvel_handle* handle, const char* name_space, const ch
     EXPECT_EQ(group, nullptr);
     EXPECT_EQ(keep, 1);
     EXPECT_EQ(timeout_s, 3);
+    // A null value is taken like any other, as the library does; see karvel_test.
     if (!usable(handle) || sets_accepted == 0) {
         return false;
     }
@@ -238,10 +240,15 @@ void xpair_basefree(karvel_xpair* pair) {
 
 int xcontrol_get_response(karvel_response* response, const karvel_xvalue** value) {
     static karvel_xvalue given;
-    if (!response->has_value) {
-        return 0;
-    }
     static std::string bytes;
+    if (!response->has_value) {
+        if (response->refusal != 0) {
+            bytes = "none";
+            given = {bytes.data(), bytes.size()};
+            *value = &given;
+        }
+        return response->refusal;
+    }
     bytes = response->value + response->behind;
     given = {bytes.data(), response->value.size()};
     *value = &given;
@@ -526,6 +533,13 @@ TEST_F(KvTest, EntryThatCannotBeMade) {
     EXPECT_EQ(news(), strings{});
 }
 
+TEST_F(KvTest, EntryThatCannotBeMadeIsToldAsFarAsItWasAskedFor) {
+    start();
+    fails_at["calloc"] = 1;
+    kv_set_str("mem", "k", "value and more", 5);
+    EXPECT_EQ(logged::lines(), strings{"err [config] can not create new key \"k\" with value \"value\"."});
+}
+
 TEST_F(KvTest, TableThatCannotBeMadeOrGrowEndsTheProcess) {
     PROMISE("the table cannot be made or grow", "the process ends with status -1");
     for (const bool growing : {false, true}) {
@@ -585,6 +599,15 @@ TEST_F(KvTest, RegistrationsAreSubscribedOnTheNextIteration) {
     turn();
     EXPECT_EQ(news(), strings{"register 1 mem:default:c"});
     EXPECT_EQ(told, strings{});
+}
+
+TEST_F(KvTest, RegistrationBeforeTheLoopRunsIsSubscribedOnItsFirstIteration) {
+    EXPECT_EQ(kv_init(), 0);
+    kv_register("mem", "default", "a", on_told, context_a);
+    kv_register("mem", "default", "b", on_told, context_b);
+    EXPECT_EQ(news(), strings{"open"});
+    turn();
+    EXPECT_EQ(news(), (strings{"register 1 mem:default:a", "register 1 mem:default:b"}));
 }
 
 TEST_F(KvTest, RegistrationBeforeTheLinkIsSubscribedAtTheOpen) {
@@ -656,6 +679,56 @@ TEST_F(KvTest, FailedRegistrationReopensAtOnce) {
     EXPECT_EQ(news(), strings{"timeout 2"}) << "no reopen was armed";
 }
 
+// The path that a lost connection takes: the link is open again at once, and the timer that a refused set has armed
+// closes and opens it once more.
+TEST_F(KvTest, ALinkThatAFailedRegistrationReopenedIsReopenedOnceMoreByTheTimer) {
+    start();
+    kv_register("mem", "default", "a", on_told, context_a);
+    turn();
+    sets_accepted = 0;
+    kvmem_set("k", "1");
+    sets_accepted = 10;
+    const request one = subscriptions.at("a");
+    karvel_response response;
+    one.fail(&response, one.context);
+    called.clear();
+    end_set(true);
+    notify("a", response);
+    advance(1.1);
+    EXPECT_EQ(news(), (strings{"close 2", "open", "register 3 mem:default:a"}));
+    notify("a", response);
+    advance(5);
+    EXPECT_EQ(news(), strings{}) << "then it stops";
+}
+
+// A close forgets what is outstanding, but not who waits for its first notification: one that comes first of all on the
+// new link then answers nothing that is counted.
+TEST_F(KvTest, ACloseLeavesTheAwaitingFlags) {
+    start();
+    kv_register("mem", "default", "a", on_told, context_a);
+    turn();
+    registrations_accepted = 0;
+    connection_whole = false;
+    ev_invoke(ev_default_loop(0), &link_io, EV_READ);
+    expect_no_log();
+    notify("a", value_of("a", "v"));
+    EXPECT_EQ(logged::lines(), strings{"err pengding_count underflow!"});
+    EXPECT_EQ(told, strings{"A v"});
+}
+
+TEST_F(KvTest, ClosingStopsTheCommits) {
+    start();
+    sets_accepted = 0;
+    kvmem_set("k", "1");
+    kv_request_commit();
+    service_up = false;
+    connection_whole = false;
+    ev_invoke(ev_default_loop(0), &link_io, EV_READ);
+    called.clear();
+    turn();
+    EXPECT_EQ(news(), strings{}) << "no commit on a closed link";
+}
+
 // --- notifications -------------------------------------------------------------------------------------------------
 
 TEST_F(KvTest, EveryNotificationIsDelivered) {
@@ -672,6 +745,27 @@ TEST_F(KvTest, EveryNotificationIsDelivered) {
     notify("b", value_of("b", "start"));
     EXPECT_EQ(told, (strings{"B null 0", "B start", "B start"}));
     expect_no_log();
+}
+
+TEST_F(KvTest, AnEmptyValueIsAValue) {
+    start();
+    kv_register("mem", "default", "a", on_told, context_a);
+    turn();
+    notify("a", value_of("a", ""));
+    EXPECT_EQ(told, strings{"A "});
+}
+
+// The callback may look at what is outstanding by what it asks for: its own notification is answered by then.
+TEST_F(KvTest, TheFirstNotificationIsAnsweredBeforeItsCallbackRuns) {
+    start();
+    static const auto closes = [](void*, const char*, size_t) {
+        called.clear();
+        advance(1.1);
+        EXPECT_EQ(news(), strings{}) << "a time-out check: something counts as outstanding";
+    };
+    kv_register("mem", "default", "a", closes, context_a);
+    turn();
+    notify("a", value_of("a", "v"));
 }
 
 TEST_F(KvTest, NotificationsLeaveTheStoredValueAlone) {
@@ -974,6 +1068,35 @@ TEST_F(KvTest, FetchWaitsForTheAnswer) {
     EXPECT_STREQ(kv_get_str("k"), "fetched");
     EXPECT_EQ(live_copies.size(), 1U);
     expect_no_log();
+}
+
+TEST_F(KvTest, AFetchLeavesNothingToPush) {
+    start();
+    before_answer = [] {
+        kv_request_commit();
+        turn();
+    };
+    answer = value_of("k", "fetched");
+    kvmem_sync("k");
+    EXPECT_EQ(news(), strings{"get 1 mem:k"}) << "nothing counts as changed";
+}
+
+TEST_F(KvTest, AFetchAsksForTheWholeKey) {
+    start();
+    const std::string longer(40, 'y');
+    answer = value_of(longer, "v");
+    kvmem_sync(longer.c_str());
+    EXPECT_EQ(news(), strings{"get 1 mem:" + longer});
+}
+
+TEST_F(KvTest, OnlyOneMeansThatThereIsAValue) {
+    start();
+    for (const int refusal : {0, 2, -1}) {
+        logged::reset();
+        answer.refusal = refusal;
+        kvmem_sync(("k" + std::to_string(refusal)).c_str());
+        EXPECT_EQ(logged::lines(), strings{"err on_kvmem_sync: fail to get response from karveld"}) << refusal;
+    }
 }
 
 TEST_F(KvTest, FetchOfACleanKeyDoesNotWait) {
