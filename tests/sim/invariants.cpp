@@ -181,6 +181,12 @@ void check_keys() {
     if (status != std::to_string(sd.state) || rw != rw_of(sd.state)) {
         violation("state %d is published as %s, %s", sd.state, status.c_str(), rw.c_str());
     }
+    // And it has arrived, whatever has become of the service meanwhile; what failed waits for the next change.
+    for (const char* key : {"sdcard_status", "sdcard_rw"}) {
+        if (!has_failed(key) && key_value(key) != last_set(key)) {
+            violation("%s is %s in the service and %s here", key, key_value(key).c_str(), last_set(key).c_str());
+        }
+    }
 }
 
 // The daemon's table of block devices names what the kernel has told of, in the order in which it told.

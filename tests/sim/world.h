@@ -213,6 +213,7 @@ void set_key(const std::string& key, const std::string& value);  // as some othe
 std::string key_value(const std::string& key);
 void request(uint32_t what, uint32_t parameters);
 std::string last_set(const std::string& key);  // what the daemon has handed over and the library took
+bool has_failed(const std::string& key);       // the last set of it, and the daemon was told
 bool is_link_up();
 void announce(uint32_t ts, uint32_t seconds, bool is_protected);
 int64_t link_changed_ns();

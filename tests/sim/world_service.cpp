@@ -81,6 +81,8 @@ enum class broker : uint8_t { UP, AWAY, FROZEN, REFUSES };
 broker service = broker::UP;
 std::map<std::string, std::string> keys;
 std::map<std::string, std::string> handed_over;
+std::set<std::string> failed;                  // keys whose last set has failed, and the daemon knows it
+std::map<std::string, std::string> left_over;  // by key: set on a handle that was closed before a frozen service saw it
 std::vector<std::unique_ptr<karvel_handle>> handles;  // never freed: the daemon goes on using closed ones
 uint32_t next_id = 1;
 int64_t link_changed_at;
@@ -170,6 +172,7 @@ void lose(karvel_handle* handle) {
     link_changed_at = now_ns();
     handle->deliveries.clear();
     for (const pending& p : handle->sets) {
+        failed.insert(p.key);
         deliver(handle, {p.on_fail, p.context, {"mem", "default", p.key, std::nullopt, 0}});
     }
     for (const registration& r : handle->registrations) {
@@ -191,6 +194,8 @@ void complete_set(karvel_handle* handle, void* context) {
         if (is_taken) {
             keys[p.key] = p.value;
             notify(p.key, p.value);
+        } else {
+            failed.insert(p.key);
         }
         return;
     }
@@ -198,6 +203,10 @@ void complete_set(karvel_handle* handle, void* context) {
 
 void thaw() {
     service = broker::UP;
+    for (const auto& [key, value] : left_over) {
+        keys[key] = value;
+    }
+    left_over.clear();
     if (karvel_handle* handle = live_handle()) {
         while (!handle->sets.empty()) {
             complete_set(handle, handle->sets.front().context);
@@ -467,6 +476,10 @@ std::string last_set(const std::string& key) {
     return handed_over[key];
 }
 
+bool has_failed(const std::string& key) {
+    return failed.count(key) != 0;
+}
+
 bool is_link_up() {
     return service == broker::UP && live_handle() != nullptr && live_handle()->registrations.size() >= 3;
 }
@@ -574,6 +587,16 @@ void libkarvel_close(karvel_handle* handle) {
     }
     handle->is_closed = true;
     handle->deliveries.clear();
+    // Neither callback runs for these: a service that answers gets them before the handle goes, a frozen one later.
+    for (const pending& p : handle->sets) {
+        if (service == broker::UP) {
+            keys[p.key] = p.value;
+        } else if (service == broker::FROZEN) {
+            left_over[p.key] = p.value;
+        } else {
+            failed.insert(p.key);
+        }
+    }
     handle->sets.clear();
     handle->registrations.clear();
     ev_io_stop(EV_DEFAULT, &handle->watcher);
@@ -592,6 +615,7 @@ bool libkarvel_set_value(karvel_handle* handle, const char* name_space, const ch
     }
     note("set: %s = %s", key, value);
     handed_over[key] = value;
+    failed.erase(key);
     handle->sets.push_back({on_ok, on_fail, context, key, value, now_ns() + timeout_s * SECOND});
     later(ANSWER_NS, [handle, context] {
         if (!handle->is_closed && !handle->is_lost) {
@@ -638,6 +662,7 @@ void libkarvel_timeout_process(karvel_handle* handle) {
             continue;
         }
         handle->sets.erase(handle->sets.begin() + static_cast<std::ptrdiff_t>(i));
+        failed.insert(p.key);
         deliver(handle, {p.on_fail, p.context, {"mem", "default", p.key, std::nullopt, 0}});
     }
 }

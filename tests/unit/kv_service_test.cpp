@@ -452,6 +452,39 @@ TEST_F(KvService, AKeyWhoseWriteMeetsADeadConnectionIsPublished) {
     EXPECT_TRUE(run_until([this] { return witness.values[STATUS] == "1"; }, 3'000)) << witness.values[STATUS];
 }
 
+// A request that is answered within the second of the one before has the same answer, which the store takes for
+// unchanged: the request stays in the service.
+TEST_F(KvService, AnAnswerOfTheSameSecondIsNotSent) {
+    static int requests;
+    static const char* answer;
+    requests = 0;
+    const auto handler = [](void*, const char* value, size_t length) {
+        if (value != nullptr && std::string(value, length) == "start") {
+            ++requests;
+            kvmem_set("spec_sdcard_unmount", answer);
+        }
+    };
+    ASSERT_EQ(kv_register("mem", "default", "spec_sdcard_unmount", handler, nullptr), 0);
+    witness.open();
+    ASSERT_TRUE(run_until([this] { return bus_connected(witness.session); }));
+    run_for(100);
+    const auto value = [this]() -> std::string { return witness.values["spec_sdcard_unmount"]; };
+    const auto ask = [this] {
+        const bus_message start{"karvel/mem/default/spec_sdcard_unmount", "start", 5, true, nullptr, nullptr, 0};
+        EXPECT_NE(bus_publish(witness.session, &start, 1), 0U);
+    };
+    answer = "end1000";
+    ask();
+    ASSERT_TRUE(run_until([&] { return value() == "end1000"; }));
+    ask();
+    ASSERT_TRUE(run_until([&] { return requests == 2 && value() == "start"; })) << "it runs all the same";
+    run_for(100);
+    EXPECT_EQ(value(), "start");
+    answer = "end1001";
+    ask();
+    EXPECT_TRUE(run_until([&] { return value() == "end1001"; }));
+}
+
 // A frozen service lets a fetch wait, and another key is set meanwhile: that pushes the waiting entry, which has no
 // value yet.
 TEST_F(KvService, AFetchEndsWhenAnotherKeyIsSetMeanwhile) {

@@ -311,12 +311,30 @@ TEST_F(sdcard_jobs, what_does_not_begin_with_start_is_no_request) {
     PROMISE("a request key says something else, or nothing", "nothing happens");
     for (const auto& request : REQUESTS) {
         request.notify(nullptr, nullptr, 0);
-        for (const char* value : {"", "stop", "star", "Start", " start", "end1795231084"}) {
+        for (const char* value :
+             {"", "stop", "star", "Start", " start", "end1795231084", "s-art", "st-rt", "sta-t", "star-"}) {
             request.notify(nullptr, value, 5);
         }
     }
     EXPECT_EQ(strings{}, world.steps);
     EXPECT_EQ(strings{}, logged::lines());
+}
+
+TEST_F(sdcard_jobs, a_request_after_the_answer_starts_the_job_again) {
+    for (const auto& request : REQUESTS) {
+        SetUp();
+        kernel::on().now = 1000;
+        for (int i = 0; i < 2; ++i) {
+            world.steps.clear();
+            request.notify(nullptr, "start", 5);
+            EXPECT_NE(world.steps.end(), std::find(world.steps.begin(), world.steps.end(), request.chain)) << i;
+            const size_t answered = world.steps.size();
+            request.notify(nullptr, "end1000", 7);  // its own answer comes back
+            EXPECT_EQ(answered, world.steps.size());
+            end_chain(true, 0);
+            sd.state = SDCARD_NORMAL;
+        }
+    }
 }
 
 TEST_F(sdcard_jobs, a_refused_request_is_answered_all_the_same) {
