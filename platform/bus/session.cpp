@@ -69,8 +69,8 @@ struct bus_session {
     mosquitto* client;   // null unless CONNECTING or CONNECTED
     int64_t attempt_ms;  // when the client was made
     bool accepted;       // the client's callback has seen the broker accept
-    int refusal;         // or refuse, as errno
     bool flush_failed;   // the last bus_flush ran out of time
+    int refusal;         // or refuse, as errno
 
     ev_io readable;
     ev_io writable;
@@ -83,11 +83,11 @@ struct bus_session {
     event* events;
     event** events_end;
     int event_count;
-    event loss;       // for a LOST that finds no memory
-    bool loss_waits;  // it is among the events
+    event loss;  // for a LOST that finds no memory
 
-    int telling;  // how many on_tell are on the stack: a listener may run the loop
-    bool closed;  // freed when the last of them returns
+    int telling;      // how many on_tell are on the stack: a listener may run the loop
+    bool closed;      // freed when the last of them returns
+    bool loss_waits;  // `loss` is among the events
 };
 
 namespace {
