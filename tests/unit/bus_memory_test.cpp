@@ -5,6 +5,7 @@
 
 #include "bus/bus.h"
 #include "support/broker.h"
+#include "support/promise.h"
 
 namespace {
 
@@ -19,7 +20,10 @@ extern "C" void* __wrap_malloc(size_t size) {
 
 namespace {
 
+PROMISES("bus");
+
 TEST(BusMemory, ALossIsToldWithoutMemoryForIt) {
+    PROMISE("the connection is lost and there is no memory left", "the loss is reported all the same, once");
     Broker broker;
     int lost = 0;
     bus_options options{{}, false, nullptr};

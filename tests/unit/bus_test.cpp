@@ -170,6 +170,8 @@ TEST_F(Bus, MessagesCarryEverything) {
 }
 
 TEST_F(Bus, ARequestThatMeetsADeadConnectionIsRefused) {
+    PROMISE("the broker is gone and the loop has not noticed yet",
+            "the next request is refused with ENOTCONN, and the loss is reported on the loop");
     Client client;
     ASSERT_TRUE(open(&client));
     ASSERT_TRUE(client.hears("connected"));
@@ -183,6 +185,7 @@ TEST_F(Bus, ARequestThatMeetsADeadConnectionIsRefused) {
 
 // The probe takes the last place in the queue of a broker that is frozen, so the connect after it finds none.
 TEST_F(Bus, AQueueWithOnePlaceLeftBlocksNothing) {
+    PROMISE("the broker is frozen, with one place left in its queue of connections", "the open fails at once");
     broker.freeze();
     const std::string path = broker.folder() + "/sock";
     sockaddr_un address{};

@@ -747,7 +747,12 @@ TEST_F(Karvel, ARefusedRegistrationFailsAndHoldsTheNextOpenOff) {
 }
 
 PROMISES("karvel", "Closing and losing");
+
 TEST_F(Karvel, ANullValueChangesNothingAndSucceedsLater) {
+    PROMISES("karvel", "Requests");
+    PROMISE("a null value is set",
+            "the value in the service stays, nothing is published, and the success is reported on the loop");
+    PROMISE("a null value is set with a bad name, or after the connection was lost", "the call returns false");
     ASSERT_TRUE(set(other, "k", "v"));
     ASSERT_TRUE(watch(other, "k"));
     ASSERT_TRUE(told_within(2));
@@ -764,6 +769,8 @@ TEST_F(Karvel, ANullValueChangesNothingAndSucceedsLater) {
 
 // The loop has not run since the broker went, so that only the write itself can find out.
 TEST_F(Karvel, ASetThatMeetsADeadConnectionIsRefused) {
+    PROMISE("the broker was restarted and the loop has not noticed yet",
+            "the request returns false, and its own callbacks never run");
     ASSERT_TRUE(watch(handle, "k"));
     ASSERT_TRUE(set(handle, "before", "1"));
     ASSERT_TRUE(told_within(2));
@@ -781,6 +788,8 @@ TEST_F(Karvel, ASetThatMeetsADeadConnectionIsRefused) {
 // The loop does not run between the open and the close. The close waits no longer than 20 ms, which a broker on a busy
 // machine may miss now and then.
 TEST_F(Karvel, AHandleThatIsClosedAtOnceHasStillSet) {
+    PROMISE("a handle is opened, sets a value and is closed before the loop runs",
+            "the value arrives, and no callback runs");
     bool has_arrived = false;
     for (int i = 0; i < 20 && !has_arrived; ++i) {
         const std::string value = std::to_string(i);
@@ -794,6 +803,9 @@ TEST_F(Karvel, AHandleThatIsClosedAtOnceHasStillSet) {
 }
 
 TEST_F(Karvel, WhatWasQueuedWhenItsHandleWasClosedGoesOutWithTheNext) {
+    PROMISE("a handle is closed while its sets are queued for a frozen broker",
+            "the next handle sends the last value of each, once, also when that one is closed in between");
+    PROMISE("a value that is not to be kept was queued when its handle was closed", "it is not sent any more");
     EXPECT_EQ(stored("k"), "none");
     libkarvel_close(std::exchange(handle, nullptr));
     broker.freeze();
@@ -823,6 +835,8 @@ TEST_F(Karvel, WhatWasQueuedWhenItsHandleWasClosedGoesOutWithTheNext) {
 }
 
 TEST_F(Karvel, WhatWasQueuedIsSupersededByTheNextSet) {
+    PROMISE("the next handle sets a key itself of which an older value is queued",
+            "its own value is the one that stays");
     EXPECT_EQ(stored("k"), "none");
     libkarvel_close(std::exchange(handle, nullptr));
     broker.freeze();
@@ -839,6 +853,11 @@ TEST_F(Karvel, WhatWasQueuedIsSupersededByTheNextSet) {
 
 // The broker is killed with the set unread, or has read it: the handle that asked cannot tell one from the other.
 TEST_F(Karvel, ASetThatWasCutOffIsMadeAgainOnlyWhereItDidNotArrive) {
+    PROMISE("a handle is closed with a set unanswered, and the broker dies",
+            "the next handle sets it again if the service has no value or an older one of this process, and leaves "
+            "another program's value alone");
+    PROMISE("a set was unanswered in a key that the process has registered for",
+            "it is not made again: the key is for requests");
     ASSERT_TRUE(watch(handle, "request"));
     for (const char* key : {"lost", "arrived", "replaced", "request", "halfway"}) {
         ASSERT_TRUE(set(handle, key, "1"));
@@ -879,6 +898,14 @@ TEST_F(Karvel, ASetThatWasCutOffIsMadeAgainOnlyWhereItDidNotArrive) {
 }
 
 TEST_F(Karvel, AServiceThatHasLostItsMemoryGetsItBackOnce) {
+    PROMISE("the service has lost its values",
+            "the next handle sets those again that the service had acknowledged, without any callback");
+    PROMISE(
+        "a lost value was replaced or removed meanwhile, was only to be relayed, or is in a key that the process has "
+        "registered for",
+        "the old value does not come back");
+    PROMISE("the service has a value of another program", "it stays");
+    PROMISE("a value is removed after the next handle has looked for it", "it is not set again");
     ASSERT_TRUE(watch(handle, "request"));
     for (const char* key : {"kept", "changed", "removed", "request", "registered later"}) {
         ASSERT_TRUE(set(handle, key, "1"));
@@ -924,6 +951,7 @@ TEST_F(Karvel, AServiceThatHasLostItsMemoryGetsItBackOnce) {
 }
 
 TEST_F(Karvel, ThirtyTwoKeysAreRemembered) {
+    PROMISE("more than 32 keys were set when the service loses its values", "32 of them are set again");
     const auto key = [](int number) { return "many" + std::to_string(number); };
     for (int i = 0; i < 50; ++i) {
         ASSERT_TRUE(set(handle, key(i).c_str(), "1"));
@@ -945,6 +973,8 @@ TEST_F(Karvel, ThirtyTwoKeysAreRemembered) {
 
 // The caller's own sets come first, and what they set is not touched.
 TEST_F(Karvel, OwnSetsComeBeforeWhatIsRestored) {
+    PROMISE("the next handle sets values itself while lost ones are to be restored",
+            "the caller's go out first, and their keys are not restored");
     ASSERT_TRUE(set(handle, "first", "old"));
     ASSERT_TRUE(set(handle, "second", "old"));
     ASSERT_TRUE(told_within(2));

@@ -22,6 +22,7 @@
 #include "karvel.h"
 #include "kv.h"
 #include "support/broker.h"
+#include "support/promise.h"
 
 namespace {
 
@@ -406,6 +407,11 @@ class KvLife : public KvService {
 };
 
 TEST_F(KvLife, WhatIsSetArrivesWhateverBecomesOfTheBroker) {
+    PROMISES("kv", "The link");
+    PROMISE("the broker is killed, frozen or loses its values, in any order and while keys are set",
+            "within 3 s of its return the service has the last value of every key whose set has not failed, unless the "
+            "broker lost it unsaved");
+    PROMISE("a set has failed", "one more set of any key brings its value too");
     begin_step(real_ms());  // the loop has looked at the real clock already
     counts_steps = true;
     witness.open();
@@ -441,6 +447,9 @@ TEST_F(KvLife, WhatIsSetArrivesWhateverBecomesOfTheBroker) {
 // The broker was restarted while the loop stood still, as it does while a card is mounted. No other key is set: nothing
 // else would have this one pushed.
 TEST_F(KvService, AKeyWhoseWriteMeetsADeadConnectionIsPublished) {
+    PROMISES("kv", "The link");
+    PROMISE("the broker was restarted while the loop stood still, and a key is set",
+            "the set is refused, and the reopening sends it although no other key is set");
     kvmem_set(STATUS, "0");
     ASSERT_TRUE(run_until([] { return last_set.at(STATUS).what == fate::TAKEN; }));
     run_for(1'100);  // a session that ends in its first second holds the next one off
@@ -455,6 +464,10 @@ TEST_F(KvService, AKeyWhoseWriteMeetsADeadConnectionIsPublished) {
 // A request that is answered within the second of the one before has the same answer, which the store takes for
 // unchanged: the request stays in the service.
 TEST_F(KvService, AnAnswerOfTheSameSecondIsNotSent) {
+    PROMISES("kv", "Setting");
+    PROMISE("two requests are answered within one second, and so with the same value",
+            "both run, but the second answer counts as unchanged: the request stays in the service until a later "
+            "answer replaces it");
     static int requests;
     static const char* answer;
     requests = 0;
@@ -488,6 +501,9 @@ TEST_F(KvService, AnAnswerOfTheSameSecondIsNotSent) {
 // A frozen service lets a fetch wait, and another key is set meanwhile: that pushes the waiting entry, which has no
 // value yet.
 TEST_F(KvService, AFetchEndsWhenAnotherKeyIsSetMeanwhile) {
+    PROMISES("kv", "Keys of namespace \"mem\"");
+    PROMISE("the service is frozen while a fetch waits, and another key is set",
+            "the fetch ends after the thaw, the other key arrives, and the fetched one is not set to anything");
     kvmem_set(STATUS, "0");
     ASSERT_TRUE(run_until([] { return last_set.at(STATUS).what == fate::TAKEN; }));
     witness.open();

@@ -534,6 +534,8 @@ TEST_F(KvTest, EntryThatCannotBeMade) {
 }
 
 TEST_F(KvTest, EntryThatCannotBeMadeIsToldAsFarAsItWasAskedFor) {
+    PROMISE("a new entry cannot be made for a value given with a length",
+            "the message shows no more of the value than that");
     start();
     fails_at["calloc"] = 1;
     kv_set_str("mem", "k", "value and more", 5);
@@ -602,6 +604,8 @@ TEST_F(KvTest, RegistrationsAreSubscribedOnTheNextIteration) {
 }
 
 TEST_F(KvTest, RegistrationBeforeTheLoopRunsIsSubscribedOnItsFirstIteration) {
+    PROMISE("keys are registered after the start and before the loop runs",
+            "they are subscribed on its first iteration");
     EXPECT_EQ(kv_init(), 0);
     kv_register("mem", "default", "a", on_told, context_a);
     kv_register("mem", "default", "b", on_told, context_b);
@@ -682,6 +686,9 @@ TEST_F(KvTest, FailedRegistrationReopensAtOnce) {
 // The path that a lost connection takes: the link is open again at once, and the timer that a refused set has armed
 // closes and opens it once more.
 TEST_F(KvTest, ALinkThatAFailedRegistrationReopenedIsReopenedOnceMoreByTheTimer) {
+    PROMISES("kv", "The link");
+    PROMISE("a failed registration reopens the link while a refused set has the timer armed",
+            "the timer closes and opens the working link once more, then stops");
     start();
     kv_register("mem", "default", "a", on_told, context_a);
     turn();
@@ -704,6 +711,10 @@ TEST_F(KvTest, ALinkThatAFailedRegistrationReopenedIsReopenedOnceMoreByTheTimer)
 // A close forgets what is outstanding, but not who waits for its first notification: one that comes first of all on the
 // new link then answers nothing that is counted.
 TEST_F(KvTest, ACloseLeavesTheAwaitingFlags) {
+    PROMISES("kv", "The link");
+    PROMISE(
+        "the link closes before a registration has had its first notification, and that comes first on the new link",
+        "it is delivered, and \"pengding_count underflow!\" is logged");
     start();
     kv_register("mem", "default", "a", on_told, context_a);
     turn();
@@ -717,6 +728,8 @@ TEST_F(KvTest, ACloseLeavesTheAwaitingFlags) {
 }
 
 TEST_F(KvTest, ClosingStopsTheCommits) {
+    PROMISES("kv", "The link");
+    PROMISE("the link closes while a commit waits for the loop", "nothing is committed on the closed link");
     start();
     sets_accepted = 0;
     kvmem_set("k", "1");
@@ -748,6 +761,7 @@ TEST_F(KvTest, EveryNotificationIsDelivered) {
 }
 
 TEST_F(KvTest, AnEmptyValueIsAValue) {
+    PROMISE("a notification has an empty value", "the callback gets the empty value, not null");
     start();
     kv_register("mem", "default", "a", on_told, context_a);
     turn();
@@ -757,6 +771,7 @@ TEST_F(KvTest, AnEmptyValueIsAValue) {
 
 // The callback may look at what is outstanding by what it asks for: its own notification is answered by then.
 TEST_F(KvTest, TheFirstNotificationIsAnsweredBeforeItsCallbackRuns) {
+    PROMISE("the callback of the first notification runs the loop", "its subscription counts as answered by then");
     start();
     static const auto closes = [](void*, const char*, size_t) {
         called.clear();
@@ -1071,6 +1086,7 @@ TEST_F(KvTest, FetchWaitsForTheAnswer) {
 }
 
 TEST_F(KvTest, AFetchLeavesNothingToPush) {
+    PROMISE("a commit runs while a fetch waits", "nothing is pushed: no key counts as changed");
     start();
     before_answer = [] {
         kv_request_commit();
@@ -1082,6 +1098,7 @@ TEST_F(KvTest, AFetchLeavesNothingToPush) {
 }
 
 TEST_F(KvTest, AFetchAsksForTheWholeKey) {
+    PROMISE("a key longer than 31 characters is fetched", "the service is asked for the whole key");
     start();
     const std::string longer(40, 'y');
     answer = value_of(longer, "v");
@@ -1090,6 +1107,8 @@ TEST_F(KvTest, AFetchAsksForTheWholeKey) {
 }
 
 TEST_F(KvTest, OnlyOneMeansThatThereIsAValue) {
+    PROMISE("the answer's result is 0, 2 or negative, with bytes or without",
+            "it has no value: \"%s: fail to get response from karveld\"");
     start();
     for (const int refusal : {0, 2, -1}) {
         logged::reset();

@@ -600,6 +600,7 @@ TEST_F(MainTest, DumpReadsMapsByEightyBytesUntilAReadFails) {
 }
 
 TEST_F(MainTest, DumpIsWholeOnADescriptorThatDoesNotWait) {
+    PROMISE("standard error does not block and is full", "the dump waits for room, and is whole");
     const std::string maps = text_of_length(300'000);  // more than a pipe takes
     kernel::write(MAPS, maps);
     const auto outcome = child::run([] {

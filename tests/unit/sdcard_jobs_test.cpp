@@ -321,6 +321,8 @@ TEST_F(sdcard_jobs, what_does_not_begin_with_start_is_no_request) {
 }
 
 TEST_F(sdcard_jobs, a_request_after_the_answer_starts_the_job_again) {
+    PROMISE("a request by key comes after the answer to the one before",
+            "the job is started again; the answer itself starts nothing");
     for (const auto& request : REQUESTS) {
         SetUp();
         kernel::on().now = 1000;

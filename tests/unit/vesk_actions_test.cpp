@@ -145,7 +145,8 @@ TEST_F(Actions, AnswerWithCodes) {
 }
 
 TEST_F(Actions, TakeSoMuchAndNoMore) {
-    PROMISE("the parameters have 128 KiB or 12,000 values, or one more", "they are taken; -7, and the handler does not run");
+    PROMISE("the parameters have 128 KiB or 12,000 values, or one more",
+            "they are taken; -7, and the handler does not run");
     constexpr size_t BYTES_MAX = size_t{128} << 10;
     constexpr size_t VALUES_MAX = 12'000;
     const auto list = [](const std::string& one, size_t count) {

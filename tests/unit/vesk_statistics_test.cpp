@@ -174,7 +174,7 @@ TEST_F(Statistics, AreNotSentTwiceWhenTheAnswerWasLost) {
 }
 
 TEST_F(Statistics, OneThatCannotBeSentDoesNotHoldUpTheRest) {
-    PROMISE("a report is too large for the bus", "-1 with EMSGSIZE");
+    PROMISE("a report has 64 KiB, or a byte more", "it is sent; -1 with EMSGSIZE");
     PROMISE("a report cannot be sent", "a line says so, and the next one goes out");
     start();
     ASSERT_EQ(report_stat_object("bad\xff", numbered(1)), 0);
@@ -208,6 +208,8 @@ TEST_F(Statistics, OneThatTheBrokerRefusesIsSaid) {
 
 // The loop has not run since the broker went: the write of the first one finds out, and it waits like the second.
 TEST_F(Statistics, TheFirstAfterADeadConnectionIsNotLost) {
+    PROMISE("the broker is gone and the loop has not noticed yet",
+            "the next report waits like those after it, and goes out first");
     start();
     broker.kill();
     watch_anew(REPORT + "#");
@@ -218,6 +220,7 @@ TEST_F(Statistics, TheFirstAfterADeadConnectionIsNotLost) {
 }
 
 TEST_F(Statistics, ThoseThatWaitAtTheEndAreCounted) {
+    PROMISE("the process ends while reports wait", "one line tells how many were dropped");
     broker.kill();
     fflush(nullptr);
     const pid_t pid = fork();

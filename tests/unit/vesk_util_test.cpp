@@ -359,6 +359,10 @@ std::string flood(int reader, int writer) {
 }
 
 TEST(Log, AReaderThatHangsStopsNobody) {
+    PROMISE("the reader of the log hangs",
+            "the caller goes on after a short wait for the first message that finds no room; the flags of standard "
+            "error stay as they were");
+    PROMISE("messages could not be written", "a line before the next one that can be tells how many");
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     expect_counted(flood(ends[0], ends[1]), FLOOD);
@@ -371,6 +375,8 @@ TEST(Log, AReaderThatHangsStopsNobody) {
 }
 
 TEST(Log, AStoppedTerminalStopsNobody) {
+    PROMISE("the terminal that the log goes to is stopped", "the caller goes on");
+    PROMISE("standard error has become another file since messages were lost", "they are counted there");
     const int own = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     ASSERT_TRUE(own >= 0 && grantpt(own) == 0 && unlockpt(own) == 0);
     const int terminal = open(ptsname(own), O_RDWR | O_NOCTTY | O_CLOEXEC);
@@ -395,6 +401,8 @@ TEST(Log, AStoppedTerminalStopsNobody) {
 }
 
 TEST(Log, ASystemLogThatHangsStopsNobody) {
+    PROMISE("the system log hangs", "the caller goes on");
+    PROMISE("messages could not be written", "a line before the next one that can be tells how many");
     const Syslog receiver(SOCK_DGRAM);
     const outcome result = in_child([&] {
         if (init({}) != READY) {
@@ -424,6 +432,7 @@ TEST(Log, ASystemLogThatHangsStopsNobody) {
 }
 
 TEST(Log, WhatWasLostIsToldAtTheEndAtLast) {
+    PROMISE("the application ends with lost messages uncounted", "they are counted then");
     const outcome result = in_child([] {
         int ends[2];
         if (init({"--foreground"}) != READY || pipe(ends) < 0) {
@@ -717,6 +726,8 @@ TEST(App, IgnoresSigpipe) {
 
 // What a program that was started by one that waits for signals, or that a shell has put aside, has inherited.
 TEST(App, TakesItsSignalsWhateverWasInherited) {
+    PROMISE("SIGCHLD, SIGTERM or SIGBUS was blocked or ignored when the program was started",
+            "each takes effect from the beginning on; other signals stay as they were");
     const outcome result = in_child([] {
         sigset_t all;
         sigfillset(&all);
@@ -766,6 +777,7 @@ TEST(App, TakesItsSignalsWhateverWasInherited) {
 
 // A handler that somebody has installed is not taken away: libev's own for children is there before.
 TEST(App, LeavesHandlersAlone) {
+    PROMISE("a signal has a handler before the application begins", "the handler stays");
     const outcome result = in_child([] {
         (void)signal(SIGTERM, [](int) {});
         struct sigaction before = {};
