@@ -55,14 +55,21 @@ void on_invoke_pending(struct ev_loop* loop) {
 }
 
 // The dump is written with nothing but what a signal handler may call: snprintf may lock or allocate, write does not.
-// It is written whole, also where whoever started us has made descriptor 2 one that does not wait. A piece that it
-// refuses, or has no room for within DUMP_PATIENCE_MS, is lost, never the abort after it.
+// It is written whole, also where the caller has made descriptor 2 one that does not wait. A piece that it refuses is
+// lost, never the abort after it; once it had no room for DUMP_PATIENCE_MS, no further piece waits.
 void dump(std::string_view text) {
+    static int patience_ms = DUMP_PATIENCE_MS;
     while (!text.empty()) {
         const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
-        pollfd room = {STDERR_FILENO, POLLOUT, 0};
-        if (written < 0 && (errno == EINTR || (errno == EAGAIN && poll(&room, 1, DUMP_PATIENCE_MS) == 1))) {
+        if (written < 0 && errno == EINTR) {
             continue;
+        }
+        if (written < 0 && errno == EAGAIN) {
+            pollfd room = {STDERR_FILENO, POLLOUT, 0};
+            if (poll(&room, 1, patience_ms) == 1) {
+                continue;
+            }
+            patience_ms = 0;
         }
         if (written <= 0) {
             return;

@@ -612,6 +612,22 @@ TEST_F(MainTest, DumpIsWholeOnADescriptorThatDoesNotWait) {
     EXPECT_EQ(outcome.error.substr(0, expected.size()), expected);
 }
 
+TEST_F(MainTest, DumpWaitsOnceForADescriptorThatStaysFull) {
+    PROMISE("standard error does not block, is full and stays so",
+            "the dump waits 5 s once, not for each of its pieces, and the process aborts");
+    kernel::write(MAPS, text_of_length(800));
+    const auto outcome = child::run([] {
+        int ends[2];
+        EXPECT_EQ(pipe2(ends, O_NONBLOCK), 0);
+        while (write(ends[1], "x", 1) == 1) {
+        }
+        dup2(ends[1], STDERR_FILENO);
+        alarm(15);
+        on_sigbus(SIGBUS, nullptr, nullptr);
+    });
+    EXPECT_TRUE(outcome.killed_by(SIGABRT)) << outcome.status;
+}
+
 TEST_F(MainTest, DumpComesAfterTheDefaultActionAndClosesTheMaps) {
     PROMISE("the dump begins", "SIGBUS has its default action already, so that a second fault ends the process");
     PROMISE("the memory map is copied",
