@@ -169,7 +169,8 @@ int probe_calls(const char* folder, uint32_t seconds) {
                 die("mark");
             }
         }
-        if (now - last_optimise >= OPTIMISE_US) {
+        // While a comparison is under way the call has nothing to do; on a slow card that is most of the time.
+        if (now - last_optimise >= OPTIMISE_US && !kyt::is_comparing(list)) {
             last_optimise = now;
             optimise(list, &maintain);
         }
