@@ -300,19 +300,19 @@ TEST_F(actions, delete_without_an_index_is_done_too) {
 TEST_F(actions, as_many_as_a_request_may_carry) {
     PROMISE("a request carries as many clips as it can", "all are taken");
     std::string params = "[";
-    for (uint32_t ts = 1'790'000'000; ts < 1'790'090'000; ++ts) {
+    for (uint32_t ts = 1'790'000'000; ts < 1'790'011'915; ++ts) {
         params += std::to_string(ts) + ",";
     }
     params.back() = ']';
-    ASSERT_LE(params.size(), 1U << 20);
+    ASSERT_LE(params.size(), 128U << 10);
     EXPECT_EQ(run("deleteVideo", params), DONE);
     ASSERT_EQ(batches.size(), 1U);
-    ASSERT_EQ(batches[0].size(), 90'000U);
-    for (uint32_t i = 0; i < 90'000; ++i) {
+    ASSERT_EQ(batches[0].size(), 11'915U);
+    for (uint32_t i = 0; i < 11'915; ++i) {
         ASSERT_EQ(batches[0][i], 1'790'000'000 + i);
     }
     EXPECT_EQ(run("saveVideo", params), DONE);
-    EXPECT_EQ(told.size(), 90'000U);
+    EXPECT_EQ(told.size(), 11'915U);
 }
 
 TEST_F(actions, save_warns_once_for_each_that_cannot_be_marked) {

@@ -176,25 +176,29 @@ TEST_F(ActionsOnTheWire, AnswerWhateverIsSent) {
     }
 }
 
-TEST_F(ActionsOnTheWire, NinetyThousandElementsAndTooManyBytes) {
+TEST_F(ActionsOnTheWire, AsManyClipsAsARequestMayCarryAndAByteMore) {
     PROMISE("a request carries as many clips as it can", "all are taken");
-    PROMISE("a request is larger than the bus takes", "its answer says so, and nothing is deleted");
+    PROMISE("a request has a byte more than 128 KiB, or is larger than the bus takes",
+            "its answer says so, and nothing is deleted");
+    constexpr size_t PARAMETERS_MAX = size_t{128} << 10;
     std::string payload = "[";
-    for (uint32_t ts = 1'790'000'000; ts < 1'790'090'000; ++ts) {
+    for (uint32_t ts = 1'790'000'000; ts < 1'790'011'915; ++ts) {
         payload += std::to_string(ts) + ",";
     }
     payload.back() = ']';
     const std::string file = broker.folder() + "/payload";
     const std::string command = "mosquitto_pub --unix " + broker.folder() + "/sock -q 1 -t " + ACTION +
                                 "deleteVideo -f " + file + " &";  // in the background: the reply needs our loop
-    for (const std::string& tail : {std::string(), std::string(BUS_PAYLOAD_MAX - payload.size() + 1, ' ')}) {
+    for (const size_t size : {PARAMETERS_MAX, PARAMETERS_MAX + 1, BUS_PAYLOAD_MAX + 1}) {
+        SCOPED_TRACE(size);
+        const bool taken = size == PARAMETERS_MAX;
         seen.clear();
         told.clear();
-        std::ofstream(file) << payload << tail;
+        std::ofstream(file) << payload << std::string(size - payload.size(), ' ');
         ASSERT_EQ(system(command.c_str()), 0);
         ASSERT_TRUE(wait_for(ACTION + "deleteVideo/reply", 1));
-        EXPECT_EQ(on(ACTION + "deleteVideo/reply")[0].payload, tail.empty() ? DONE : R"({"code": -7})");
-        EXPECT_EQ(told, tail.empty() ? list{"delete 90000 clips"} : list{});
+        EXPECT_EQ(on(ACTION + "deleteVideo/reply")[0].payload, taken ? DONE : R"({"code": -7})");
+        EXPECT_EQ(told, taken ? list{"delete 11915 clips"} : list{});
     }
 }
 
