@@ -229,7 +229,7 @@ TEST_F(KytList, AFullCardInUseDoesNotGrowTheFile) {
     add_many(BASE, 7'600, 60);  // the first step is full but for the spare slots and what half an hour needs
     reopen();
     const size_t before = card.bytes(LIST).size();
-    ASSERT_EQ(before, size_t{kyt::STEP_BYTES * 2});
+    ASSERT_EQ(before, size_t{2} * kyt::STEP_BYTES);
     uint32_t newest = 7'600;
     for (int half_hour = 0; half_hour < 80; ++half_hour) {
         for (int i = 0; i < 300; ++i, ++newest) {

@@ -73,7 +73,7 @@ struct KytLook : rig {
     // How many clips a copy of the list has, or why there is none.
     std::string copied() const {
         kyt_handle* const look = kyt_open_rdonly(card.path().c_str());
-        const std::string result = look ? std::to_string(all_ts(look).size()) : std::strerror(errno);
+        std::string result = look ? std::to_string(all_ts(look).size()) : std::strerror(errno);
         EXPECT_EQ(kyt_count(look), all_ts(look).size());
         kyt_close(look);
         return result;
@@ -280,7 +280,9 @@ TEST_F(KytLook, WhereAFolderDoesNotTellTypesTheNamesDecide) {
     PROMISE("the filesystem tells no types", "the names decide");
     libc_calls::after("readdir", [](const called&, intptr_t entry) {
         if (entry != 0) {
-            reinterpret_cast<dirent*>(entry)->d_type = DT_UNKNOWN;
+            dirent* read = nullptr;
+            std::memcpy(&read, &entry, sizeof read);
+            read->d_type = DT_UNKNOWN;
         }
     });
     card.set_bytes("2026092213", "a file with an hour's name");

@@ -140,8 +140,8 @@ TEST_F(KytOpen, SectorsOfAnOpenListMayHaveArrivedInAnyOrder) {
     PROMISE("the power went when later sectors of an open list were on the card and earlier ones were not",
             "that is no damage: the clips in between come from the folder, and nothing is said of marks");
     std::string bytes = with_header(left_open(), [](kyt::list_header* h) { h->records = 128; });
-    std::fill_n(bytes.begin() + 4096 + 128 * 8, 64 * 8, '\0');
-    std::fill_n(bytes.begin() + 4096 + 320 * 8, 64 * 8, '\0');
+    std::fill_n(bytes.begin() + 4096 + 1024, 512, '\0');
+    std::fill_n(bytes.begin() + 4096 + 2560, 512, '\0');
     put(bytes);
     EXPECT_GE(marks_after_opening(), ALL_MARKS - 44);
     EXPECT_TRUE(logged::has("info kyt: the list was not closed: 700 records now, of them 128 from the folder"))
