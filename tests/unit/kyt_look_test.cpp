@@ -281,7 +281,7 @@ TEST_F(KytLook, WhereAFolderDoesNotTellTypesTheNamesDecide) {
     libc_calls::after("readdir", [](const called&, intptr_t entry) {
         if (entry != 0) {
             dirent* read = nullptr;
-            std::memcpy(&read, &entry, sizeof read);
+            std::memcpy(&read, &entry, sizeof entry);
             read->d_type = DT_UNKNOWN;
         }
     });
