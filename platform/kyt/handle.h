@@ -43,9 +43,9 @@ namespace kyt {
 // kyt_open_rdwr for any folder.
 kyt_handle* open_folder(const char* path);
 // Waits until all changes so far are on the card. False: they are not, after 100 s.
-bool settle(kyt_handle* list);
+bool settle(kyt_handle* h);
 // Whether a comparison with the folder is under way. kyt_optimise takes over its results when it is not.
-bool is_comparing(const kyt_handle* list);
+bool is_comparing(const kyt_handle* h);
 
 // An empty handle, null with ENOMEM; and its end, without closing a descriptor. The memory of `list` belongs to the
 // keeper if there is one.

@@ -34,8 +34,12 @@ bool grow(writer* w, uint32_t used) {
     return true;
 }
 
+size_t first_slot(uint32_t sector) {
+    return size_t{sector} * SECTOR_RECORDS;
+}
+
 bool is_written(const store& list, uint32_t sector) {
-    return (list.sums[sector] | SYNCED) == (sum_of(list.slots + sector * SECTOR_RECORDS, SECTOR_RECORDS) | SYNCED);
+    return (list.sums[sector] | SYNCED) == (sum_of(list.slots + first_slot(sector), SECTOR_RECORDS) | SYNCED);
 }
 
 // 0, or the errno of the last write that the card has refused.
@@ -46,8 +50,8 @@ int write_sectors(writer* w, uint32_t sectors) {
     for (uint32_t sector = 0; sector < sectors;) {
         uint32_t count = 0;
         for (; count < RUN_SECTORS && sector + count < sectors && !is_written(list, sector + count); ++count) {
-            kyt_record* const to = run + count * SECTOR_RECORDS;
-            copy_records(to, list.slots + (sector + count) * SECTOR_RECORDS, SECTOR_RECORDS);
+            kyt_record* const to = run + first_slot(count);
+            copy_records(to, list.slots + first_slot(sector + count), SECTOR_RECORDS);
             list.sums[sector + count] = sum_of(to, SECTOR_RECORDS);
         }
         if (count > 0) {
