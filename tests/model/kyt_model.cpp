@@ -624,7 +624,7 @@ void go_round(session* s) {
     s->held = nullptr;
     await_commit(s);
     // What there ever was at once: the clips before, those that wait for one comparison and for the next.
-    const auto most = static_cast<uint32_t>(s->most_listed + s->expected.deleted.size() + 8 * CLIPS);
+    const auto most = static_cast<uint32_t>(s->most_listed + s->expected.deleted.size() + size_t{8} * CLIPS);
     const auto size = std::filesystem::file_size(s->card.file(kyt::LIST_NAME));
     if (size > kyt::file_bytes(most) + kyt::STEP_BYTES) {
         fail(0, "%zu clips at most, and the file has grown to %zu bytes", s->most_listed, static_cast<size_t>(size));

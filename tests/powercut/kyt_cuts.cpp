@@ -354,7 +354,9 @@ void judge(rig* r, kyt_handle* list, const image& made) {
     const bool was_closed = main_list != made.files.files.end() &&
                             header_of(main_list->second.bytes).state == static_cast<uint32_t>(kyt::file_state::CLOSED);
     uint32_t lost = 0;
-    for (const auto& [ts, c] : r->clips) {
+    for (const auto& entry : r->clips) {
+        const uint32_t ts = entry.first;
+        const auto& c = entry.second;
         const kyt_record* const record = kyt_get(list, ts);
         if (record == nullptr && was_closed && !c.is_known) {
             continue;  // a list that was closed is believed; a comparison finds the clip

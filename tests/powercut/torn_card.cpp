@@ -229,9 +229,9 @@ remains card_state::cut(std::mt19937* random) const {
     }
     const names newest = newest_names();
     for (const auto& [name, number] : names_) {
-        left.nameless |= !named.contains(number) && std::any_of(newest.begin(), newest.end(), [&](const auto& entry) {
-            return entry.second == number;
-        });
+        left.nameless |= !named.contains(number) &&
+                         std::any_of(newest.begin(), newest.end(),
+                                     [wanted = number](const auto& entry) { return entry.second == wanted; });
     }
     return left;
 }

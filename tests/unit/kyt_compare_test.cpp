@@ -75,7 +75,7 @@ TEST_F(KytCompare, WhateverTheClockSays) {
         uint32_t current;
     } ROWS[] = {{INT32_MAX, INT32_MAX - 2 * HOUR, INT32_MAX - 10},
                 {int64_t{INT32_MAX} + 1, INT32_MAX - 2 * HOUR, INT32_MAX + 1U},
-                {int64_t{INT32_MAX} + 5 * HOUR, INT32_MAX, INT32_MAX + 5 * HOUR},
+                {int64_t{INT32_MAX} + int64_t{5} * HOUR, INT32_MAX, INT32_MAX + 5 * HOUR},
                 {UINT32_MAX - 10, LAST_OF_TIME - HOUR, UINT32_MAX - 20},
                 {0, 0, 1},
                 {299, 0, 1},

@@ -282,7 +282,7 @@ TEST_F(KytKeeper, AFileGrowsAheadOfNeed) {
     EXPECT_TRUE(sizes.empty());
     ASSERT_EQ(add(BASE + fits), 0);
     ASSERT_TRUE(kyt::settle(list));
-    EXPECT_EQ(sizes, std::vector<int64_t>{2 * kyt::STEP_BYTES});
+    EXPECT_EQ(sizes, std::vector<int64_t>{int64_t{2} * kyt::STEP_BYTES});
     add_many(BASE + fits + 1, 20'000);
     ASSERT_TRUE(kyt::settle(list));
     EXPECT_EQ(card.bytes(LIST).size(), kyt::file_bytes(fits + 20'001));
