@@ -146,7 +146,7 @@ void make_list(const std::string& path, recipe* r) {
             turn_header(fd);
         }
         // Not the sectors that were turned back before the power went.
-        const size_t native = r->byte() % 4 * kyt::SECTOR_RECORDS;
+        const size_t native = size_t{r->byte() % 4U} * kyt::SECTOR_RECORDS;
         std::transform(slots.begin() + static_cast<ptrdiff_t>(std::min(native, slots.size())), slots.end(),
                        slots.begin() + static_cast<ptrdiff_t>(std::min(native, slots.size())), kyt::swapped);
     }
