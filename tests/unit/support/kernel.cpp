@@ -190,7 +190,7 @@ int __wrap_open64(const char* path, int flags, ...) {
     va_start(args, flags);
     mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(args, mode_t) : 0;
     va_end(args);
-    the_hooks.open_flags = flags;
+    __atomic_store_n(&the_hooks.open_flags, flags, __ATOMIC_RELAXED);  // threads open files, too
     return enter("open", path) ? -1 : __real_open64(lead(path).c_str(), flags, mode);
 }
 int __wrap_open(const char* path, int flags, ...) __attribute__((alias("__wrap_open64")));
